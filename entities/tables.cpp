@@ -90,10 +90,11 @@ int InformationToLua(lua_State* L, const ZOVRELAY_Information* information) {
         unsigned long step = information->products[i].componentCount + 1;
         length = step > ULONG_MAX - length ? ULONG_MAX : length + step;
     }
+    // The keys go below the result table, so that addFriendly finds (result, index, entity) on top.
+    int keys = lua_gettop(L) + 1;
+    for (int k = 0; k < KEY_COUNT; ++k) lua_pushstring(L, kEntityKeys[k]);
     lua_createtable(L, length > INT_MAX ? INT_MAX : static_cast<int>(length), 0);
     int result = lua_gettop(L);
-    int keys = result + 1;
-    for (int k = 0; k < KEY_COUNT; ++k) lua_pushstring(L, kEntityKeys[k]);
 
     lua_Integer index = 0;
     for (unsigned long i = 0; i < productCount; ++i) {
@@ -109,7 +110,8 @@ int InformationToLua(lua_State* L, const ZOVRELAY_Information* information) {
             lua_rawset(L, result);
         }
     }
-    lua_settop(L, result);
+    lua_replace(L, keys);
+    lua_settop(L, keys);
     return 1;
 }
 
