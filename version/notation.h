@@ -6,7 +6,9 @@
 
 struct lua_State;
 
-enum MINOR_VERSION_TYPE { MINOR_VERSION_LEFT_PADDED = 0, MINOR_VERSION_RIGHT_PADDED = 1 };
+// Any other value acts as MINOR_VERSION_LEFT_PADDED; the fixed underlying type makes every int a
+// valid value of the enumeration.
+enum MINOR_VERSION_TYPE : int { MINOR_VERSION_LEFT_PADDED = 0, MINOR_VERSION_RIGHT_PADDED = 1 };
 
 // A version text held by value: ASCII digits and ".", NUL-terminated, length without the NUL.
 // Plain data, so it may live in frames that a Lua error unwinds.
