@@ -1,0 +1,112 @@
+// Opening and closing relay contexts, and the settings made on them.
+#include "context.h"
+#include "library.h"
+#include "status.h"
+#include "wide.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <filesystem>
+#include <memory>
+#include <system_error>
+
+namespace localrelay {
+
+FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
+    if (this != &other) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = other.release();
+    }
+    return *this;
+}
+
+FileDescriptor::~FileDescriptor() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+int FileDescriptor::release() noexcept {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+}
+
+// Failing to open it costs nothing but the sharing: the context works without it.
+NamedSemaphore::NamedSemaphore() : handle_(sem_open("/zovrelay", O_CREAT, 0666, 1)) {}
+
+NamedSemaphore::~NamedSemaphore() {
+    if (handle_ != SEM_FAILED) sem_close(handle_);
+}
+
+ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository) {
+    std::error_code ignored;
+    // Whatever went wrong shows again when the directory is opened.
+    std::filesystem::create_directories(path, ignored);
+
+    FileDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.get() < 0) return kRepositoryNotAccessible;
+    // flock, not fcntl locks: a second open of the directory conflicts within one process too.
+    if (::flock(directory.get(), LOCK_EX | LOCK_NB) != 0)
+        return errno == EWOULDBLOCK ? kRepositoryBusy : kRepositoryNotAccessible;
+
+    if (::mkdirat(directory.get(), "packages", 0777) != 0 && errno != EEXIST) return kRepositoryNotAccessible;
+    struct stat packages {};
+    if (::fstatat(directory.get(), "packages", &packages, 0) != 0 || !S_ISDIR(packages.st_mode))
+        return kRepositoryNotAccessible;
+
+    // Absolute, so that a later change of working directory cannot move the repository.
+    const std::unique_ptr<char, decltype(&std::free)> absolute(::realpath(path.c_str(), nullptr), &std::free);
+    if (!absolute) return errno == ENOMEM ? kOutOfMemory : kRepositoryNotAccessible;
+
+    repository.path = absolute.get();
+    repository.directory = std::move(directory);
+    return kSuccess;
+}
+
+} // namespace localrelay
+
+using namespace localrelay;
+
+extern "C" {
+
+ZOVRELAY_Status ZOVRELAY_CreateContext(ZOVRELAY_Context** context, const wchar_t* repository) {
+    if (!IsStarted()) return kNotStarted;
+    if (context == nullptr || repository == nullptr) return kInvalidArgument;
+    return Guard([&]() -> ZOVRELAY_Status {
+        std::optional<std::string> path = NarrowWide(repository);
+        if (!path) return kInvalidArgument;
+        Repository opened;
+        const ZOVRELAY_Status status = OpenRepository(*path, opened);
+        if (status <= 0) return status;
+        // The semaphore comes last, so that a refused context never opens it.
+        *context = new ZOVRELAY_Context(std::move(opened));
+        return kSuccess;
+    });
+}
+
+// Releases whatever the library's state: the module destroys every context it made.
+ZOVRELAY_Status ZOVRELAY_DestroyContext(ZOVRELAY_Context* context) {
+    if (context == nullptr) return IsStarted() ? kInvalidArgument : kNotStarted;
+    delete context;
+    return IsStarted() ? kSuccess : kNotStarted;
+}
+
+// Options and events arrive with the mirroring work; until then no option is known.
+ZOVRELAY_Status ZOVRELAY_SetOption(ZOVRELAY_Context* /*context*/, int /*option*/, int64_t /*value*/) {
+    return IsStarted() ? kInvalidArgument : kNotStarted;
+}
+
+ZOVRELAY_Status ZOVRELAY_SetStringOption(ZOVRELAY_Context* /*context*/, int /*option*/, const wchar_t* /*value*/) {
+    return IsStarted() ? kInvalidArgument : kNotStarted;
+}
+
+ZOVRELAY_Status ZOVRELAY_SubscribeEvent(ZOVRELAY_Context* /*context*/, ZOVRELAY_EventType /*type*/,
+                                        ZOVRELAY_Callback /*callback*/, void* /*userData*/) {
+    return IsStarted() ? kInvalidArgument : kNotStarted;
+}
+
+} // extern "C"

@@ -1,0 +1,81 @@
+// Statuses of the local relay and their messages: the one table that every call and
+// ZOVRELAY_GetStatusMessage read. Errors travel inside the library as these values.
+#ifndef LOCALRELAY_STATUS_H
+#define LOCALRELAY_STATUS_H
+
+#include "zovrelay.h"
+
+#include <cstddef>
+#include <new>
+#include <stdexcept>
+#include <system_error>
+
+namespace localrelay {
+
+enum Status : ZOVRELAY_Status {
+    kSuccess = 1,
+    kInvalidArgument = -1,
+    kNotStarted = -2,
+    kRepositoryNotAccessible = -3,
+    kOutOfMemory = -4,
+    kNoSourceReachable = -5,
+    kNotFound = -6,
+    kIntegrityFailed = -7,
+    kCancelled = -8,
+    kRepositoryBusy = -9,
+    kIoError = -10,
+    kInvalidCatalog = -11,
+};
+
+struct StatusEntry {
+    Status status;
+    const wchar_t* message;
+};
+
+inline constexpr StatusEntry kStatusTable[] = {
+    {kSuccess, L"success"},
+    {kInvalidArgument, L"invalid argument"},
+    {kNotStarted, L"relay library not started"},
+    {kRepositoryNotAccessible, L"repository not accessible"},
+    {kOutOfMemory, L"out of memory"},
+    {kNoSourceReachable, L"no source reachable"},
+    {kNotFound, L"not found"},
+    {kIntegrityFailed, L"integrity check failed"},
+    {kCancelled, L"cancelled"},
+    {kRepositoryBusy, L"repository is busy"},
+    {kIoError, L"i/o error"},
+    {kInvalidCatalog, L"invalid catalog"},
+};
+
+// The caller's buffer is 64 wide characters and its size never reaches us.
+inline constexpr std::size_t kStatusMessageCapacity = 64;
+
+constexpr bool MessagesFit() {
+    for (const StatusEntry& entry : kStatusTable) {
+        std::size_t length = 0;
+        while (entry.message[length] != L'\0') ++length;
+        if (length >= kStatusMessageCapacity) return false;
+    }
+    return true;
+}
+static_assert(MessagesFit(), "a status message must fit 63 wide characters");
+
+// Runs the body of an extern "C" call: no exception may cross into C callers.
+template <class Body>
+ZOVRELAY_Status Guard(Body&& body) noexcept {
+    try {
+        return body();
+    } catch (const std::bad_alloc&) {
+        return kOutOfMemory;
+    } catch (const std::length_error&) {
+        return kOutOfMemory;
+    } catch (const std::system_error&) {
+        return kIoError;
+    } catch (...) {
+        return kOutOfMemory;
+    }
+}
+
+} // namespace localrelay
+
+#endif

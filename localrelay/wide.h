@@ -1,0 +1,17 @@
+// Wide strings from the module back to the bytes they stand for (paths, URLs, option values).
+#ifndef LOCALRELAY_WIDE_H
+#define LOCALRELAY_WIDE_H
+
+#include <optional>
+#include <string>
+
+namespace localrelay {
+
+// The module widens Lua bytes by sign extension, so 0xFFFFFF80-0xFFFFFFFF are the bytes
+// 0x80-0xFF and come back unchanged; other values of 0x80 and above are code points, written as
+// UTF-8. Surrogates and values past U+10FFFF name no character: nullopt. text must not be null.
+std::optional<std::string> NarrowWide(const wchar_t* text);
+
+} // namespace localrelay
+
+#endif
