@@ -16,7 +16,8 @@ extern "C" {
 
 typedef int32_t ZOVRELAY_Status;
 
-typedef enum ZOVRELAY_EventType {
+/* A fixed 32-bit type: relays may raise types outside 0-5, which must stay valid values. */
+typedef enum ZOVRELAY_EventType : int32_t {
     ZOVRELAY_EVENT_DOWNLOAD = 0,
     ZOVRELAY_EVENT_PROGRESS = 1,
     ZOVRELAY_EVENT_REMOVEBEGIN = 2,
@@ -142,6 +143,7 @@ static_assert(offsetof(ZOVRELAY_Proxy, type) == 0 && offsetof(ZOVRELAY_Proxy, pa
               offsetof(ZOVRELAY_Proxy, padding1) == 18 && offsetof(ZOVRELAY_Proxy, user) == 24 &&
               offsetof(ZOVRELAY_Proxy, password) == 32, "ZOVRELAY_Proxy");
 
+static_assert(sizeof(ZOVRELAY_EventMessage) == 24, "ZOVRELAY_EventMessage");
 static_assert(offsetof(ZOVRELAY_EventMessage, information) == 0 && offsetof(ZOVRELAY_EventMessage, total) == 8 &&
               offsetof(ZOVRELAY_EventMessage, finished) == 16, "ZOVRELAY_EventMessage");
 #endif
