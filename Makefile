@@ -1,7 +1,10 @@
 # The user's entry point: `make demo` and `make test` install what is missing, configure, build, run.
 
-# Every Debian package the project needs, in one list.
-PACKAGES := g++ make cmake pkg-config lua5.2 liblua5.2-dev lua-busted googletest libgtest-dev
+# Every Debian package the project needs, in one list. The last line holds what tests and
+# benchmarks run beside the project: loopback HTTP(S) servers, proxies, certificates, curl.
+PACKAGES := g++ make cmake pkg-config lua5.2 liblua5.2-dev lua-busted googletest libgtest-dev \
+            libcurl4-openssl-dev libzip-dev libssl-dev lua-cjson \
+            python3 openssl curl tinyproxy-bin microsocks
 
 BUILD_DIR := build
 BUILD_TYPE ?= RelWithDebInfo

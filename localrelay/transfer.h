@@ -1,0 +1,55 @@
+// Reading a file from a source address: a local directory, file://, http:// or https://.
+// Transfers stream through a fixed buffer, so memory does not grow with the file's size.
+#ifndef LOCALRELAY_TRANSFER_H
+#define LOCALRELAY_TRANSFER_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <string>
+
+#include "status.h"
+
+namespace localrelay {
+
+struct ProxySettings {
+    bool used = false;
+    int type = 0;  // 0 HTTP, 1 SOCKS5
+    std::string host;
+    uint16_t port = 0;
+    std::string user;      // empty: none
+    std::string password;  // empty: none
+};
+
+struct TransferSettings {
+    int64_t maxBandwidth = 0;  // KiB/s; 0 or less: no limit
+    int64_t httpsLevel = 2;    // 0 no certificate check, 1 peer certificate, 2 (and any other) peer and host
+    ProxySettings proxy;
+};
+
+// Receives the file's bytes in order. Answering false stops the transfer at once; Fetch then
+// returns the status the sink left in `stopStatus` (for example cancelled or i/o error).
+class ChunkSink {
+public:
+    virtual ~ChunkSink() = default;
+    virtual bool Write(const char* data, size_t size) = 0;
+    ZOVRELAY_Status stopStatus = -10;
+};
+
+// The address of `relative` under a source address: "<address>/<relative>", with one "/".
+std::string JoinAddress(const std::string& address, const std::string& relative);
+
+// Streams the file at `address` (absolute path, file:// or http(s):// URL) into the sink.
+// Returns 1 on success; -5 when the file cannot be reached or read (missing file, refused
+// connection, HTTP error status, certificate refused); the sink's stopStatus when it stopped the
+// transfer; -10 for local read errors after the file was opened. `error` gets a one-line reason.
+ZOVRELAY_Status Fetch(const std::string& address, const TransferSettings& settings, ChunkSink& sink,
+                      std::string* error = nullptr);
+
+// Reads a small file (a catalog) whole; more than `limit` bytes answers -11 "invalid catalog".
+ZOVRELAY_Status FetchText(const std::string& address, const TransferSettings& settings, std::string& text,
+                          size_t limit = 64u << 20, std::string* error = nullptr);
+
+}  // namespace localrelay
+
+#endif
