@@ -41,7 +41,7 @@ demo: build
 	@LUA_CPATH='$(BUILD_DIR)/lua/?.so;;' lua5.2 -e 'local u = require "update"; print(u.version().string)'
 
 bench: build
-	@echo "No benchmarks yet."
+	@sh bench/run.sh
 
 clean:
 	rm -rf $(BUILD_DIR)

@@ -50,6 +50,10 @@ ZOVRELAY_Status Fetch(const std::string& address, const TransferSettings& settin
 ZOVRELAY_Status FetchText(const std::string& address, const TransferSettings& settings, std::string& text,
                           size_t limit = 64u << 20, std::string* error = nullptr);
 
+// Fetch for http:// and https:// addresses (libcurl), with the same contract as Fetch.
+ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settings, ChunkSink& sink,
+                          std::string* error);
+
 }  // namespace localrelay
 
 #endif

@@ -1,0 +1,18 @@
+#!/bin/sh
+# Runs every benchmark: the programs build/bench/*_bench and the Lua scripts bench/*_bench.lua.
+# Each prints its figures beside its peer's, with the ratio.
+set -eu
+top=$(cd "$(dirname "$0")/.." && pwd)
+build=${UPDATE_BUILD_DIR:-$top/build}
+status=0
+for program in "$build"/bench/*_bench; do
+  [ -x "$program" ] || continue
+  echo "== $(basename "$program")"
+  "$program" || status=1
+done
+for script in "$top"/bench/*_bench.lua; do
+  [ -f "$script" ] || continue
+  echo "== $(basename "$script")"
+  (cd "$top" && LUA_CPATH="$build/fake/?.so;$build/lua/?.so;;" lua5.2 "$script") || status=1
+done
+exit $status
