@@ -1,20 +1,27 @@
 // The Lua entry point and the module's function table.
 #include "entities/tables.h"
 #include "module/module.h"
+#include "operations/operations.h"
 
 namespace {
 
 // Set once the first open has started the relay library; never reset, not even by shutdown().
 int startup = 0;
 
-// Registered in this order. extract, removeke, list, everything, patterns, patternsExceptKerno
-// and components take their places between toproduct and ok as the repository operations land.
+// Registered in this order.
 const luaL_Reg r_update[] = {
     {"startup", l_startup},
     {"shutdown", l_shutdown},
     {"version", l_version},
     {"tocomponent", l_tocomponent},
     {"toproduct", l_toproduct},
+    {"extract", l_extract},
+    {"removeke", l_removeke},
+    {"list", l_list},
+    {"everything", l_everything},
+    {"patterns", l_patterns},
+    {"patternsExceptKerno", l_patternsExceptKerno},
+    {"components", l_components},
     {"ok", l_ok},
     {nullptr, nullptr},
 };

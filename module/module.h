@@ -28,6 +28,14 @@ int CreateContext(lua_State* L, ZOVRELAY_Context*& context);
 // Destroys the context and removes the semaphore file.
 void DestroyContext(ZOVRELAY_Context*& context);
 
+// Applies the options table (argument 4) to the context and subscribes its event handlers.
+// Null when all was applied, else the message of the first rejected entry: a static string, or
+// one pushed on the stack (valid while it stays there). Never raises by itself; metamethods may.
+const char* ContextOptions(lua_State* L, ZOVRELAY_Context* context, int& cleanupMode);
+
+// The one function the module hands to the relay as a callback; userData is the calling lua_State.
+int Callback(ZOVRELAY_EventType type, ZOVRELAY_EventMessage* message, void* userData);
+
 int l_startup(lua_State* L);
 int l_shutdown(lua_State* L);
 int l_version(lua_State* L);
