@@ -60,6 +60,7 @@ int convertInformation(lua_State* L) {
 /* [-0, +0 or +3]: 0 with everything converted, or 3 when the context was refused; raises a
    rejected argument after releasing what was acquired */
 int acquire(lua_State* L, Held& held) {
+    lua_settop(L, 5);  // arguments 1-5 in place, absent ones nil, before anything is pushed above them
     if (int results = CreateContext(L, held.context)) return results;
     lua_pushcfunction(L, convertArguments);
     for (int i = 1; i <= 5; ++i) lua_pushvalue(L, i);
