@@ -1,0 +1,211 @@
+// The module's Lua functions called with values built from the fuzzer's bytes, inside a real Lua
+// state, against the fake relay scripted from the same bytes. Every call must return or raise a
+// Lua error, and afterwards no relay context or record may be left.
+//
+// The target works inside a temporary directory it creates: repository paths are always short
+// relative names there, since the clean-up after a mirror deletes archives under them.
+#include <fuzzer/FuzzedDataProvider.h>
+#include <lua.hpp>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <string>
+
+#include "fake_control.h"
+
+extern "C" int luaopen_update(lua_State* L);
+
+namespace {
+
+lua_State* L = nullptr;
+
+const char* const kFunctions[] = {"list",        "everything", "patterns", "patternsExceptKerno", "components",
+                                  "extract",     "removeke",   "tocomponent", "toproduct",        "ok",
+                                  "version",     "startup"};
+
+const char* const kKeys[] = {"url", "proxy", "type", "host", "port", "user", "password", "extract",
+                             "maxbandwidth", "buildpatch", "maxmerge", "keepcount", "httpslevel",
+                             "file_type_blacklist", "enable_check_file_type_blacklist", "download",
+                             "progress", "downloadbegin", "unknown", "ke", "removeke", "Maxbandwidth"};
+
+const char* const kPieces[] = {"c", "t", "3", "4", "22", "2213", "v", ".", "1230", "123456", "l", "p", "r",
+                               "o", "-", "1", "-10", "4294967297", "x", " ", "\xe9"};
+
+// Helpers kept in the registry: handlers that answer, raise, or return nothing.
+const char kPrelude[] = R"lua(
+  local raise = setmetatable({}, {__index = function() error("index") end, __len = function() error("len") end})
+  return {
+    function() return true end, function() error("handler") end, function() end,
+    function(path) return path end, raise,
+  }
+)lua";
+int helpers = LUA_NOREF;
+
+void pushValue(FuzzedDataProvider& data, int depth);
+
+void pushIdentifier(FuzzedDataProvider& data) {
+    std::string text;
+    for (int n = data.ConsumeIntegralInRange(0, 8); n > 0; --n) text += data.PickValueInArray(kPieces);
+    lua_pushlstring(L, text.data(), text.size());
+}
+
+void pushTable(FuzzedDataProvider& data, int depth) {
+    int entries = data.ConsumeIntegralInRange(0, 4);
+    lua_createtable(L, entries, 0);
+    for (int i = 1; i <= entries; ++i) {
+        if (data.ConsumeBool()) {
+            pushValue(data, depth + 1);
+            lua_rawseti(L, -2, i);
+        } else {
+            lua_pushstring(L, data.PickValueInArray(kKeys));
+            pushValue(data, depth + 1);
+            lua_rawset(L, -3);
+        }
+    }
+    if (data.ConsumeIntegralInRange(0, 7) == 0) {
+        lua_rawgeti(L, LUA_REGISTRYINDEX, helpers);
+        lua_rawgeti(L, -1, 5);
+        lua_getmetatable(L, -1);
+        lua_setmetatable(L, -4);
+        lua_pop(L, 2);
+    }
+}
+
+/* [-0, +1] */
+void pushValue(FuzzedDataProvider& data, int depth) {
+    static const double kNumbers[] = {0.0, -1.0, 80.9, 70000.0, 2147483648.0, -2147483649.0, 1e300, 9007199254740993.0};
+    switch (depth >= 3 ? data.ConsumeIntegralInRange(0, 5) : data.ConsumeIntegralInRange(0, 8)) {
+        case 0: lua_pushnil(L); break;
+        case 1: lua_pushboolean(L, data.ConsumeBool()); break;
+        case 2: {
+            switch (data.ConsumeIntegralInRange(0, 3)) {
+                case 0: lua_pushnumber(L, __builtin_nan("")); break;
+                case 1: lua_pushnumber(L, data.ConsumeBool() ? __builtin_inf() : -__builtin_inf()); break;
+                case 2: lua_pushnumber(L, data.PickValueInArray(kNumbers)); break;
+                default: lua_pushnumber(L, data.ConsumeFloatingPoint<double>()); break;
+            }
+            break;
+        }
+        case 3: {
+            std::string text = data.ConsumeRandomLengthString(24);
+            lua_pushlstring(L, text.data(), text.size());
+            break;
+        }
+        case 4: pushIdentifier(data); break;
+        case 5: {
+            lua_rawgeti(L, LUA_REGISTRYINDEX, helpers);
+            lua_rawgeti(L, -1, data.ConsumeIntegralInRange(1, 4));
+            lua_remove(L, -2);
+            break;
+        }
+        default: pushTable(data, depth); break;
+    }
+}
+
+// A repository path: a short relative name in the working directory, or a value of another type.
+void pushPath(FuzzedDataProvider& data) {
+    switch (data.ConsumeIntegralInRange(0, 3)) {
+        case 0: lua_pushfstring(L, "r%d", data.ConsumeIntegralInRange(0, 3)); break;
+        case 1: lua_pushfstring(L, "r%d/", data.ConsumeIntegralInRange(0, 3)); break;
+        case 2: lua_pushinteger(L, data.ConsumeIntegralInRange(0, 3)); break;
+        default: pushValue(data, 3); break;
+    }
+    if (lua_type(L, -1) == LUA_TSTRING && strchr(lua_tostring(L, -1), '/') == lua_tostring(L, -1)) lua_pushnil(L);
+}
+
+ZOVRELAY_EntityItem fuzzEntity(FuzzedDataProvider& data) {
+    static const int32_t kFields[] = {-1, -10, 0, 1, 2, 4, 7};
+    static const int32_t kKinds[][2] = {{3, 4}, {3, 2048}, {22, 2213}, {22, 2212}, {2, 1207960066}, {2, 7}, {1, 5}};
+    ZOVRELAY_EntityItem entity = FakeRelay_DefaultEntity();
+    const int32_t* kind = kKinds[data.ConsumeIntegralInRange<size_t>(0, 6)];
+    entity.klass = kind[0];
+    entity.type = kind[1];
+    entity.language = data.PickValueInArray(kFields);
+    entity.oem = data.PickValueInArray(kFields);
+    entity.version.major = data.ConsumeIntegral<uint64_t>();
+    entity.version.minor = data.ConsumeIntegralInRange<uint64_t>(0, 20000);
+    entity.version.build = data.ConsumeBool() ? 0 : data.ConsumeIntegral<uint64_t>();
+    return entity;
+}
+
+void scriptRelay(FuzzedDataProvider& data) {
+    FakeRelay_Reset();
+    for (const char* call : {"CreateContext", "GetInformation", "Duplicate", "ExportComponent"}) {
+        int status = data.ConsumeIntegralInRange(-11, 3);
+        if (status == 0) status = 1;
+        if (call[0] == 'G' || call[0] == 'D') {
+            ZOVRELAY_EntityItem components[4];
+            FakeRelay_CraftedProduct products[3];
+            size_t count = data.ConsumeIntegralInRange<size_t>(0, 3);
+            for (size_t p = 0; p < count; ++p) {
+                size_t n = data.ConsumeIntegralInRange<size_t>(0, 4);
+                for (size_t c = 0; c < n; ++c) components[c] = fuzzEntity(data);
+                bool huge = data.ConsumeIntegralInRange(0, 15) == 0;
+                products[p] = {fuzzEntity(data), components, n, huge, huge ? ~0ul / 8 : 0};
+            }
+            FakeRelay_ScriptInformation(call, status, products, count);
+        } else if (data.ConsumeBool()) {
+            FakeRelay_ScriptStatus(call, status);
+        }
+    }
+    for (int n = data.ConsumeIntegralInRange(0, 3); n > 0; --n) {
+        uint32_t text[3] = {233, 0xFFFFFFE9, 'a'};
+        FakeRelay_QueueEvent(data.ConsumeIntegralInRange(-1, 7), data.ConsumeBool(), data.ConsumeBool() ? text : nullptr,
+                             3, data.ConsumeIntegral<uint64_t>(), data.ConsumeIntegral<uint64_t>());
+    }
+}
+
+}  // namespace
+
+// Records that declare 2^61 components make the result table's allocation fail: as in production,
+// the allocator must answer null (Lua then raises a memory error) rather than abort.
+extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+    char directory[] = "/tmp/update-fuzz-XXXXXX";
+    if (mkdtemp(directory) == nullptr || chdir(directory) != 0 || mkdir("r0", 0700) != 0 ||
+        mkdir("r0/packages", 0700) != 0)
+        abort();
+    L = luaL_newstate();
+    luaL_openlibs(L);
+    luaopen_update(L);
+    lua_setglobal(L, "update");
+    if (luaL_dostring(L, kPrelude) != LUA_OK) abort();
+    helpers = luaL_ref(L, LUA_REGISTRYINDEX);
+    return 0;
+}
+
+namespace {
+
+// r0 is a repository whose archives the clean-up may delete; they come back for every input.
+void makeRepository() {
+    static const char* const kFiles[] = {"r0/server.ini", "r0/packages/c3t4_16.zip", "r0/packages/c3t4_merged.zip"};
+    for (const char* name : kFiles) {
+        if (FILE* file = fopen(name, "w")) fclose(file);
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+    FuzzedDataProvider data(bytes, size);
+    makeRepository();
+    scriptRelay(data);
+    lua_getglobal(L, "update");
+    lua_getfield(L, -1, data.PickValueInArray(kFunctions));
+    int arguments = data.ConsumeIntegralInRange(0, 5);
+    for (int i = 1; i <= arguments; ++i) {
+        if (i == 1)
+            pushPath(data);
+        else
+            pushValue(data, 0);
+    }
+    lua_pcall(L, arguments, LUA_MULTRET, 0);
+    lua_settop(L, 0);
+    if (FakeRelay_OpenContexts() != 0 || FakeRelay_OutstandingRecords() != 0) __builtin_trap();
+    lua_gc(L, LUA_GCSTEP, 0);
+    return 0;
+}
