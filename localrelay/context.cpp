@@ -1,6 +1,7 @@
 // Opening and closing relay contexts, and the settings made on them.
 #include "context.h"
 #include "library.h"
+#include "repository.h"
 #include "status.h"
 #include "wide.h"
 
@@ -57,6 +58,8 @@ ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository) 
     struct stat packages {};
     if (::fstatat(directory.get(), "packages", &packages, 0) != 0 || !S_ISDIR(packages.st_mode))
         return kRepositoryNotAccessible;
+    // Under the lock, so no running mirror of another context can own them.
+    RemoveStaleTemporaries(directory.get());
 
     // Absolute, so that a later change of working directory cannot move the repository.
     const std::unique_ptr<char, decltype(&std::free)> absolute(::realpath(path.c_str(), nullptr), &std::free);
@@ -88,25 +91,38 @@ ZOVRELAY_Status ZOVRELAY_CreateContext(ZOVRELAY_Context** context, const wchar_t
     });
 }
 
-// Releases whatever the library's state: the module destroys every context it made.
+// Releases whatever the library's state: the module destroys every context it made. From inside
+// an event handler of this context's running operation, the operation releases it on return.
 ZOVRELAY_Status ZOVRELAY_DestroyContext(ZOVRELAY_Context* context) {
     if (context == nullptr) return IsStarted() ? kInvalidArgument : kNotStarted;
-    delete context;
+    if (context->running) context->destroyPending = true;
+    else delete context;
     return IsStarted() ? kSuccess : kNotStarted;
 }
 
-// Options and events arrive with the mirroring work; until then no option is known.
-ZOVRELAY_Status ZOVRELAY_SetOption(ZOVRELAY_Context* /*context*/, int /*option*/, int64_t /*value*/) {
-    return IsStarted() ? kInvalidArgument : kNotStarted;
+// Reads all 64 bits: a value past 2^32 is a different value, not its low half.
+ZOVRELAY_Status ZOVRELAY_SetOption(ZOVRELAY_Context* context, int option, int64_t value) {
+    if (!IsStarted()) return kNotStarted;
+    if (context == nullptr) return kInvalidArgument;
+    return SetNumberOption(context->options, option, value);
 }
 
-ZOVRELAY_Status ZOVRELAY_SetStringOption(ZOVRELAY_Context* /*context*/, int /*option*/, const wchar_t* /*value*/) {
-    return IsStarted() ? kInvalidArgument : kNotStarted;
+// The caller frees its string right after the call, so the option keeps its own bytes.
+ZOVRELAY_Status ZOVRELAY_SetStringOption(ZOVRELAY_Context* context, int option, const wchar_t* value) {
+    if (!IsStarted()) return kNotStarted;
+    if (context == nullptr || value == nullptr) return kInvalidArgument;
+    return Guard([&]() -> ZOVRELAY_Status {
+        const std::optional<std::string> text = NarrowWide(value);
+        if (!text) return kInvalidArgument;
+        return SetTextOption(context->options, option, *text);
+    });
 }
 
-ZOVRELAY_Status ZOVRELAY_SubscribeEvent(ZOVRELAY_Context* /*context*/, ZOVRELAY_EventType /*type*/,
-                                        ZOVRELAY_Callback /*callback*/, void* /*userData*/) {
-    return IsStarted() ? kInvalidArgument : kNotStarted;
+ZOVRELAY_Status ZOVRELAY_SubscribeEvent(ZOVRELAY_Context* context, ZOVRELAY_EventType type,
+                                        ZOVRELAY_Callback callback, void* userData) {
+    if (!IsStarted()) return kNotStarted;
+    if (context == nullptr) return kInvalidArgument;
+    return context->events.Subscribe(type, callback, userData);
 }
 
 } // extern "C"

@@ -2,6 +2,8 @@
 #ifndef LOCALRELAY_CONTEXT_H
 #define LOCALRELAY_CONTEXT_H
 
+#include "events.h"
+#include "options.h"
 #include "zovrelay.h"
 
 #include <semaphore.h>
@@ -46,18 +48,24 @@ struct Repository {
     FileDescriptor directory;  // holds the exclusive flock; later work may openat() through it
 };
 
-// Creates the directory and its packages/ when missing and takes the lock.
-// kRepositoryNotAccessible or kRepositoryBusy when it cannot.
+// Creates the directory and its packages/ when missing, takes the lock, and removes the
+// temporaries a killed run left. kRepositoryNotAccessible or kRepositoryBusy when it cannot.
 ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository);
 
 } // namespace localrelay
 
-// Options and event subscriptions join this struct as members of their own types.
+// One member per concern; a plain delete releases them all.
 struct ZOVRELAY_Context {
     explicit ZOVRELAY_Context(localrelay::Repository opened) : repository(std::move(opened)) {}
 
     localrelay::Repository repository;
     localrelay::NamedSemaphore semaphore;
+    localrelay::Options options;
+    localrelay::Events events;
+    // An operation is running on this context. A handler may then destroy the context: that only
+    // sets destroyPending, and the operation deletes the context when it returns.
+    bool running = false;
+    bool destroyPending = false;
 };
 
 #endif

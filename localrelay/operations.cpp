@@ -1,32 +1,175 @@
-// Listing, mirroring and export. They arrive with the mirroring work; until then every request
-// is refused, and no record is ever handed out.
+// Listing, mirroring, export and the release of information records: the calls that work on a
+// context's repository. Arguments are checked here; the work lives in listing, mirror and
+// repository.
+#include "context.h"
+#include "files.h"
 #include "library.h"
+#include "listing.h"
+#include "mirror.h"
+#include "records.h"
+#include "repository.h"
+#include "sources.h"
 #include "status.h"
+#include "wide.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+
+namespace localrelay {
+namespace {
+
+// One operation at a time per context. A handler that destroys the running operation's context
+// only marks it; the context goes when the operation returns. Everything the operation needs is
+// copied first, so a handler changing options or subscriptions does not disturb it.
+class Operation {
+public:
+    explicit Operation(ZOVRELAY_Context* context)
+        : context_(context), busy_(context->running), repository_(context->repository.path),
+          options_(context->options), events_(context->events) {
+        context_->running = true;
+    }
+    Operation(const Operation&) = delete;
+    Operation& operator=(const Operation&) = delete;
+    ~Operation() {
+        if (busy_) return;
+        context_->running = false;
+        if (context_->destroyPending) delete context_;
+    }
+
+    bool busy() const { return busy_; }
+    const std::string& repository() const { return repository_; }
+    std::string packages() const { return repository_ + "/packages"; }
+    const Options& options() const { return options_; }
+    const Events& events() const { return events_; }
+
+private:
+    ZOVRELAY_Context* context_;
+    bool busy_;
+    const std::string repository_;
+    const Options options_;
+    const Events events_;
+};
+
+bool ValidRequest(const ZOVRELAY_Product* products, size_t productCount, const ZOVRELAY_Source* sources,
+                  size_t sourceCount) {
+    if ((productCount > 0 && products == nullptr) || (sourceCount > 0 && sources == nullptr)) return false;
+    for (size_t i = 0; i < productCount; ++i)
+        if (products[i].componentCount > 0 && products[i].components == nullptr) return false;
+    return true;
+}
+
+ZOVRELAY_Status HandOut(const std::vector<ListedProduct>& listed, ZOVRELAY_Information** information) {
+    ZOVRELAY_Information* record = MakeInformation(listed);
+    if (record == nullptr) return kOutOfMemory;
+    *information = record;
+    return kSuccess;
+}
+
+ZOVRELAY_Status Export(const Operation& operation, const std::string& destination, const ZOVRELAY_EntityItem& entity) {
+    const Identity identity = IdentityOf(entity);
+    const std::unique_ptr<MergedArchive> archive =
+        MergedArchive::Open(operation.packages() + "/" + MergedArchiveName(identity));
+    if (archive == nullptr || archive->manifest().identity != identity) return kNotFound;
+    const HeldVersion* chosen = nullptr;
+    for (const HeldVersion& held : archive->manifest().versions) {  // newest first
+        if (VersionNames(VersionOf(entity), held.version)) {
+            chosen = &held;
+            break;
+        }
+    }
+    if (chosen == nullptr) return kNotFound;
+
+    std::error_code error;
+    std::filesystem::create_directories(destination, error);
+    if (!std::filesystem::is_directory(destination, error)) return kIoError;
+    const std::string name = NameOf(chosen->path);
+    // The destination is not ours to lock: a unique temporary keeps concurrent exports apart.
+    std::string temporary = destination + "/." + name + ".XXXXXX";
+    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
+    if (fd < 0) return kIoError;
+    ::close(fd);
+    return ExtractToFile(*archive, *chosen, temporary, destination + "/" + name);
+}
+
+}  // namespace
+}  // namespace localrelay
 
 using namespace localrelay;
 
 extern "C" {
 
-ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* /*context*/, const ZOVRELAY_Product* /*products*/,
-                                        size_t /*productCount*/, const ZOVRELAY_Source* /*sources*/,
-                                        size_t /*sourceCount*/, ZOVRELAY_Information** /*information*/) {
-    return IsStarted() ? kInvalidArgument : kNotStarted;
+ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELAY_Product* products,
+                                        size_t productCount, const ZOVRELAY_Source* sources, size_t sourceCount,
+                                        ZOVRELAY_Information** information) {
+    if (!IsStarted()) return kNotStarted;
+    if (context == nullptr || information == nullptr) return kInvalidArgument;
+    if ((productCount > 0 && products == nullptr) || (sourceCount > 0 && sources == nullptr)) return kInvalidArgument;
+    return Guard([&]() -> ZOVRELAY_Status {
+        const Operation operation(context);
+        if (operation.busy()) return kRepositoryBusy;
+        std::vector<ListedProduct> listed;
+        ZOVRELAY_Status status;
+        if (sourceCount == 0) {
+            status = ListRepository(ReadHeld(operation.packages()), products, productCount, listed);
+        } else {
+            LoadedSource source;
+            status = LoadSource(sources, sourceCount, operation.options(), source);
+            if (status > 0) status = ListCatalog(source.catalog, products, productCount, listed);
+        }
+        return status > 0 ? HandOut(listed, information) : status;
+    });
 }
 
-ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* /*context*/, const ZOVRELAY_Product* /*products*/,
-                                   size_t /*productCount*/, const ZOVRELAY_Source* /*sources*/,
-                                   size_t /*sourceCount*/, ZOVRELAY_Information** /*information*/) {
-    return IsStarted() ? kInvalidArgument : kNotStarted;
+ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Product* products, size_t productCount,
+                                   const ZOVRELAY_Source* sources, size_t sourceCount,
+                                   ZOVRELAY_Information** information) {
+    if (!IsStarted()) return kNotStarted;
+    if (context == nullptr || information == nullptr || !ValidRequest(products, productCount, sources, sourceCount))
+        return kInvalidArgument;
+    return Guard([&]() -> ZOVRELAY_Status {
+        const Operation operation(context);
+        if (operation.busy()) return kRepositoryBusy;
+        std::vector<ListedProduct> result;
+        // Zero products mirror nothing: a filtered mirror that kept nothing must never become a
+        // full mirror.
+        ZOVRELAY_Status status = kSuccess;
+        if (productCount > 0) {
+            LoadedSource source;
+            status = LoadSource(sources, sourceCount, operation.options(), source);
+            if (status > 0)
+                status = Mirror(operation.repository(), operation.options(), operation.events(), source, products,
+                                productCount, result);
+        }
+        // The index follows the archives whatever happened: what was stored before a failure stays.
+        const ZOVRELAY_Status indexed = WriteIndex(operation.repository(), ReadHeld(operation.packages()));
+        if (status > 0 && indexed <= 0) status = indexed;
+        return status > 0 ? HandOut(result, information) : status;
+    });
 }
 
-// No record exists yet to release; once one does, it is freed here whatever the library's state.
-ZOVRELAY_Status ZOVRELAY_DestroyData(ZOVRELAY_Information* /*information*/) {
-    return IsStarted() ? kInvalidArgument : kNotStarted;
+// Frees whatever the library's state, so that a record never outlives a shut-down as a leak.
+ZOVRELAY_Status ZOVRELAY_DestroyData(ZOVRELAY_Information* information) {
+    const ZOVRELAY_Status stopped = IsStarted() ? kSuccess : kNotStarted;
+    if (information == nullptr) return stopped > 0 ? kInvalidArgument : stopped;
+    const ZOVRELAY_Status released =
+        Guard([&]() -> ZOVRELAY_Status { return ReleaseInformation(information) ? kSuccess : kInvalidArgument; });
+    return stopped > 0 ? released : stopped;
 }
 
-ZOVRELAY_Status ZOVRELAY_ExportComponent(ZOVRELAY_Context* /*context*/, const wchar_t* /*destination*/,
-                                         ZOVRELAY_EntityItem /*entity*/) {
-    return IsStarted() ? kInvalidArgument : kNotStarted;
+ZOVRELAY_Status ZOVRELAY_ExportComponent(ZOVRELAY_Context* context, const wchar_t* destination,
+                                         ZOVRELAY_EntityItem entity) {
+    if (!IsStarted()) return kNotStarted;
+    if (context == nullptr || destination == nullptr) return kInvalidArgument;
+    return Guard([&]() -> ZOVRELAY_Status {
+        const std::optional<std::string> path = NarrowWide(destination);
+        if (!path || path->empty()) return kInvalidArgument;
+        const Operation operation(context);
+        if (operation.busy()) return kRepositoryBusy;
+        return Export(operation, *path, entity);
+    });
 }
 
-} // extern "C"
+}  // extern "C"

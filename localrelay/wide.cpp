@@ -32,4 +32,11 @@ std::optional<std::string> NarrowWide(const wchar_t* text) {
     return bytes;
 }
 
+std::wstring WidenBytes(const std::string& bytes) {
+    std::wstring wide;
+    wide.reserve(bytes.size());
+    for (char c : bytes) wide += static_cast<wchar_t>(static_cast<signed char>(c));
+    return wide;
+}
+
 } // namespace localrelay

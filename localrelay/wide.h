@@ -12,6 +12,10 @@ namespace localrelay {
 // UTF-8. Surrogates and values past U+10FFFF name no character: nullopt. text must not be null.
 std::optional<std::string> NarrowWide(const wchar_t* text);
 
+// The inverse for texts we hand back (event information): each byte sign-extended, as the module
+// widens its own strings, so that a path narrowed and widened again is the caller's string.
+std::wstring WidenBytes(const std::string& bytes);
+
 } // namespace localrelay
 
 #endif

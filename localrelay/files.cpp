@@ -1,0 +1,58 @@
+#include "files.h"
+#include "status.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+namespace localrelay {
+namespace {
+
+bool SyncPath(const std::string& path, int flags) {
+    const int fd = ::open(path.c_str(), flags | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool synced = ::fsync(fd) == 0;
+    return ::close(fd) == 0 && synced;
+}
+
+}  // namespace
+
+TemporaryFile::~TemporaryFile() {
+    if (!path_.empty()) ::unlink(path_.c_str());
+}
+
+std::string DirectoryOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    if (slash == std::string::npos) return ".";
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+std::string NameOf(const std::string& path) {
+    const size_t slash = path.rfind('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+ZOVRELAY_Status ReplaceFile(const std::string& from, const std::string& to) {
+    if (!SyncPath(from, O_RDONLY)) return kIoError;
+    if (::rename(from.c_str(), to.c_str()) != 0) return kIoError;
+    // The rename is in place already; a directory that cannot be synced costs only durability.
+    SyncPath(DirectoryOf(to), O_RDONLY | O_DIRECTORY);
+    return kSuccess;
+}
+
+ZOVRELAY_Status WriteWholeFile(const std::string& path, const std::string& text) {
+    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
+    if (fd < 0) return kIoError;
+    size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t n = ::write(fd, text.data() + written, text.size() - written);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) break;
+        written += static_cast<size_t>(n);
+    }
+    const bool closed = ::close(fd) == 0;
+    return written == text.size() && closed ? kSuccess : kIoError;
+}
+
+}  // namespace localrelay

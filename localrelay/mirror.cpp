@@ -1,0 +1,306 @@
+#include "mirror.h"
+#include "files.h"
+#include "listing.h"
+#include "package.h"
+#include "repository.h"
+#include "status.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <memory>
+
+namespace localrelay {
+namespace {
+
+// One component version the request names, with the selected products that contain it.
+struct Wanted {
+    const Component* component;
+    std::vector<ProductRef> products;
+};
+
+struct Plan {
+    std::vector<Wanted> wanted;                         // in the order first named
+    std::map<size_t, std::vector<size_t>> perProduct;  // catalog product index -> indexes into wanted
+};
+
+void AddWanted(Plan& plan, const Catalog& catalog, const Product& product, const Component* component) {
+    size_t index = 0;
+    while (index < plan.wanted.size() && plan.wanted[index].component != component) ++index;
+    if (index == plan.wanted.size()) plan.wanted.push_back(Wanted{component, {}});
+    std::vector<ProductRef>& products = plan.wanted[index].products;
+    if (std::none_of(products.begin(), products.end(), [&](const ProductRef& p) {
+            return p.identity == product.identity && p.version == product.version;
+        }))
+        products.push_back(ProductRef{product.identity, product.version});
+    std::vector<size_t>& list = plan.perProduct[size_t(&product - catalog.products.data())];
+    if (std::find(list.begin(), list.end(), index) == list.end()) list.push_back(index);
+}
+
+// Fails (kNotFound) before anything is downloaded when any part of the request names nothing.
+ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* products, size_t count, Plan& plan) {
+    for (size_t r = 0; r < count; ++r) {
+        std::vector<const Product*> matched;
+        const ZOVRELAY_Status status = SelectProducts(catalog, &products[r], 1, matched);
+        if (status <= 0) return status;
+        if (products[r].componentCount == 0) {
+            for (const Product* product : matched)
+                for (const Identity& identity : product->components)
+                    AddWanted(plan, catalog, *product, FindComponent(catalog, identity, Version{}));
+            continue;
+        }
+        for (size_t c = 0; c < products[r].componentCount; ++c) {
+            const ZOVRELAY_EntityItem& requested = products[r].components[c];
+            bool found = false;
+            for (const Product* product : matched) {
+                const std::vector<Identity>& list = product->components;
+                if (std::find(list.begin(), list.end(), IdentityOf(requested)) == list.end()) continue;
+                const Component* component = FindComponent(catalog, IdentityOf(requested), VersionOf(requested));
+                if (component == nullptr) continue;
+                AddWanted(plan, catalog, *product, component);
+                found = true;
+            }
+            if (!found) return kNotFound;
+        }
+    }
+    return kSuccess;
+}
+
+// Failures of one package leave the rest of the run going; these stop it at once.
+bool StopsTheRun(ZOVRELAY_Status status) {
+    return status == kCancelled || status == kIoError || status == kOutOfMemory || status == kRepositoryNotAccessible;
+}
+
+void SortNewestFirst(std::vector<HeldVersion>& versions) {
+    std::sort(versions.begin(), versions.end(),
+              [](const HeldVersion& a, const HeldVersion& b) { return b.version < a.version; });
+}
+
+class Mirrorer {
+public:
+    Mirrorer(const std::string& repository, const Options& options, const Events& events, const LoadedSource& source)
+        : repository_(repository), packages_(repository + "/packages"), options_(options), events_(events),
+          source_(source) {}
+
+    ZOVRELAY_Status Run(const Plan& plan);
+    const std::map<Identity, Manifest>& held() const { return final_; }
+
+private:
+    struct Group {
+        Identity identity;
+        std::vector<const Wanted*> wanted;
+        std::vector<const Component*> downloads;
+    };
+
+    std::string Packages(const std::string& name) const { return packages_ + "/" + name; }
+    // The component's merged archive; nullptr when there is none we can trust, which is then replaced.
+    std::unique_ptr<MergedArchive> OpenMerged(const Identity& identity) const {
+        std::unique_ptr<MergedArchive> archive = MergedArchive::Open(Packages(MergedArchiveName(identity)));
+        return archive != nullptr && archive->manifest().identity == identity ? std::move(archive) : nullptr;
+    }
+    void Note(ZOVRELAY_Status status) {
+        if (failure_ > 0) failure_ = status;
+    }
+    bool Blacklisted(const Component& component) const { return IsBlacklisted(options_, component.path); }
+    void Decide(Group& group) const;
+    ZOVRELAY_Status Store(const Group& group);
+    ZOVRELAY_Status KeepVersionArchives(const Group& group, const Manifest& manifest,
+                                        std::map<Version, std::unique_ptr<PackageSink>>& parts);
+
+    std::string repository_, packages_;
+    const Options& options_;
+    const Events& events_;
+    const LoadedSource& source_;
+    std::map<Identity, Manifest> final_;
+    ZOVRELAY_Status failure_ = kSuccess;
+};
+
+// What to download: the wanted versions that will be among the newest kept and that the merged
+// archive does not hold with the same digest. An older version would be dropped again at once.
+void Mirrorer::Decide(Group& group) const {
+    const std::unique_ptr<MergedArchive> archive = OpenMerged(group.identity);
+    std::vector<Version> candidates;
+    if (archive != nullptr)
+        for (const HeldVersion& held : archive->manifest().versions) candidates.push_back(held.version);
+    for (const Wanted* wanted : group.wanted)
+        if (!Blacklisted(*wanted->component)) candidates.push_back(wanted->component->version);
+    std::sort(candidates.rbegin(), candidates.rend());
+    candidates.erase(std::unique(candidates.begin(), candidates.end()), candidates.end());
+    if (candidates.size() > options_.VersionsKept()) candidates.resize(options_.VersionsKept());
+
+    for (const Wanted* wanted : group.wanted) {
+        const Component& component = *wanted->component;
+        if (Blacklisted(component) ||
+            std::find(candidates.begin(), candidates.end(), component.version) == candidates.end())
+            continue;
+        const HeldVersion* held = archive != nullptr ? archive->manifest().Find(component.version) : nullptr;
+        if (held == nullptr || held->sha256 != component.sha256 || held->size != component.size)
+            group.downloads.push_back(&component);
+    }
+}
+
+ZOVRELAY_Status Mirrorer::Store(const Group& group) {
+    const Identity& identity = group.identity;
+    const std::string merged = Packages(MergedArchiveName(identity));
+    std::unique_ptr<MergedArchive> previous = OpenMerged(identity);
+    Manifest manifest;
+    if (previous != nullptr) manifest = previous->manifest();
+    manifest.identity = identity;
+
+    // Downloads go to hidden temporaries, checked before anything else sees them.
+    std::map<Version, std::unique_ptr<PackageSink>> parts;
+    std::map<Version, std::string> files;
+    for (const Component* component : group.downloads) {
+        if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADBEGIN, component->path, component->size, 0)) return kCancelled;
+        auto sink = std::make_unique<PackageSink>(Packages(PartName(identity, component->version)), component->size,
+                                                  events_, component->path);
+        ZOVRELAY_Status status = sink->Open();
+        if (status > 0) status = Fetch(JoinAddress(source_.address, component->path), source_.settings, *sink);
+        if (status > 0) status = sink->Finish(component->sha256);
+        if (status <= 0) {
+            if (StopsTheRun(status)) return status;
+            Note(status);
+            continue;
+        }
+        if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADEND, component->path, component->size, component->size))
+            return kCancelled;
+        files[component->version] = sink->path();
+        parts[component->version] = std::move(sink);
+    }
+
+    Manifest next = manifest;
+    next.section = group.wanted.front()->component->section;  // as the source lists it now
+    for (const Component* component : group.downloads) {
+        if (files.count(component->version) == 0) continue;
+        next.versions.erase(std::remove_if(next.versions.begin(), next.versions.end(),
+                                           [&](const HeldVersion& h) { return h.version == component->version; }),
+                            next.versions.end());
+        next.versions.push_back(HeldVersion{component->version, component->path, component->size, component->sha256});
+    }
+    SortNewestFirst(next.versions);
+    if (next.versions.size() > options_.VersionsKept()) next.versions.resize(options_.VersionsKept());
+    for (const Wanted* wanted : group.wanted) {
+        if (Blacklisted(*wanted->component) || next.Find(wanted->component->version) == nullptr) continue;
+        for (const ProductRef& product : wanted->products) {
+            auto same = std::find_if(next.products.begin(), next.products.end(),
+                                     [&](const ProductRef& p) { return p.identity == product.identity; });
+            if (same == next.products.end()) next.products.push_back(product);
+            else if (same->version < product.version) same->version = product.version;
+        }
+    }
+    std::sort(next.products.begin(), next.products.end(),
+              [](const ProductRef& a, const ProductRef& b) { return a.identity < b.identity; });
+
+    if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest))) {
+        // Copies of versions that no longer verify would fail the new archive's own check:
+        // leave them out, so a damaged repository heals on the next run.
+        for (auto held = next.versions.begin(); held != next.versions.end();) {
+            if (files.count(held->version) != 0 || (previous != nullptr && previous->Verify(*held) > 0)) {
+                ++held;
+                continue;
+            }
+            const bool wanted = std::any_of(group.wanted.begin(), group.wanted.end(),
+                                            [&](const Wanted* w) { return w->component->version == held->version; });
+            if (wanted) Note(kIntegrityFailed);
+            held = next.versions.erase(held);
+        }
+        if (next.versions.empty()) return kSuccess;
+        TemporaryFile temporary(Packages(MergedTemporaryName(identity)));
+        ZOVRELAY_Status status = WriteMergedArchive(temporary.path(), next, files, previous.get());
+        if (status > 0) {
+            previous.reset();
+            status = ReplaceFile(temporary.path(), merged);
+        }
+        if (status <= 0) {
+            if (StopsTheRun(status)) return status;
+            Note(status);
+            return kSuccess;
+        }
+        temporary.Release();
+    }
+    final_[identity] = next;
+    return KeepVersionArchives(group, next, parts);
+}
+
+ZOVRELAY_Status Mirrorer::KeepVersionArchives(const Group& group, const Manifest& manifest,
+                                              std::map<Version, std::unique_ptr<PackageSink>>& parts) {
+    if (options_.buildPatch != 0) {
+        std::unique_ptr<MergedArchive> merged;
+        for (const Wanted* wanted : group.wanted) {
+            const Version& version = wanted->component->version;
+            const HeldVersion* held = manifest.Find(version);
+            if (held == nullptr || Blacklisted(*wanted->component)) continue;
+            const std::string target = Packages(VersionArchiveName(group.identity, version));
+            ZOVRELAY_Status status = kSuccess;
+            const auto part = parts.find(version);
+            if (part != parts.end()) {
+                status = ReplaceFile(part->second->path(), target);
+                if (status > 0) part->second->Release();
+            } else if (::access(target.c_str(), F_OK) != 0) {
+                // Held already (the module's clean-up removes these copies): rebuild it locally.
+                if (merged == nullptr) merged = OpenMerged(group.identity);
+                status = merged == nullptr ? kIntegrityFailed
+                                           : ExtractToFile(*merged, *held, Packages(PartName(group.identity, version)),
+                                                           target);
+            }
+            if (StopsTheRun(status)) return status;
+            if (status <= 0) Note(status);
+        }
+    }
+    if (options_.keepCount > 0)
+        return PruneVersionArchives(packages_, group.identity, size_t(options_.keepCount), events_);
+    return kSuccess;
+}
+
+ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
+    std::vector<Group> groups;
+    for (const Wanted& wanted : plan.wanted) {
+        const Identity& identity = wanted.component->identity;
+        auto group = std::find_if(groups.begin(), groups.end(), [&](const Group& g) { return g.identity == identity; });
+        if (group == groups.end()) group = groups.insert(groups.end(), Group{identity, {}, {}});
+        group->wanted.push_back(&wanted);
+    }
+    uint64_t planned = 0;
+    for (Group& group : groups) {
+        Decide(group);
+        for (const Component* component : group.downloads) planned += component->size;
+    }
+    if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOAD, source_.address, planned, 0)) return kCancelled;
+    for (const Group& group : groups) {
+        const ZOVRELAY_Status status = Store(group);
+        if (status <= 0) return status;
+    }
+    return failure_;
+}
+
+}  // namespace
+
+ZOVRELAY_Status Mirror(const std::string& repository, const Options& options, const Events& events,
+                       const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
+                       std::vector<ListedProduct>& result) {
+    Plan plan;
+    ZOVRELAY_Status status = MakePlan(source.catalog, products, count, plan);
+    if (status <= 0) return status;
+
+    Mirrorer mirrorer(repository, options, events, source);
+    status = mirrorer.Run(plan);
+    if (status <= 0) return status;
+
+    for (const auto& [index, wanted] : plan.perProduct) {
+        const Product& product = source.catalog.products[index];
+        ListedProduct item;
+        item.entity = EntityOf(product.identity, product.version);
+        for (size_t w : wanted) {
+            const Component& component = *plan.wanted[w].component;
+            const auto held = mirrorer.held().find(component.identity);
+            if (IsBlacklisted(options, component.path) || held == mirrorer.held().end() ||
+                held->second.Find(component.version) == nullptr)
+                continue;
+            item.components.push_back(EntityOf(component.identity, component.version));
+        }
+        result.push_back(std::move(item));
+    }
+    return kSuccess;
+}
+
+}  // namespace localrelay
