@@ -19,9 +19,10 @@ const char* const kCalls[] = {"Startup",        "Shutdown",      "GetVersion",  
 } // namespace
 
 State& state() {
-    // Never destroyed: a Lua state closed at exit may still call in after static destructors ran.
-    static State* s = new State;
-    return *s;
+    // Destroyed when the library is unloaded (lua_close) or at exit; no call comes in after that,
+    // and leak checkers see the process end clean.
+    static State s;
+    return s;
 }
 
 bool knownCall(const char* name) {
