@@ -1,17 +1,28 @@
 # The user's entry point: `make demo` and `make test` install what is missing, configure, build, run.
 
 # Every Debian package the project needs, in one list. The last line holds what tests and
-# benchmarks run beside the project: loopback HTTP(S) servers, proxies, certificates, curl.
+# benchmarks run beside the project: loopback HTTP(S) servers, proxies, certificates, curl; the
+# last, the quality gates' tools (valgrind, clang with libFuzzer).
 PACKAGES := g++ make cmake pkg-config lua5.2 liblua5.2-dev lua-busted googletest libgtest-dev \
             libcurl4-openssl-dev libzip-dev libssl-dev lua-cjson \
-            python3 openssl curl tinyproxy-bin microsocks
+            python3 openssl curl tinyproxy-bin microsocks \
+            valgrind clang libclang-rt-14-dev
 
 BUILD_DIR := build
 BUILD_TYPE ?= RelWithDebInfo
+CMAKE_FLAGS :=
+FUZZ_SECONDS ?= 60
+
+# `make test SANITIZE=1`: everything built with AddressSanitizer and UndefinedBehaviorSanitizer,
+# in a build directory of its own.
+ifeq ($(SANITIZE),1)
+BUILD_DIR := build/sanitize
+CMAKE_FLAGS += -DUPDATE_SANITIZE=ON
+endif
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build test demo bench clean
+.PHONY: all deps configure build test memcheck fuzz demo bench clean
 
 all: build
 
@@ -27,18 +38,33 @@ deps:
 	fi
 
 configure: deps
-	@cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) >/dev/null
+	@cmake -S . -B $(BUILD_DIR) -DCMAKE_BUILD_TYPE=$(BUILD_TYPE) $(CMAKE_FLAGS) >/dev/null
 
 build: configure
 	@cmake --build $(BUILD_DIR) -j $(JOBS)
 
+# In CI (CI=true) the gates run too: the sanitizer suite, memcheck and a short fuzz run.
 test: build
-	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS)
+	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) -LE memcheck
+	@if [ "$(CI)" = true ] && [ "$(SANITIZE)" != 1 ]; then \
+	  $(MAKE) --no-print-directory test SANITIZE=1 CI= && \
+	  $(MAKE) --no-print-directory memcheck && \
+	  $(MAKE) --no-print-directory fuzz FUZZ_SECONDS=5; \
+	fi
 
+# The busted suites under valgrind: no memory errors, no definitely or indirectly lost bytes.
+memcheck: build
+	@cd $(BUILD_DIR) && ctest --output-on-failure -j $(JOBS) -L memcheck
+
+# Each libFuzzer target for FUZZ_SECONDS, from its seed corpus (clang build in build/fuzz).
+fuzz: deps
+	@cmake -S . -B build/fuzz -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCMAKE_CXX_COMPILER=clang++ -DUPDATE_FUZZ=ON >/dev/null
+	@cmake --build build/fuzz -j $(JOBS) --target fuzz_targets
+	@sh fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
+
+# A sample source under build/demo, served over loopback HTTP, mirrored twice by examples/mirror.lua.
 demo: build
-	@echo "The demo arrives with the repository operations; until then, try:"
-	@echo "  LUA_CPATH='$(BUILD_DIR)/lua/?.so;;' lua5.2 -e 'local u = require \"update\"; print(u.version().string)'"
-	@LUA_CPATH='$(BUILD_DIR)/lua/?.so;;' lua5.2 -e 'local u = require "update"; print(u.version().string)'
+	@sh tools/demo.sh $(BUILD_DIR) $(BUILD_DIR)/demo
 
 bench: build
 	@sh bench/run.sh

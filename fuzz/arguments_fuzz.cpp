@@ -9,6 +9,7 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <ftw.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -164,11 +165,19 @@ void scriptRelay(FuzzedDataProvider& data) {
 // the allocator must answer null (Lua then raises a memory error) rather than abort.
 extern "C" const char* __asan_default_options() { return "allocator_may_return_null=1"; }
 
+char workDirectory[] = "/tmp/update-fuzz-XXXXXX";
+
+int removeEntry(const char* path, const struct stat*, int, struct FTW*) { return remove(path); }
+
+// Removes the working directory, which holds only what this target made.
+void removeWorkDirectory() { nftw(workDirectory, removeEntry, 16, FTW_DEPTH | FTW_PHYS); }
+
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    char directory[] = "/tmp/update-fuzz-XXXXXX";
+    char* directory = workDirectory;
     if (mkdtemp(directory) == nullptr || chdir(directory) != 0 || mkdir("r0", 0700) != 0 ||
         mkdir("r0/packages", 0700) != 0)
         abort();
+    atexit(removeWorkDirectory);
     L = luaL_newstate();
     luaL_openlibs(L);
     luaopen_update(L);
