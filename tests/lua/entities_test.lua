@@ -13,24 +13,6 @@ describe("tocomponent and toproduct", function()
     assert.are.equal("c3t4v16.123.0l-1p-1r-1o-1", update.toproduct("c3t4v16.1230"))
   end)
 
-  it("name, version and friendly name by kind", function()
-    local cases = {
-      {"c3t4l2", "kerno_china", "0.000.00"},
-      {"c3t4l7", "kerno_unknown"},
-      {"c3t5"},
-      {"c22t2213v1.12", "tavi", "1.120"},
-      {"c2t2213"},
-      {"c3t1207992320l4", "lumo_japan"},
-      {"c3t4v1234567", "kerno_unknown", "12.345.67"},
-      {"c2t1207960066v9.075.1001", nil, "9.750.1001"},
-    }
-    for _, case in ipairs(cases) do
-      local t = update.tocomponent(case[1])
-      assert.are.equal(case[2], t.friendly, case[1])
-      if case[3] then assert.are.equal(case[3], t.version, case[1]) end
-    end
-  end)
-
   it("raise the parser's message as an argument error", function()
     local cases = {
       {nil, "expected product id string"}, {true, "expected product id string"},

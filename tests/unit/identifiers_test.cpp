@@ -1,8 +1,10 @@
 #include <gtest/gtest.h>
 #include <lua.hpp>
 
+#include <ostream>
 #include <random>
 #include <string>
+#include <tuple>
 
 #include "entities/identifiers.h"
 
@@ -11,6 +13,13 @@ namespace {
 struct Parsed {
     int32_t klass, type, language, platform, region, oem;
     unsigned long major, minor, build, revision;
+
+    auto tied() const { return std::tie(klass, type, language, platform, region, oem, major, minor, build, revision); }
+    bool operator==(const Parsed& other) const { return tied() == other.tied(); }
+    friend std::ostream& operator<<(std::ostream& out, const Parsed& p) {
+        return out << "c" << p.klass << "t" << p.type << " l" << p.language << " p" << p.platform << " r" << p.region
+                   << " o" << p.oem << " v" << p.major << "." << p.minor << "." << p.build << "." << p.revision;
+    }
 };
 
 struct ParseCase {
@@ -62,26 +71,13 @@ Parsed fieldsOf(const ZOVRELAY_EntityItem& item) {
             item.oem,           item.version.major, item.version.minor, item.version.build, item.version.revision};
 }
 
-void expectSame(const Parsed& a, const Parsed& b, const std::string& context) {
-    EXPECT_EQ(a.klass, b.klass) << context;
-    EXPECT_EQ(a.type, b.type) << context;
-    EXPECT_EQ(a.language, b.language) << context;
-    EXPECT_EQ(a.platform, b.platform) << context;
-    EXPECT_EQ(a.region, b.region) << context;
-    EXPECT_EQ(a.oem, b.oem) << context;
-    EXPECT_EQ(a.major, b.major) << context;
-    EXPECT_EQ(a.minor, b.minor) << context;
-    EXPECT_EQ(a.build, b.build) << context;
-    EXPECT_EQ(a.revision, b.revision) << context;
-}
-
 TEST(Identifiers, ParsesAndRefusesWithTheExactMessage) {
     for (const ParseCase& c : kParseCases) {
         ZOVRELAY_EntityItem item;
         const char* message = ParseIdentifier(c.text.data(), c.text.size(), item);
         if (c.message == nullptr) {
             EXPECT_EQ(message, nullptr) << c.text << ": " << message;
-            expectSame(fieldsOf(item), c.expected, c.text);
+            EXPECT_EQ(fieldsOf(item), c.expected) << c.text;
         } else {
             EXPECT_STREQ(message, c.message) << c.text;
         }
@@ -170,7 +166,7 @@ TEST_F(LuaTest, WrittenIdentifiersParseBack) {
 
         std::string full = entityText(item);
         ASSERT_EQ(ParseIdentifier(full.data(), full.size(), back), nullptr) << full;
-        expectSame(fieldsOf(back), want, full);
+        EXPECT_EQ(fieldsOf(back), want) << full;
 
         item.version.major += 2147483648ul;  // the product form holds unsigned 32-bit majors and builds
         item.version.build += 2147483648ul;
@@ -178,12 +174,12 @@ TEST_F(LuaTest, WrittenIdentifiersParseBack) {
         want.build = item.version.build;
         std::string product = productText(item);
         ASSERT_EQ(ParseIdentifier(product.data(), product.size(), back), nullptr) << product;
-        expectSame(fieldsOf(back), want, product);
+        EXPECT_EQ(fieldsOf(back), want) << product;
 
         std::string component = componentText(item);
         ASSERT_EQ(ParseIdentifier(component.data(), component.size(), back), nullptr) << component;
         want.major = want.minor = want.build = 0;
-        expectSame(fieldsOf(back), want, component);
+        EXPECT_EQ(fieldsOf(back), want) << component;
     }
 }
 
