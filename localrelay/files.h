@@ -28,8 +28,8 @@ private:
 std::string DirectoryOf(const std::string& path);
 std::string NameOf(const std::string& path);
 
-// fsyncs `from`, renames it over `to`, then fsyncs the directory: the new file is complete
-// before it is visible and stays visible after a crash. kIoError when any step fails.
+// Renames the complete file `from` over `to`: readers see the old file or the new one, never a
+// part. kIoError when the rename fails.
 ZOVRELAY_Status ReplaceFile(const std::string& from, const std::string& to);
 
 // Creates or truncates `path` and writes `text` whole.
