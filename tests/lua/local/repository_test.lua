@@ -1,0 +1,102 @@
+-- A real repository, end to end against the local relay: the clean-up after mirroring, export of
+-- an entity table from a listing, cancellation by a handler, and how failures come back. Every
+-- operation opens a relay context, after which the module removes /dev/shm/sem.zovrelay.
+local update = require "update"
+local e = require "endtoend"
+
+local E, S = "c3t4l1p-1r-1o-1", "c2t1207960066l-1p-1r-1o-1"
+local PRODUCT0 = {"c3t110l2p-1r-1o-1", E, "c3t4l4p-1r-1o-1", "c22t2213l-1p-1r-1o-1", S, "c7t120l-1p-1r-1o-1"}
+table.sort(PRODUCT0)
+
+describe("a repository", function()
+  local work, source, serial
+  lazy_setup(function()
+    work = e.tempdir()
+    source = work .. "/source"
+    e.makeSource(source, {products = 2, components = 6, size = 5000})
+    serial = 0
+  end)
+  lazy_teardown(function() e.rmtree(work) end)
+
+  local function repository()
+    serial = serial + 1
+    return work .. "/repository" .. serial
+  end
+
+  it("is cleaned up after mirroring unless the options say otherwise", function()
+    local function keepEngine(path) return path:find(S, 1, true) ~= nil end
+    local cases = {  -- operation, options -> server.ini reset, per-version archives left
+      {"everything", {}, true, {}},
+      {"patterns", {}, true, {}},
+      {"everything", {ke = true}, false, PRODUCT0},
+      {"everything", {ke = false}, true, {}},
+      {"everything", {removeke = keepEngine}, true, {S}},
+      {"everything", {removeke = keepEngine, ke = true}, false, PRODUCT0},
+      {"components", {}, false, {S}},  -- components() never cleans up
+    }
+    for i, case in ipairs(cases) do
+      local path = repository()
+      local options = case[2]
+      options.buildpatch = true
+      local _, status = update[case[1]](path, "c1t100", source, options, "c2t1207960066")
+      assert.are.equal(1, status, "case " .. i)
+      assert.are.equal(case[3], e.read(path .. "/server.ini") == e.INDEX, "case " .. i)
+      assert.are.same(case[4], e.archives(path, "version"), "case " .. i)
+      assert.is_true(#e.archives(path, "merged") > 0, "case " .. i)
+    end
+  end)
+
+  it("exports a component named by an entity table from a listing", function()
+    local path, destination = repository(), work .. "/export"
+    assert(update.patterns(path, {}, source))
+    for _, listing in ipairs{(update.list(path, {})), (update.list(path, {}, source))} do  -- repository, source
+      os.remove(destination .. "/" .. E .. "-1.100.1.0.zip")
+      assert.are.same({true, 1, "success"}, {update.extract(path, listing.kerno_english, destination)})
+      assert.are.equal(e.read(source .. "/pattern/" .. E .. "-1.100.1.0.zip"),
+                       e.read(destination .. "/" .. E .. "-1.100.1.0.zip"))
+    end
+    -- patterns() did not mirror the engine, so there is nothing to export.
+    assert.are.same({nil, -6, "not found"}, {update.extract(path, "c2t1207960066l-1p-1r-1o-1", destination)})
+    assert.are.same({E .. "-1.100.1.0.zip"}, e.names(destination))
+  end)
+
+  it("stops mirroring when a handler answers a true value or raises", function()
+    local cases = {  -- answer of the second downloadbegin -> status, components kept
+      {true, -8, 1}, {0, -8, 1}, {error, -8, 1}, {false, 1, 5}, {nil, 1, 5},
+    }
+    for i, case in ipairs(cases) do
+      local path, count = repository(), 0
+      local function handler()
+        count = count + 1
+        if count < 2 then return end
+        if case[1] == error then error("stop here") end
+        return case[1]
+      end
+      local result, status, message = update.patterns(path, {}, source, {downloadbegin = handler})
+      assert.are.same({case[2], case[2] == 1 and "success" or "cancelled"}, {status, message}, "case " .. i)
+      assert.are.equal(case[2] == 1, result ~= nil, "case " .. i)
+      assert.are.equal(case[3], #e.archives(path, "merged"), "case " .. i)
+      for _, name in ipairs(e.names(path .. "/packages")) do
+        assert.is_nil(name:match("^%."), "case " .. i .. ": temporary " .. name)
+      end
+      assert.are.equal(e.INDEX, e.read(path .. "/server.ini"), "case " .. i)  -- cleaned up all the same
+    end
+  end)
+
+  it("is busy for an operation from a handler of an operation on it", function()
+    local path, inner = repository(), nil
+    local options = {download = function() inner = {update.list(path, {})} end}
+    assert.are.same({1, "success"}, {select(2, update.patterns(path, {}, source, options))})
+    assert.are.same({nil, -9, "repository is busy"}, inner)
+  end)
+
+  it("answers 'relay library not started' between shutdown and startup", function()
+    local version = assert(update.version())
+    assert.are.same({"1.0.0", 1, 0}, {version.string, version.major, version.minor})
+    assert.are.same({true, 1, "success"}, {update.shutdown()})
+    assert.are.same({nil, -2, "relay library not started"}, {update.shutdown()})
+    assert.are.same({nil, -2, "relay library not started"}, {update.list(repository(), {}, source)})
+    assert.are.same({true, 1, "success"}, {update.startup()})
+    assert.are.equal(1, select(2, update.list(repository(), {}, source)))
+  end)
+end)

@@ -1,0 +1,36 @@
+-- `luarocks make` from the checkout builds update.so and the local relay libzovrelay.so with CMake
+-- and installs them side by side; the LuaLS type stubs (types/), the examples and the user
+-- documentation are copied into the rock. Needs a C++17 compiler, CMake 3.25, pkg-config and the
+-- development files of Lua 5.2, libcurl, libzip and OpenSSL (on Debian: g++ cmake pkg-config
+-- liblua5.2-dev libcurl4-openssl-dev libzip-dev libssl-dev).
+rockspec_format = "3.0"
+package = "update"
+version = "scm-1"
+source = {
+  url = "git+file://.",
+}
+description = {
+  summary = "Mirror update components from update sources into a local repository, from Lua",
+  detailed = [[
+    update drives a relay library (libzovrelay.so) that mirrors scan engines, pattern files and
+    rule packages from directory, file:// and http(s):// sources into a repository directory:
+    listing, whole and selective mirroring with progress events, export of one component, and a
+    clean-up of superseded package archives. The project's own relay library is built and
+    installed beside the module.
+  ]],
+  labels = {"mirror", "updates"},
+}
+dependencies = {
+  "lua == 5.2",
+}
+build = {
+  type = "cmake",
+  variables = {
+    CMAKE_BUILD_TYPE = "Release",
+    CMAKE_INSTALL_PREFIX = "$(PREFIX)",
+    LUA_INCDIR = "$(LUA_INCDIR)",
+    LUA_LIBDIR = "$(LIBDIR)",
+    UPDATE_TESTS = "OFF",
+  },
+  copy_directories = {"docs", "examples", "types"},
+}
