@@ -1,57 +1,9 @@
-// Start-up, status messages, path narrowing and repository contexts of the local relay. Every
-// repository lives in a temporary directory; /dev/shm/sem.zovrelay is shared with the machine.
-#include "status.h"
-#include "wide.h"
+// Start-up, status messages, path narrowing, argument checks and repository contexts of the local
+// relay. Every repository lives in a temporary directory; /dev/shm/sem.zovrelay is shared with the machine.
+#include "localrelay_fixture.h"
 
-#include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <functional>
-
-namespace fs = std::filesystem;
-using namespace localrelay;
-
+namespace relaytest {
 namespace {
-
-const fs::path kSemaphore = "/dev/shm/sem.zovrelay";
-
-// Every context opens the machine-wide semaphore; leave the file as this run found it.
-struct SemaphoreFileState : ::testing::Environment {
-    void SetUp() override { existed = fs::exists(kSemaphore); }
-    void TearDown() override { if (!existed) fs::remove(kSemaphore); }
-    bool existed = true;
-};
-::testing::Environment* const semaphoreFileState = ::testing::AddGlobalTestEnvironment(new SemaphoreFileState);
-
-struct Context {
-    ZOVRELAY_Context* handle = nullptr;
-    ZOVRELAY_Status status;
-    explicit Context(const std::wstring& path) : status(ZOVRELAY_CreateContext(&handle, path.c_str())) {}
-    ~Context() { if (handle != nullptr) ZOVRELAY_DestroyContext(handle); }
-};
-
-class LocalRelay : public ::testing::Test {
-protected:
-    void SetUp() override {
-        ASSERT_EQ(ZOVRELAY_Startup(nullptr), kSuccess);
-        std::string pattern = (fs::temp_directory_path() / "localrelay-XXXXXX").string();
-        ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-        root = pattern;
-    }
-    void TearDown() override {
-        ZOVRELAY_Startup(nullptr); // a failed shutdown test must not leave the library stopped
-        if (!root.empty()) fs::remove_all(root);
-    }
-    // The path as the module passes it: each byte sign-extended.
-    std::wstring At(const std::string& relative) const {
-        std::wstring wide;
-        for (char c : (root / relative).string()) wide += static_cast<wchar_t>(static_cast<signed char>(c));
-        return wide;
-    }
-    fs::path root;
-};
 
 TEST(LocalRelayNarrowing, BytesComeBackAndCodePointsBecomeUtf8) {
     const struct { std::wstring wide; std::optional<std::string> bytes; } cases[] = {
@@ -82,80 +34,84 @@ TEST(LocalRelayStatus, MessagesAndTheirBound) {
     EXPECT_EQ(ZOVRELAY_GetStatusMessage(nullptr, 1), kInvalidArgument);
 }
 
-TEST_F(LocalRelay, CreatesTheRepositoryOrRefusesIt) {
+using Contexts = RelayTest;
+
+TEST_F(Contexts, CreateHoldAndReleaseTheRepository) {
     // Each case names the directory it makes first (trailing slash) or the file it writes first.
     const struct { const char* path; const char* before; ZOVRELAY_Status status; } cases[] = {
-        {"a/b/c", "", kSuccess},
-        {"kept/", "kept/packages/x/", kSuccess},
-        {"r\xE9po", "", kSuccess},
-        {"file", "file", kRepositoryNotAccessible},
-        {"file/below", "file", kRepositoryNotAccessible},
+        {"a/b/c", "", kSuccess}, {"kept/", "kept/packages/x/", kSuccess}, {"r\xE9po", "", kSuccess},
+        {"file", "file", kRepositoryNotAccessible}, {"file/below", "file", kRepositoryNotAccessible},
         {"p", "p/packages", kRepositoryNotAccessible},
     };
     for (const auto& c : cases) {
         const fs::path before = root / c.before;
         fs::create_directories(before.parent_path());
-        if (before.has_filename()) std::ofstream(before) << "x";
-        Context context(At(c.path));
+        if (before.has_filename()) WriteFile(before, "x");
+        Context context(Path(c.path));
         EXPECT_EQ(context.status, c.status) << c.path;
         EXPECT_EQ(context.handle != nullptr, c.status == kSuccess) << c.path;
         EXPECT_EQ(fs::is_directory(root / c.path / "packages"), c.status == kSuccess) << c.path;
     }
     EXPECT_TRUE(fs::exists(root / "kept/packages/x"));
+
+    // One context per repository, in this process as in any other; the semaphore outlives contexts.
+    auto first = std::make_unique<Context>(Path("repo"));
+    EXPECT_EQ(Context(Path("repo")).status, kRepositoryBusy);
+    EXPECT_TRUE(fs::exists("/dev/shm/sem.zovrelay"));
+    first.reset();
+    EXPECT_EQ(Context(Path("repo")).status, kSuccess) << "destroy did not release the repository";
+    EXPECT_TRUE(fs::exists("/dev/shm/sem.zovrelay")) << "destroying a context removed the semaphore";
 }
 
-TEST_F(LocalRelay, AContextHoldsItsRepositoryAndTheSemaphore) {
-    {
-        Context first(At("repo"));
-        ASSERT_EQ(first.status, kSuccess);
-        EXPECT_EQ(Context(At("repo")).status, kRepositoryBusy);
-        EXPECT_EQ(Context(At("other")).status, kSuccess);
-        EXPECT_TRUE(fs::exists(kSemaphore));
-    }
-    EXPECT_EQ(Context(At("repo")).status, kSuccess) << "destroy did not release the repository";
-    EXPECT_TRUE(fs::exists(kSemaphore)) << "destroying a context removed the semaphore";
-}
-
-TEST_F(LocalRelay, RefusesMissingArguments) {
+// Every call but start-up, version and messages answers -2 once the library is stopped, before it
+// looks at its arguments; open contexts keep their repositories through a shut-down.
+TEST_F(Contexts, CallsCheckStartUpFirstThenTheirArguments) {
+    Context open(Path("repo"));
+    ZOVRELAY_Context* const handle = open.handle;
     ZOVRELAY_Context* untouched = reinterpret_cast<ZOVRELAY_Context*>(this);
-    const std::wstring invalid = {L'/', wchar_t(0xD800)};
-    EXPECT_EQ(ZOVRELAY_CreateContext(nullptr, At("repo").c_str()), kInvalidArgument);
-    EXPECT_EQ(ZOVRELAY_CreateContext(&untouched, nullptr), kInvalidArgument);
-    EXPECT_EQ(ZOVRELAY_CreateContext(&untouched, invalid.c_str()), kInvalidArgument);
-    EXPECT_EQ(ZOVRELAY_CreateContext(&untouched, L""), kRepositoryNotAccessible);
-    EXPECT_EQ(untouched, reinterpret_cast<ZOVRELAY_Context*>(this)) << "a refusal wrote the out-pointer";
-    EXPECT_EQ(ZOVRELAY_DestroyContext(nullptr), kInvalidArgument);
-    EXPECT_EQ(ZOVRELAY_DestroyData(nullptr), kInvalidArgument);
-}
-
-TEST_F(LocalRelay, ShutdownStopsCallsButKeepsOpenContexts) {
-    Context open(At("repo"));
-    ASSERT_EQ(open.status, kSuccess);
     ZOVRELAY_Information* information = nullptr;
-    ZOV_Version version{};
-    const std::function<ZOVRELAY_Status()> calls[] = {
-        [&] { ZOVRELAY_Context* c = nullptr; return ZOVRELAY_CreateContext(&c, At("new").c_str()); },
-        [&] { return ZOVRELAY_SetOption(open.handle, 10, 1); },
-        [&] { return ZOVRELAY_SetStringOption(open.handle, 22, L"exe"); },
-        [&] { return ZOVRELAY_SubscribeEvent(open.handle, ZOVRELAY_EVENT_PROGRESS, nullptr, nullptr); },
-        [&] { return ZOVRELAY_GetInformation(open.handle, nullptr, 0, nullptr, 0, &information); },
-        [&] { return ZOVRELAY_Duplicate(open.handle, nullptr, 0, nullptr, 0, &information); },
-        [&] { return ZOVRELAY_ExportComponent(open.handle, At("out").c_str(), ZOVRELAY_EntityItem{}); },
-        [&] { return ZOVRELAY_DestroyData(nullptr); },
-        [&] { return ZOVRELAY_Shutdown(); },
+    const ZOVRELAY_Product product{Entity(kProduct0), nullptr, 1};
+    const ZOVRELAY_Source nullSource{nullptr, {0, 0}, nullptr};
+    const std::wstring invalid = {L'/', wchar_t(0xD800)};
+    const struct { std::function<ZOVRELAY_Status()> call; ZOVRELAY_Status started; } calls[] = {
+        {[&] { return ZOVRELAY_CreateContext(nullptr, L"/"); }, kInvalidArgument},
+        {[&] { return ZOVRELAY_CreateContext(&untouched, invalid.c_str()); }, kInvalidArgument},
+        {[&] { return ZOVRELAY_CreateContext(&untouched, L""); }, kRepositoryNotAccessible},
+        {[&] { return ZOVRELAY_SetOption(handle, 12, -5); }, kInvalidArgument},  // a negative count
+        {[&] { return ZOVRELAY_SetStringOption(handle, 0, L"1"); }, kInvalidArgument},
+        {[&] { return ZOVRELAY_SubscribeEvent(handle, ZOVRELAY_EventType(6), &Recorder::Callback, nullptr); }, kInvalidArgument},
+        {[&] { return ZOVRELAY_Duplicate(handle, &product, 1, nullptr, 0, &information); }, kInvalidArgument},  // no components
+        {[&] { return ZOVRELAY_GetInformation(handle, nullptr, 0, nullptr, 2, &information); }, kInvalidArgument},
+        {[&] { return ZOVRELAY_GetInformation(handle, nullptr, 0, &nullSource, 1, &information); }, kNoSourceReachable},
+        {[&] { return ZOVRELAY_ExportComponent(handle, L"", Entity(kEngine)); }, kInvalidArgument},
+        {[&] { return ZOVRELAY_DestroyData(nullptr); }, kInvalidArgument},
+        {[&] { return ZOVRELAY_DestroyContext(nullptr); }, kInvalidArgument},
     };
-    ASSERT_EQ(ZOVRELAY_Shutdown(), kSuccess);
-    for (const auto& call : calls) EXPECT_EQ(call(), kNotStarted);
-    EXPECT_EQ(ZOVRELAY_GetVersion(&version), kSuccess);
-    EXPECT_TRUE(version.major == 1 && version.minor == 0 && version.build == 0 && version.revision == 0);
+    for (const auto& c : calls) EXPECT_EQ(c.call(), c.started) << &c - calls;
+    for (const auto& [option, value, status] : {std::tuple<int, int64_t, ZOVRELAY_Status>{0, -1, kSuccess}, {11, 3, kSuccess}, {15, 7, kSuccess},
+                                                 {10, -1, kInvalidArgument}, {22, 1, kInvalidArgument}, {1, 0, kInvalidArgument}, {13, 0, kInvalidArgument}})
+        EXPECT_EQ(ZOVRELAY_SetOption(handle, option, value), status) << option;
+    EXPECT_TRUE(untouched == reinterpret_cast<ZOVRELAY_Context*>(this) && information == nullptr) << "a refusal wrote an out-pointer";
+    // A record is freed once; a second release, or a pointer not ours, is refused.
+    ASSERT_EQ(ZOVRELAY_GetInformation(handle, nullptr, 0, nullptr, 0, &information), kSuccess);
+    EXPECT_EQ(ZOVRELAY_DestroyData(information), kSuccess);
+    EXPECT_EQ(ZOVRELAY_DestroyData(information), kInvalidArgument);
+    ZOVRELAY_Information foreign{nullptr, 0};
+    EXPECT_EQ(ZOVRELAY_DestroyData(&foreign), kInvalidArgument);
 
+    ASSERT_EQ(ZOVRELAY_Shutdown(), kSuccess);
+    for (const auto& c : calls) EXPECT_EQ(c.call(), kNotStarted) << &c - calls;
+    EXPECT_EQ(ZOVRELAY_Shutdown(), kNotStarted);
+    ZOV_Version version{};
+    EXPECT_TRUE(ZOVRELAY_GetVersion(&version) == kSuccess && version.major == 1 && version.minor == 0 && version.build == 0);
     ASSERT_EQ(ZOVRELAY_Startup(nullptr), kSuccess);
-    EXPECT_EQ(Context(At("repo")).status, kRepositoryBusy) << "shutdown released an open context's lock";
+    EXPECT_EQ(Context(Path("repo")).status, kRepositoryBusy) << "shutdown released an open context's lock";
     ASSERT_EQ(ZOVRELAY_Shutdown(), kSuccess);
     EXPECT_EQ(ZOVRELAY_DestroyContext(open.handle), kNotStarted);
     open.handle = nullptr;
     ASSERT_EQ(ZOVRELAY_Startup(nullptr), kSuccess);
-    EXPECT_EQ(Context(At("repo")).status, kSuccess) << "destroy after shutdown did not release";
+    EXPECT_EQ(Context(Path("repo")).status, kSuccess) << "destroy after shutdown did not release";
 }
 
-} // namespace
+}  // namespace
+}  // namespace relaytest
