@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
-#include <cstdio>
 #include <exception>
 #include <limits>
 #include <memory>
@@ -92,14 +91,6 @@ struct Transfer {
     std::exception_ptr failure;  // thrown by the sink; must not unwind through libcurl's C frames
 };
 
-// Not std::to_string: its digit table is a GNU unique symbol that would escape the library's
-// hidden visibility.
-std::string Decimal(long long value) {
-    char text[24];
-    std::snprintf(text, sizeof text, "%lld", value);
-    return text;
-}
-
 bool IsSuccess(long code) { return code >= 200 && code <= 299; }
 
 size_t Receive(char* data, size_t, size_t size, void* user) noexcept {
@@ -183,7 +174,7 @@ bool SetProxy(Options& options, const ProxySettings& proxy, std::string* reason)
         return false;
     }
     if (proxy.type != 0 && proxy.type != 1) {
-        *reason = "unknown proxy type " + Decimal(proxy.type);
+        *reason = "unknown proxy type " + std::to_string(proxy.type);
         return false;
     }
     // An IPv6 literal needs brackets, or its colons would read as a port.
@@ -258,8 +249,8 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
     if (transfer.refusedStatus != 0 || result == CURLE_HTTP_RETURNED_ERROR || (result == CURLE_OK && !IsSuccess(code))) {
         long proxyCode = 0;  // a refused tunnel: the source never answered
         if (code == 0) curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &proxyCode);
-        return Unreachable(error, proxyCode != 0 ? "the proxy answered HTTP status " + Decimal(proxyCode)
-                                                 : "HTTP status " + Decimal(code));
+        return Unreachable(error, proxyCode != 0 ? "the proxy answered HTTP status " + std::to_string(proxyCode)
+                                                 : "HTTP status " + std::to_string(code));
     }
     if (result != CURLE_OK) {
         return Unreachable(error, curlError[0] != '\0' ? curlError : curl_easy_strerror(result));
