@@ -57,6 +57,9 @@ struct Component {
     std::string path;  // relative to the catalog's directory
     uint64_t size = 0;
     std::string sha256;  // lower-case hex
+    // 0: the package is the whole file at `path`. Otherwise the package is the `size` bytes that
+    // start at this byte of the file at `path` (a version stored inside a repository's merged archive).
+    uint64_t offset = 0;
 };
 
 struct Product {

@@ -25,6 +25,15 @@ enum Status : ZOVRELAY_Status {
     kRepositoryBusy = -9,
     kIoError = -10,
     kInvalidCatalog = -11,
+    // Where the administrator's remedy differs, the failure has a status of its own.
+    kHttpError = -12,           // the source answered an HTTP error status
+    kHostNotResolved = -13,     // the source's (or proxy's) host name did not resolve
+    kConnectionFailed = -14,    // refused, reset or timed out
+    kCertificateRefused = -15,  // the TLS certificate check failed
+    kProxyRefused = -16,        // the proxy refused the credentials
+    kNoSpace = -17,             // no space left on the repository's file system
+    kPermissionDenied = -18,    // the file system refused access
+    kUnsupportedAddress = -19,  // a source address of a kind the relay cannot read (ftp://...)
 };
 
 struct StatusEntry {
@@ -45,6 +54,14 @@ inline constexpr StatusEntry kStatusTable[] = {
     {kRepositoryBusy, L"repository is busy"},
     {kIoError, L"i/o error"},
     {kInvalidCatalog, L"invalid catalog"},
+    {kHttpError, L"source answered an HTTP error"},
+    {kHostNotResolved, L"host name not resolved"},
+    {kConnectionFailed, L"connection failed"},
+    {kCertificateRefused, L"certificate check failed"},
+    {kProxyRefused, L"proxy refused the credentials"},
+    {kNoSpace, L"no space left on device"},
+    {kPermissionDenied, L"permission denied"},
+    {kUnsupportedAddress, L"unsupported source address"},
 };
 
 // The caller's buffer is 64 wide characters and its size never reaches us.

@@ -1,0 +1,35 @@
+// What one mirroring run did, package by package. The transfer and repository layers fill it in as
+// the run goes; the run report and the metrics file are written from it when the run ends.
+#ifndef LOCALRELAY_RUNLOG_H
+#define LOCALRELAY_RUNLOG_H
+
+#include "zovrelay.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace localrelay {
+
+struct PackageOutcome {
+    std::string path;      // the package's path in the catalog
+    std::string identity;  // "c3t4l1p-1r-1o-1"
+    std::string version;   // "16.1230.0.0"
+    std::string source;    // the address that served it, or the last one tried
+    std::string action;    // "download", "heal" (a held copy no longer verified), "held" (nothing to do)
+    uint64_t size = 0;     // the catalog's size
+    uint64_t bytes = 0;    // bytes received from sources for it in this run
+    double seconds = 0;
+    ZOVRELAY_Status status = 1;
+    std::string reason;    // why it failed; empty on success
+};
+
+struct RunLog {
+    std::vector<std::string> sourcesTried;  // in the order tried
+    std::string servedBy;                   // the source whose catalog served the run
+    std::vector<PackageOutcome> packages;
+};
+
+}  // namespace localrelay
+
+#endif
