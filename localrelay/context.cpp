@@ -77,8 +77,8 @@ using namespace localrelay;
 extern "C" {
 
 ZOVRELAY_Status ZOVRELAY_CreateContext(ZOVRELAY_Context** context, const wchar_t* repository) {
-    if (!IsStarted()) return kNotStarted;
-    if (context == nullptr || repository == nullptr) return kInvalidArgument;
+    if (!IsStarted()) return Settle(kNotStarted);
+    if (context == nullptr || repository == nullptr) return Settle(kInvalidArgument);
     return Guard([&]() -> ZOVRELAY_Status {
         std::optional<std::string> path = NarrowWide(repository);
         if (!path) return kInvalidArgument;
@@ -102,15 +102,15 @@ ZOVRELAY_Status ZOVRELAY_DestroyContext(ZOVRELAY_Context* context) {
 
 // Reads all 64 bits: a value past 2^32 is a different value, not its low half.
 ZOVRELAY_Status ZOVRELAY_SetOption(ZOVRELAY_Context* context, int option, int64_t value) {
-    if (!IsStarted()) return kNotStarted;
-    if (context == nullptr) return kInvalidArgument;
-    return SetNumberOption(context->options, option, value);
+    if (!IsStarted()) return Settle(kNotStarted);
+    if (context == nullptr) return Settle(kInvalidArgument);
+    return Settle(SetNumberOption(context->options, option, value));
 }
 
 // The caller frees its string right after the call, so the option keeps its own bytes.
 ZOVRELAY_Status ZOVRELAY_SetStringOption(ZOVRELAY_Context* context, int option, const wchar_t* value) {
-    if (!IsStarted()) return kNotStarted;
-    if (context == nullptr || value == nullptr) return kInvalidArgument;
+    if (!IsStarted()) return Settle(kNotStarted);
+    if (context == nullptr || value == nullptr) return Settle(kInvalidArgument);
     return Guard([&]() -> ZOVRELAY_Status {
         const std::optional<std::string> text = NarrowWide(value);
         if (!text) return kInvalidArgument;
@@ -120,9 +120,9 @@ ZOVRELAY_Status ZOVRELAY_SetStringOption(ZOVRELAY_Context* context, int option, 
 
 ZOVRELAY_Status ZOVRELAY_SubscribeEvent(ZOVRELAY_Context* context, ZOVRELAY_EventType type,
                                         ZOVRELAY_Callback callback, void* userData) {
-    if (!IsStarted()) return kNotStarted;
-    if (context == nullptr) return kInvalidArgument;
-    return context->events.Subscribe(type, callback, userData);
+    if (!IsStarted()) return Settle(kNotStarted);
+    if (context == nullptr) return Settle(kInvalidArgument);
+    return Settle(context->events.Subscribe(type, callback, userData));
 }
 
 } // extern "C"

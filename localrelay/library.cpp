@@ -1,6 +1,8 @@
 // Start-up, shut-down, version and status messages: the calls that need no context.
 #include "library.h"
+#include "failure.h"
 #include "status.h"
+#include "wide.h"
 
 #include <atomic>
 #include <cwchar>
@@ -29,17 +31,29 @@ ZOVRELAY_Status ZOVRELAY_Startup(void* /*reserved*/) {
 }
 
 ZOVRELAY_Status ZOVRELAY_Shutdown(void) {
-    return started.exchange(false) ? kSuccess : kNotStarted;
+    return Settle(started.exchange(false) ? kSuccess : kNotStarted);
 }
 
 ZOVRELAY_Status ZOVRELAY_GetVersion(ZOV_Version* version) {
-    if (version == nullptr) return kInvalidArgument;
+    if (version == nullptr) return Settle(kInvalidArgument);
     *version = ZOV_Version{1, 0, 0, 0};
     return kSuccess;
 }
 
+// The calling thread's last failure, when `status` is it, says what failed and why (failure.h);
+// any other status gets the table's text.
 ZOVRELAY_Status ZOVRELAY_GetStatusMessage(wchar_t* buffer, ZOVRELAY_Status status) {
     if (buffer == nullptr) return kInvalidArgument;
+    try {  // not Guard: asking must not change the last failure
+        std::string text;
+        if (LastFailureText(status, text)) {
+            const std::wstring wide = WidenBytes(text.substr(0, kStatusMessageCapacity - 1));
+            std::wcscpy(buffer, wide.c_str());
+            return kSuccess;
+        }
+    } catch (...) {
+        // the table's text below
+    }
     for (const StatusEntry& entry : kStatusTable) {
         if (entry.status == status) {
             std::wcscpy(buffer, entry.message); // fits: checked when the table is compiled

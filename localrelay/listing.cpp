@@ -1,4 +1,5 @@
 #include "listing.h"
+#include "failure.h"
 #include "status.h"
 
 #include <set>
@@ -33,7 +34,7 @@ ZOVRELAY_Status SelectProducts(const Catalog& catalog, const ZOVRELAY_Product* p
             chosen[p] = true;
             found = true;
         }
-        if (!found) return kNotFound;
+        if (!found) return Fail(kNotFound, "not found", "product " + FormatIdentity(IdentityOf(products[r].entity)));
     }
     for (size_t p = 0; p < catalog.products.size(); ++p)
         if (chosen[p]) selected.push_back(&catalog.products[p]);

@@ -1,4 +1,5 @@
 #include "mirror.h"
+#include "failure.h"
 #include "files.h"
 #include "listing.h"
 #include "package.h"
@@ -8,6 +9,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
+#include <chrono>
 #include <memory>
 
 namespace localrelay {
@@ -60,15 +63,26 @@ ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* product
                 AddWanted(plan, catalog, *product, component);
                 found = true;
             }
-            if (!found) return kNotFound;
+            if (!found) return Fail(kNotFound, "not found", "component " + FormatIdentity(IdentityOf(requested)));
         }
     }
     return kSuccess;
 }
 
-// Failures of one package leave the rest of the run going; these stop it at once.
+// Failures of one package leave the rest of the run going; these stop it at once: the repository
+// cannot take more until the administrator acts.
 bool StopsTheRun(ZOVRELAY_Status status) {
-    return status == kCancelled || status == kIoError || status == kOutOfMemory || status == kRepositoryNotAccessible;
+    return status == kCancelled || status == kIoError || status == kOutOfMemory || status == kRepositoryNotAccessible ||
+           status == kNoSpace || status == kPermissionDenied;
+}
+
+// Failures of the repository's own files, whose message names the file rather than the package.
+bool RepositoryFailure(ZOVRELAY_Status status) {
+    return status == kIoError || status == kNoSpace || status == kPermissionDenied;
+}
+
+double SecondsSince(std::chrono::steady_clock::time_point start) {
+    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
 }
 
 void SortNewestFirst(std::vector<HeldVersion>& versions) {
@@ -78,9 +92,10 @@ void SortNewestFirst(std::vector<HeldVersion>& versions) {
 
 class Mirrorer {
 public:
-    Mirrorer(const std::string& repository, const Options& options, const Events& events, const LoadedSource& source)
+    Mirrorer(const std::string& repository, const Options& options, const Events& events, const LoadedSource& source,
+             RunLog& log)
         : repository_(repository), packages_(repository + "/packages"), options_(options), events_(events),
-          source_(source) {}
+          source_(source), log_(log) {}
 
     ZOVRELAY_Status Run(const Plan& plan);
     const std::map<Identity, Manifest>& held() const { return final_; }
@@ -90,6 +105,7 @@ private:
         Identity identity;
         std::vector<const Wanted*> wanted;
         std::vector<const Component*> downloads;
+        std::vector<const Component*> skipped;  // older than the versions kept
     };
 
     std::string Packages(const std::string& name) const { return packages_ + "/" + name; }
@@ -101,6 +117,12 @@ private:
     void Note(ZOVRELAY_Status status) {
         if (failure_ > 0) failure_ = status;
     }
+    PackageOutcome Outcome(const Component& component, const char* action) const {
+        return PackageOutcome{component.path, FormatIdentity(component.identity), FormatVersion(component.version),
+                              source_.address, action, component.size, 0, 0, kSuccess, ""};
+    }
+    ZOVRELAY_Status Failed(PackageOutcome outcome, ZOVRELAY_Status status, std::string reason,
+                           const std::string& object);
     bool Blacklisted(const Component& component) const { return IsBlacklisted(options_, component.path); }
     void Decide(Group& group) const;
     ZOVRELAY_Status Store(const Group& group);
@@ -111,6 +133,7 @@ private:
     const Options& options_;
     const Events& events_;
     const LoadedSource& source_;
+    RunLog& log_;
     std::map<Identity, Manifest> final_;
     ZOVRELAY_Status failure_ = kSuccess;
 };
@@ -130,13 +153,31 @@ void Mirrorer::Decide(Group& group) const {
 
     for (const Wanted* wanted : group.wanted) {
         const Component& component = *wanted->component;
-        if (Blacklisted(component) ||
-            std::find(candidates.begin(), candidates.end(), component.version) == candidates.end())
+        if (Blacklisted(component)) continue;
+        if (std::find(candidates.begin(), candidates.end(), component.version) == candidates.end()) {
+            group.skipped.push_back(&component);
             continue;
+        }
         const HeldVersion* held = archive != nullptr ? archive->manifest().Find(component.version) : nullptr;
         if (held == nullptr || held->sha256 != component.sha256 || held->size != component.size)
             group.downloads.push_back(&component);
     }
+}
+
+// A package that failed is reported as it happens, by a "downloadend" whose `finished` (the bytes
+// verified, 0) differs from `total` and whose information is "<path>: <reason>", and goes into the
+// run log. The run goes on unless the failure stops it; the first failure is the run's status.
+ZOVRELAY_Status Mirrorer::Failed(PackageOutcome outcome, ZOVRELAY_Status status, std::string reason,
+                                 const std::string& object) {
+    if (reason.empty()) reason = StatusText(status);
+    outcome.status = status;
+    outcome.reason = reason;
+    log_.packages.push_back(outcome);
+    if (status == kCancelled) return status;
+    if (failure_ > 0 || StopsTheRun(status)) Fail(status, reason, object);
+    Note(status);
+    if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADEND, outcome.path + ": " + reason, outcome.size, 0)) return kCancelled;
+    return StopsTheRun(status) ? status : kSuccess;
 }
 
 ZOVRELAY_Status Mirrorer::Store(const Group& group) {
@@ -152,16 +193,23 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
     std::map<Version, std::string> files;
     for (const Component* component : group.downloads) {
         if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADBEGIN, component->path, component->size, 0)) return kCancelled;
-        auto sink = std::make_unique<PackageSink>(Packages(PartName(identity, component->version)), component->size,
-                                                  events_, component->path);
+        PackageOutcome outcome = Outcome(*component, "download");
+        const auto started = std::chrono::steady_clock::now();
+        const std::string part = PartName(identity, component->version);
+        auto sink = std::make_unique<PackageSink>(Packages(part), component->size, events_, component->path);
+        std::string reason;
         ZOVRELAY_Status status = sink->Open();
-        if (status > 0) status = Fetch(JoinAddress(source_.address, component->path), source_.settings, *sink);
+        if (status > 0) status = Fetch(JoinAddress(source_.address, component->path), source_.settings, *sink, &reason);
         if (status > 0) status = sink->Finish(component->sha256);
+        outcome.bytes = sink->received();
+        outcome.seconds = SecondsSince(started);
         if (status <= 0) {
-            if (StopsTheRun(status)) return status;
-            Note(status);
+            if (reason.empty()) reason = sink->stopReason;
+            status = Failed(outcome, status, reason, RepositoryFailure(status) ? "packages/" + part : component->path);
+            if (status <= 0) return status;
             continue;
         }
+        log_.packages.push_back(outcome);
         if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADEND, component->path, component->size, component->size))
             return kCancelled;
         files[component->version] = sink->path();
@@ -201,7 +249,13 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
             }
             const bool wanted = std::any_of(group.wanted.begin(), group.wanted.end(),
                                             [&](const Wanted* w) { return w->component->version == held->version; });
-            if (wanted) Note(kIntegrityFailed);
+            if (wanted) {
+                PackageOutcome outcome{held->path, FormatIdentity(identity), FormatVersion(held->version), "",
+                                       "verify", held->size, 0, 0, kSuccess, ""};
+                const ZOVRELAY_Status status =
+                    Failed(outcome, kIntegrityFailed, "held copy failed its check; dropped", held->path);
+                if (status <= 0) return status;
+            }
             held = next.versions.erase(held);
         }
         if (next.versions.empty()) return kSuccess;
@@ -212,6 +266,11 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
             status = ReplaceFile(temporary.path(), merged);
         }
         if (status <= 0) {
+            // libzip leaves the failing write's errno: a full disk is worth saying so.
+            const Failure cause = FromErrno(errno);
+            if (status == kIoError && RepositoryFailure(cause.status)) status = cause.status;
+            if (failure_ > 0 || StopsTheRun(status))
+                Fail(status, status == cause.status ? cause.reason : "cannot write", "packages/" + NameOf(merged));
             if (StopsTheRun(status)) return status;
             Note(status);
             return kSuccess;
@@ -257,13 +316,21 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
     for (const Wanted& wanted : plan.wanted) {
         const Identity& identity = wanted.component->identity;
         auto group = std::find_if(groups.begin(), groups.end(), [&](const Group& g) { return g.identity == identity; });
-        if (group == groups.end()) group = groups.insert(groups.end(), Group{identity, {}, {}});
+        if (group == groups.end()) group = groups.insert(groups.end(), Group{identity, {}, {}, {}});
         group->wanted.push_back(&wanted);
     }
     uint64_t planned = 0;
     for (Group& group : groups) {
         Decide(group);
         for (const Component* component : group.downloads) planned += component->size;
+        for (const Wanted* wanted : group.wanted) {
+            const Component& component = *wanted->component;
+            const auto& downloads = group.downloads;
+            if (Blacklisted(component) || std::find(downloads.begin(), downloads.end(), &component) != downloads.end())
+                continue;
+            const bool skipped = std::find(group.skipped.begin(), group.skipped.end(), &component) != group.skipped.end();
+            log_.packages.push_back(Outcome(component, skipped ? "skip" : "held"));
+        }
     }
     if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOAD, source_.address, planned, 0)) return kCancelled;
     for (const Group& group : groups) {
@@ -277,12 +344,12 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
 
 ZOVRELAY_Status Mirror(const std::string& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result) {
+                       std::vector<ListedProduct>& result, RunLog& log) {
     Plan plan;
     ZOVRELAY_Status status = MakePlan(source.catalog, products, count, plan);
     if (status <= 0) return status;
 
-    Mirrorer mirrorer(repository, options, events, source);
+    Mirrorer mirrorer(repository, options, events, source, log);
     status = mirrorer.Run(plan);
     if (status <= 0) return status;
 

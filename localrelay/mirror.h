@@ -6,6 +6,7 @@
 #include "events.h"
 #include "options.h"
 #include "records.h"
+#include "runlog.h"
 #include "sources.h"
 
 #include <string>
@@ -15,10 +16,11 @@ namespace localrelay {
 
 // `repository` is the context's absolute path. On success `result` holds each selected product
 // with the requested components it now holds. A product carrying components mirrors exactly
-// those; one without mirrors all its components at their newest catalog version.
+// those; one without mirrors all its components at their newest catalog version. Each package
+// planned, downloaded or failed goes into `log`; each failed one is also reported by an event.
 ZOVRELAY_Status Mirror(const std::string& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result);
+                       std::vector<ListedProduct>& result, RunLog& log);
 
 }  // namespace localrelay
 

@@ -2,11 +2,13 @@
 // context's repository. Arguments are checked here; the work lives in listing, mirror and
 // repository.
 #include "context.h"
+#include "failure.h"
 #include "files.h"
 #include "library.h"
 #include "listing.h"
 #include "mirror.h"
 #include "records.h"
+#include "report.h"
 #include "repository.h"
 #include "sources.h"
 #include "status.h"
@@ -15,6 +17,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 
@@ -104,9 +107,9 @@ extern "C" {
 ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELAY_Product* products,
                                         size_t productCount, const ZOVRELAY_Source* sources, size_t sourceCount,
                                         ZOVRELAY_Information** information) {
-    if (!IsStarted()) return kNotStarted;
-    if (context == nullptr || information == nullptr) return kInvalidArgument;
-    if ((productCount > 0 && products == nullptr) || (sourceCount > 0 && sources == nullptr)) return kInvalidArgument;
+    if (!IsStarted()) return Settle(kNotStarted);
+    if (context == nullptr || information == nullptr) return Settle(kInvalidArgument);
+    if ((productCount > 0 && products == nullptr) || (sourceCount > 0 && sources == nullptr)) return Settle(kInvalidArgument);
     return Guard([&]() -> ZOVRELAY_Status {
         const Operation operation(context);
         if (operation.busy()) return kRepositoryBusy;
@@ -126,9 +129,9 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
 ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Product* products, size_t productCount,
                                    const ZOVRELAY_Source* sources, size_t sourceCount,
                                    ZOVRELAY_Information** information) {
-    if (!IsStarted()) return kNotStarted;
+    if (!IsStarted()) return Settle(kNotStarted);
     if (context == nullptr || information == nullptr || !ValidRequest(products, productCount, sources, sourceCount))
-        return kInvalidArgument;
+        return Settle(kInvalidArgument);
     return Guard([&]() -> ZOVRELAY_Status {
         const Operation operation(context);
         if (operation.busy()) return kRepositoryBusy;
@@ -136,17 +139,27 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
         // Zero products mirror nothing: a filtered mirror that kept nothing must never become a
         // full mirror.
         ZOVRELAY_Status status = kSuccess;
+        RunLog log;
+        RunSummary summary;
+        summary.started = std::chrono::system_clock::now();
         if (productCount > 0) {
             LoadedSource source;
-            status = LoadSource(sources, sourceCount, operation.options(), source);
+            status = LoadSource(sources, sourceCount, operation.options(), source, &log);
             if (status > 0)
                 status = Mirror(operation.repository(), operation.options(), operation.events(), source, products,
-                                productCount, result);
+                                productCount, result, log);
         }
         // The index follows the archives whatever happened: what was stored before a failure stays.
-        const ZOVRELAY_Status indexed = WriteIndex(operation.repository(), ReadHeld(operation.packages()));
+        const std::map<Identity, Manifest> held = ReadHeld(operation.packages());
+        const ZOVRELAY_Status indexed = WriteIndex(operation.repository(), held);
         if (status > 0 && indexed <= 0) status = indexed;
-        return status > 0 ? HandOut(result, information) : status;
+        if (status > 0) status = HandOut(result, information);
+        summary.ended = std::chrono::system_clock::now();
+        summary.status = status;
+        summary.message = MessageFor(status);
+        for (const auto& [identity, manifest] : held) summary.heldVersions += manifest.versions.size();
+        WriteRunReport(operation.repository(), log, summary);
+        return status;
     });
 }
 
@@ -161,8 +174,8 @@ ZOVRELAY_Status ZOVRELAY_DestroyData(ZOVRELAY_Information* information) {
 
 ZOVRELAY_Status ZOVRELAY_ExportComponent(ZOVRELAY_Context* context, const wchar_t* destination,
                                          ZOVRELAY_EntityItem entity) {
-    if (!IsStarted()) return kNotStarted;
-    if (context == nullptr || destination == nullptr) return kInvalidArgument;
+    if (!IsStarted()) return Settle(kNotStarted);
+    if (context == nullptr || destination == nullptr) return Settle(kInvalidArgument);
     return Guard([&]() -> ZOVRELAY_Status {
         const std::optional<std::string> path = NarrowWide(destination);
         if (!path || path->empty()) return kInvalidArgument;

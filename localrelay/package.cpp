@@ -1,4 +1,5 @@
 #include "package.h"
+#include "failure.h"
 #include "status.h"
 
 #include <fcntl.h>
@@ -42,6 +43,7 @@ bool CheckingSink::Write(const char* data, size_t size) {
     // A source that sends more than the catalog promised is wrong already; do not store the rest.
     if (size > expectedSize_ - received_) {
         stopStatus = kIntegrityFailed;
+        stopReason = "larger than the catalog's " + std::to_string(expectedSize_) + " bytes";
         return false;
     }
     digest_.Update(data, size);
@@ -50,8 +52,13 @@ bool CheckingSink::Write(const char* data, size_t size) {
 }
 
 ZOVRELAY_Status CheckingSink::Check(const std::string& sha256) {
-    if (received_ != expectedSize_) return kIntegrityFailed;
-    return digest_.HexDigest() == sha256 ? kSuccess : kIntegrityFailed;
+    if (received_ != expectedSize_) {
+        stopReason = std::to_string(received_) + " bytes, the catalog says " + std::to_string(expectedSize_);
+        return kIntegrityFailed;
+    }
+    if (digest_.HexDigest() == sha256) return kSuccess;
+    stopReason = "SHA-256 differs from the catalog's";
+    return kIntegrityFailed;
 }
 
 PackageSink::PackageSink(std::string path, uint64_t expectedSize, const Events& events, std::string information)
@@ -64,7 +71,10 @@ PackageSink::~PackageSink() {
 
 ZOVRELAY_Status PackageSink::Open() {
     fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666);
-    return fd_ >= 0 ? kSuccess : kIoError;
+    if (fd_ >= 0) return kSuccess;
+    const Failure failure = FromErrno(errno);
+    stopReason = failure.reason;
+    return failure.status;
 }
 
 bool PackageSink::Write(const char* data, size_t size) {
@@ -73,7 +83,9 @@ bool PackageSink::Write(const char* data, size_t size) {
         const ssize_t n = ::write(fd_, data + written, size - written);
         if (n < 0 && errno == EINTR) continue;
         if (n <= 0) {
-            stopStatus = kIoError;
+            const Failure failure = FromErrno(n < 0 ? errno : ENOSPC);
+            stopStatus = failure.status;
+            stopReason = failure.reason;
             return false;
         }
         written += static_cast<size_t>(n);
@@ -96,8 +108,12 @@ ZOVRELAY_Status PackageSink::Finish(const std::string& sha256) {
     const ZOVRELAY_Status checked = Check(sha256);
     if (checked <= 0) return checked;
     const bool closed = ::close(fd_) == 0;
+    const int error = errno;
     fd_ = -1;
-    return closed ? kSuccess : kIoError;
+    if (closed) return kSuccess;
+    const Failure failure = FromErrno(error);
+    stopReason = failure.reason;
+    return failure.status;
 }
 
 }  // namespace localrelay

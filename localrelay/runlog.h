@@ -24,9 +24,15 @@ struct PackageOutcome {
     std::string reason;    // why it failed; empty on success
 };
 
+struct SourceAttempt {
+    std::string address;
+    ZOVRELAY_Status status = 1;  // 1: its catalog loaded
+    std::string reason;          // why it did not serve
+};
+
 struct RunLog {
-    std::vector<std::string> sourcesTried;  // in the order tried
-    std::string servedBy;                   // the source whose catalog served the run
+    std::vector<SourceAttempt> sourcesTried;  // in the order tried
+    std::string servedBy;                     // the source whose catalog served the run
     std::vector<PackageOutcome> packages;
 };
 

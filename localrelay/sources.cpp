@@ -1,4 +1,5 @@
 #include "sources.h"
+#include "failure.h"
 #include "status.h"
 #include "wide.h"
 
@@ -19,8 +20,17 @@ bool Narrow(const wchar_t* text, std::string& bytes) {
 }  // namespace
 
 ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options,
-                           LoadedSource& loaded) {
-    ZOVRELAY_Status failure = kNoSourceReachable;
+                           LoadedSource& loaded, RunLog* log) {
+    Failure failure{kNoSourceReachable, "no source address given"};
+    std::string failed;  // the catalog's address
+    auto refused = [&](const std::string& address, const std::string& catalog, ZOVRELAY_Status status,
+                       const std::string& reason) {
+        if (log != nullptr) log->sourcesTried.push_back(SourceAttempt{address, status, reason});
+        if (failed.empty() || (status == kInvalidCatalog && failure.status != kInvalidCatalog)) {
+            failure = Failure{status, reason};
+            failed = catalog;
+        }
+    };
     for (size_t i = 0; i < count; ++i) {
         const ZOVRELAY_Source& source = sources[i];
         if (source.url == nullptr) continue;
@@ -37,22 +47,28 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
             settings.type = proxy->type;
             settings.port = proxy->port;
         }
-        std::string text;
-        const ZOVRELAY_Status status =
-            FetchText(JoinAddress(candidate.address, "server.ini"), candidate.settings, text);
+        std::string text, error;
+        const std::string address = JoinAddress(candidate.address, "server.ini");
+        const ZOVRELAY_Status status = FetchText(address, candidate.settings, text, 64u << 20, &error);
         if (status == kOutOfMemory) return status;
-        if (status == kInvalidCatalog) failure = kInvalidCatalog;
-        if (status <= 0) continue;
-        std::optional<Catalog> catalog = ParseCatalog(text);
-        if (!catalog) {
-            failure = kInvalidCatalog;
+        if (status <= 0) {
+            refused(candidate.address, address, status, error);
             continue;
+        }
+        std::optional<Catalog> catalog = ParseCatalog(text, &error);
+        if (!catalog) {
+            refused(candidate.address, address, kInvalidCatalog, "invalid catalog (" + error + ")");
+            continue;
+        }
+        if (log != nullptr) {
+            log->sourcesTried.push_back(SourceAttempt{candidate.address, kSuccess, ""});
+            log->servedBy = candidate.address;
         }
         candidate.catalog = std::move(*catalog);
         loaded = std::move(candidate);
         return kSuccess;
     }
-    return failure;
+    return Fail(failure.status, failure.reason, failed);
 }
 
 }  // namespace localrelay

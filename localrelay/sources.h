@@ -4,6 +4,7 @@
 
 #include "catalog.h"
 #include "options.h"
+#include "runlog.h"
 #include "transfer.h"
 
 #include <string>
@@ -18,8 +19,10 @@ struct LoadedSource {
 
 // Sources with a null address are skipped. kInvalidArgument for a string that names no
 // characters; otherwise, when no catalog loads, kInvalidCatalog if some source answered with a
-// malformed one, else kNoSourceReachable.
-ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options, LoadedSource& loaded);
+// malformed one, else the first source's failure (the one the administrator looks at first),
+// with its address and reason as the failure's detail. Each source tried goes into `log`.
+ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options, LoadedSource& loaded,
+                           RunLog* log = nullptr);
 
 }  // namespace localrelay
 

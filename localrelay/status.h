@@ -77,19 +77,23 @@ constexpr bool MessagesFit() {
 }
 static_assert(MessagesFit(), "a status message must fit 63 wide characters");
 
+// Every relay call returns through this: a failing status becomes the calling thread's last
+// failure, with the detail the call recorded for it (see failure.h). Returns `status`.
+ZOVRELAY_Status Settle(ZOVRELAY_Status status) noexcept;
+
 // Runs the body of an extern "C" call: no exception may cross into C callers.
 template <class Body>
 ZOVRELAY_Status Guard(Body&& body) noexcept {
     try {
-        return body();
+        return Settle(body());
     } catch (const std::bad_alloc&) {
-        return kOutOfMemory;
+        return Settle(kOutOfMemory);
     } catch (const std::length_error&) {
-        return kOutOfMemory;
+        return Settle(kOutOfMemory);
     } catch (const std::system_error&) {
-        return kIoError;
+        return Settle(kIoError);
     } catch (...) {
-        return kOutOfMemory;
+        return Settle(kOutOfMemory);
     }
 }
 

@@ -42,7 +42,7 @@ int HexValue(char c) {
 bool LocalPath(const std::string& address, std::string& path, std::string* error) {
     if (!StartsWithNoCase(address, "file://")) {
         if (address.find("://") != std::string::npos) {
-            SetError(error, "unsupported address: " + address);
+            SetError(error, "unsupported address");
             return false;
         }
         path = address;  // a plain path; a relative one is taken from the working directory
@@ -102,7 +102,7 @@ ZOVRELAY_Status FetchLocal(const std::string& path, const TransferSettings& sett
     // Non-blocking, so that a FIFO in the source cannot hold the operation; regular files ignore it.
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
-        SetError(error, path + ": " + std::strerror(errno));
+        SetError(error, std::strerror(errno));
         return kNoSourceReachable;
     }
     struct Closer {
@@ -111,7 +111,7 @@ ZOVRELAY_Status FetchLocal(const std::string& path, const TransferSettings& sett
     } closer{fd};
     struct stat info {};
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
-        SetError(error, path + ": not a file");
+        SetError(error, "not a file");
         return kNoSourceReachable;
     }
     Pacer pacer(settings.maxBandwidth);
@@ -120,11 +120,14 @@ ZOVRELAY_Status FetchLocal(const std::string& path, const TransferSettings& sett
         const ssize_t got = ::read(fd, buffer.data(), buffer.size());
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) {
-            SetError(error, path + ": " + std::strerror(errno));
+            SetError(error, std::strerror(errno));
             return kIoError;
         }
         if (got == 0) return kSuccess;
-        if (!sink.Write(buffer.data(), static_cast<size_t>(got))) return sink.stopStatus;
+        if (!sink.Write(buffer.data(), static_cast<size_t>(got))) {
+            SetError(error, sink.stopReason);
+            return sink.stopStatus;
+        }
         pacer.Sent(static_cast<size_t>(got));
     }
 }
@@ -157,7 +160,9 @@ ZOVRELAY_Status Fetch(const std::string& address, const TransferSettings& settin
     if (StartsWithNoCase(address, "http://") || StartsWithNoCase(address, "https://"))
         return FetchHttp(address, settings, sink, error);
     std::string path;
-    if (!LocalPath(address, path, error)) return kNoSourceReachable;
+    if (!LocalPath(address, path, error))
+        return address.find("://") != std::string::npos && !StartsWithNoCase(address, "file://") ? kUnsupportedAddress
+                                                                                                   : kNoSourceReachable;
     return FetchLocal(path, settings, sink, error);
 }
 
@@ -166,7 +171,7 @@ ZOVRELAY_Status FetchText(const std::string& address, const TransferSettings& se
     text.clear();
     TextSink sink(text, limit);
     const ZOVRELAY_Status status = Fetch(address, settings, sink, error);
-    if (status == kInvalidCatalog) SetError(error, address + ": larger than " + std::to_string(limit) + " bytes");
+    if (status == kInvalidCatalog) SetError(error, "larger than " + std::to_string(limit) + " bytes");
     if (status <= 0) text.clear();
     return status;
 }

@@ -34,14 +34,16 @@ public:
     virtual ~ChunkSink() = default;
     virtual bool Write(const char* data, size_t size) = 0;
     ZOVRELAY_Status stopStatus = -10;
+    std::string stopReason;  // why, on one line ("no space left"); Fetch hands it out as its error
 };
 
 // The address of `relative` under a source address: "<address>/<relative>", with one "/".
 std::string JoinAddress(const std::string& address, const std::string& relative);
 
 // Streams the file at `address` (absolute path, file:// or http(s):// URL) into the sink.
-// Returns 1 on success; -5 when the file cannot be reached or read (missing file, refused
-// connection, HTTP error status, certificate refused); the sink's stopStatus when it stopped the
+// Returns 1 on success; for HTTP(S) the status failure.h classifies (HTTP error, name not resolved,
+// connection failed, certificate or proxy refused...); -19 for an address of another kind
+// (ftp://...); -5 for a local file that cannot be read; the sink's stopStatus when it stopped the
 // transfer; -10 for local read errors after the file was opened. `error` gets a one-line reason.
 ZOVRELAY_Status Fetch(const std::string& address, const TransferSettings& settings, ChunkSink& sink,
                       std::string* error = nullptr);

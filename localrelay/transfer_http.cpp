@@ -1,10 +1,12 @@
 // HTTP and HTTPS transfers through libcurl.
+#include "failure.h"
 #include "transfer.h"
 
 #include <curl/curl.h>
 
 #include <algorithm>
 #include <chrono>
+#include <cstdlib>
 #include <cstdint>
 #include <exception>
 #include <limits>
@@ -157,9 +159,22 @@ void SetProtocols(Options& options) {
 #endif
 }
 
+// The system's store, plus the organisation's authorities where the environment names them, as
+// the curl tool reads it: CURL_CA_BUNDLE wins; without it SSL_CERT_FILE names the bundle and
+// SSL_CERT_DIR the hashed directory. A bundle set this way replaces the system's bundle file but
+// not its directory (/etc/ssl/certs), so public authorities stay trusted.
 void SetCertificateCheck(Options& options, int64_t level) {
     options.Set(CURLOPT_SSL_VERIFYPEER, level == 0 ? 0L : 1L);
     options.Set(CURLOPT_SSL_VERIFYHOST, level == 0 || level == 1 ? 0L : 2L);
+    if (level == 0) return;
+    const char* bundle = std::getenv("CURL_CA_BUNDLE");
+    const char* directory = nullptr;
+    if (bundle == nullptr || *bundle == '\0') {
+        bundle = std::getenv("SSL_CERT_FILE");
+        directory = std::getenv("SSL_CERT_DIR");
+    }
+    if (bundle != nullptr && *bundle != '\0') options.Set(CURLOPT_CAINFO, bundle);
+    if (directory != nullptr && *directory != '\0') options.Set(CURLOPT_CAPATH, directory);
 }
 
 // The relay's settings alone decide the proxy: the environment's http_proxy and no_proxy are
@@ -239,23 +254,27 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
     const CURLcode result = curl_easy_perform(curl);
     if (transfer.failure) std::rethrow_exception(transfer.failure);
     if (result == CURLE_OK && !transfer.sinkStopped) transfer.sinkStopped = !transfer.Deliver(nullptr, 0);
-    if (transfer.sinkStopped) return sink.stopStatus;
+    if (transfer.sinkStopped) {
+        if (error != nullptr) *error = sink.stopReason;
+        return sink.stopStatus;
+    }
 
     long code = transfer.refusedStatus;
     if (code == 0 && (result == CURLE_OK || result == CURLE_HTTP_RETURNED_ERROR)) {
         curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &code);
     }
-    if (result == CURLE_OUT_OF_MEMORY) return kOutOfMemory;
-    if (transfer.refusedStatus != 0 || result == CURLE_HTTP_RETURNED_ERROR || (result == CURLE_OK && !IsSuccess(code))) {
-        long proxyCode = 0;  // a refused tunnel: the source never answered
-        if (code == 0) curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &proxyCode);
-        return Unreachable(error, proxyCode != 0 ? "the proxy answered HTTP status " + std::to_string(proxyCode)
-                                                 : "HTTP status " + std::to_string(code));
-    }
-    if (result != CURLE_OK) {
-        return Unreachable(error, curlError[0] != '\0' ? curlError : curl_easy_strerror(result));
-    }
-    return kSuccess;
+    const bool refused =
+        transfer.refusedStatus != 0 || result == CURLE_HTTP_RETURNED_ERROR || (result == CURLE_OK && !IsSuccess(code));
+    if (result == CURLE_OK && !refused) return kSuccess;
+    long connect = 0, proxyError = 0;  // a refused tunnel: the source never answered
+    curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &connect);
+#if LIBCURL_VERSION_NUM >= 0x074900
+    curl_easy_getinfo(curl, CURLINFO_PROXY_ERROR, &proxyError);
+#endif
+    const Failure failure = FromCurl(refused ? CURLE_HTTP_RETURNED_ERROR : result, code, connect, proxyError,
+                                     settings.proxy.used && !settings.proxy.user.empty(), curlError);
+    if (error != nullptr) *error = failure.reason;
+    return failure.status;
 }
 
 }  // namespace localrelay

@@ -27,7 +27,7 @@ TEST_F(LocalTransfer, ReadsPathsAndFileUrls) {
         {"file://" + path, kSuccess},  // a space needs no escape in a file URL we read
         {Path("missing"), kNoSourceReachable}, {root.string(), kNoSourceReachable},  // a directory
         {"file://elsewhere" + path, kNoSourceReachable}, {"file://" + escaped + "%2", kNoSourceReachable},
-        {"file://" + escaped + "%00", kNoSourceReachable}, {"gopher://host/a", kNoSourceReachable}, {"", kNoSourceReachable},
+        {"file://" + escaped + "%00", kNoSourceReachable}, {"gopher://host/a", kUnsupportedAddress}, {"", kNoSourceReachable},
     };
     for (const auto& c : cases) {
         Collect sink;
