@@ -1,12 +1,17 @@
 -- mirror.lua: mirrors the patterns of an update source into a repository; made to run from cron.
 --
---   lua5.2 mirror.lua [--limit KIB/S] REPOSITORY SOURCE [EXPORT-DIRECTORY]
+--   lua5.2 mirror.lua [--limit KIB/S] [--product ID]... REPOSITORY SOURCE [EXPORT-DIRECTORY]
 --
 -- SOURCE is a directory, a file:// URL or an http(s):// URL. The script lists the source, mirrors
--- the pattern files and the rule package of its products, lists what the repository holds,
--- exports one component into EXPORT-DIRECTORY (when given), cleans the repository up and shows
--- what is left in packages/. It exits 0, or 1 with a one-line reason on the first failure.
--- On a terminal the download is one live line; elsewhere (cron, a pipe) one line per package.
+-- the pattern files and the rule package of its products (each --product, or every product),
+-- lists what the repository holds, exports one component into EXPORT-DIRECTORY (when given),
+-- cleans the repository up and shows what is left in packages/. Each package that fails is
+-- printed as it fails; the last line sums the run up. On a terminal the download is one live line;
+-- elsewhere (cron, a pipe) one line per package. The relay also leaves REPOSITORY/report.json.
+--
+-- Exit status, for cron and monitoring: 0 success; 1 another failure; 2 bad arguments;
+-- 3 a source problem (unreachable, refused, HTTP error, bad certificate or catalog, missing or
+-- damaged package); 4 a repository problem (not accessible, busy, full, permission denied).
 local update = require "update"
 
 -- What to mirror, for your site.
@@ -20,27 +25,47 @@ local OPTIONS = {
 local NAME = "mirror"
 io.stdout:setvbuf("line")  -- so that a failure on stderr lands after what led to it
 
-local function fail(format, ...)
-  io.stderr:write(NAME, ": ", string.format(format, ...), "\n")
-  os.exit(1)
+-- Exit statuses by what the administrator has to look at; the relay's statuses by the same.
+local EXIT = {other = 1, arguments = 2, source = 3, repository = 4}
+local KIND = {[-3] = "repository", [-9] = "repository", [-10] = "repository", [-17] = "repository",
+              [-18] = "repository", [-1] = "arguments"}
+for _, status in ipairs{-5, -6, -7, -11, -12, -13, -14, -15, -16, -19} do KIND[status] = "source" end
+
+local failedPackages = 0  -- counted by the downloadend handler below
+
+local function fail(kind, format, ...)
+  local line = string.format(format, ...)
+  if failedPackages > 0 then
+    line = line .. string.format("; %d package%s failed", failedPackages, failedPackages == 1 and "" or "s")
+  end
+  io.stderr:write(NAME, ": ", line, "\n")
+  os.exit(EXIT[kind] or EXIT.other)
 end
 
 -- Every operation answers the status triple: result, status, message.
 local function check(what, result, status, message)
-  if not update.ok(status) then fail("%s failed: %s (status %s)", what, message, status) end
+  if not update.ok(status) then fail(KIND[status], "%s failed: %s (status %s)", what, message, status) end
   return result
 end
 
-local function usage()
-  io.stderr:write("usage: lua5.2 mirror.lua [--limit KIB/S] REPOSITORY SOURCE [EXPORT-DIRECTORY]\n")
-  os.exit(2)
+local function usage(problem)
+  if problem then io.stderr:write(NAME, ": ", problem, "\n") end
+  io.stderr:write("usage: lua5.2 mirror.lua [--limit KIB/S] [--product ID]... REPOSITORY SOURCE [EXPORT-DIRECTORY]\n")
+  os.exit(EXIT.arguments)
 end
 
 local positional, limit = {}, nil
 local i = 1
 while i <= #arg do
   if arg[i] == "--limit" then
-    limit = tonumber(arg[i + 1]) or usage()
+    limit = tonumber(arg[i + 1]) or usage("--limit needs a number")
+    i = i + 2
+  elseif arg[i] == "--product" then
+    -- Checked here, so that a mistyped identifier is one line rather than an error from inside.
+    local ok, product = pcall(update.toproduct, arg[i + 1] or "")
+    if not ok then usage(string.format("bad product identifier '%s': %s", arg[i + 1] or "",
+                                       tostring(product):gsub("^.-:%d+: ", ""):gsub("^bad argument #%d+ to '[^']*' %((.*)%)$", "%1"))) end
+    PRODUCTS[#PRODUCTS + 1] = arg[i + 1]
     i = i + 2
   else
     positional[#positional + 1] = arg[i]
@@ -128,17 +153,27 @@ local function progressDisplay()
         shown = true
       end
     end,
+    -- A package that failed ends with finished ~= total and "<path>: <reason>"; the rest go on.
     downloadend = function(event)
+      if event.finished ~= event.total then
+        failedPackages = failedPackages + 1
+        if shown then io.stdout:write("\r\27[K") end
+        print("  FAILED " .. event.information)
+        return
+      end
       done, packages = done + event.total, packages + 1
       if not live then print("  " .. line(event.information, done)) end
     end,
   }
   local function finish()
     if shown then io.stdout:write("\r\27[K") end
-    if packages == 0 then return "nothing to download: the repository is up to date" end
+    local failed = failedPackages > 0 and string.format(", %d failed", failedPackages) or ""
+    if packages == 0 then
+      return failedPackages > 0 and "downloaded nothing" .. failed or "nothing to download: the repository is up to date"
+    end
     local seconds = now() - started
-    return string.format("downloaded %d package%s, %s in %.2f s (%s)", packages, packages == 1 and "" or "s",
-                         size(done), seconds, rate(done, seconds))
+    return string.format("downloaded %d package%s, %s in %.2f s (%s)%s", packages, packages == 1 and "" or "s",
+                         size(done), seconds, rate(done, seconds), failed)
   end
   return handlers, finish
 end
@@ -169,7 +204,7 @@ local function main()
 
   -- 4. Export one component, found by its friendly name in the listing.
   if exportTo then
-    local component = held[EXPORT] or fail("the repository holds no %s", EXPORT)
+    local component = held[EXPORT] or fail("other", "the repository holds no %s", EXPORT)
     check("exporting " .. EXPORT, update.extract(repository, component, exportTo))
     print(string.format("exported %s %s into %s", EXPORT, component.version, exportTo))
   end
@@ -178,7 +213,7 @@ local function main()
   --    The predicate only watches here: returning nothing lets each archive go.
   local removed = 0
   local cleaned, message = update.removeke(repository, function() removed = removed + 1 end)
-  if not cleaned then fail("clean-up failed: %s", message) end
+  if not cleaned then fail("repository", "clean-up failed: %s", message) end
   print(string.format("clean-up: server.ini reset, %d per-version archive%s removed", removed,
                       removed == 1 and "" or "s"))
 
@@ -193,8 +228,9 @@ local function main()
   listing:close()
   print("packages/ now holds:")
   columns(rows, "  ")
+  print(string.format("%s: done: %d components in %d products held", NAME, components, products))
 end
 
 -- An argument the module refuses raises an error; report it as one line too.
 local ok, problem = pcall(main)
-if not ok then fail("%s", tostring(problem):gsub("\n.*", "")) end
+if not ok then fail("arguments", "%s", (tostring(problem):gsub("\n.*", ""))) end

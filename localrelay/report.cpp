@@ -190,7 +190,8 @@ bool WriteRunReport(const std::string& repository, const RunLog& log, const RunS
         if (root.fd < 0) return false;
         Json lastSuccess;
         if (summary.status > 0) lastSuccess = IsoTime(summary.ended);
-        else lastSuccess = ReadPrevious(root.fd).value("last_success", Json());
+        else if (const Json previous = ReadPrevious(root.fd); previous.is_object())
+            lastSuccess = previous.value("last_success", Json());
         if (!lastSuccess.is_string()) lastSuccess = Json();
         const Json report = Report(repository, log, summary, lastSuccess);
         const bool reported =

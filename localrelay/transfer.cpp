@@ -102,7 +102,7 @@ ZOVRELAY_Status FetchLocal(const std::string& path, const TransferSettings& sett
     // Non-blocking, so that a FIFO in the source cannot hold the operation; regular files ignore it.
     const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) {
-        SetError(error, std::strerror(errno));
+        SetError(error, errno == ENOENT ? "no such file" : std::strerror(errno));
         return kNoSourceReachable;
     }
     struct Closer {
