@@ -97,6 +97,16 @@ ZOVRELAY_Status Export(const Operation& operation, const std::string& destinatio
     return ExtractToFile(*archive, *chosen, temporary, destination + "/" + name);
 }
 
+// Leaves the run report and metrics for an operation that ends with `status`.
+void Report(const Operation& operation, const RunLog& log, RunSummary summary, ZOVRELAY_Status status,
+            const std::map<Identity, Manifest>& held) {
+    summary.ended = std::chrono::system_clock::now();
+    summary.status = status;
+    summary.message = MessageFor(status);
+    for (const auto& [identity, manifest] : held) summary.heldVersions += manifest.versions.size();
+    WriteRunReport(operation.repository(), log, summary);
+}
+
 }  // namespace
 }  // namespace localrelay
 
@@ -118,9 +128,15 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
         if (sourceCount == 0) {
             status = ListRepository(ReadHeld(operation.packages()), products, productCount, listed);
         } else {
+            RunLog log;
+            RunSummary summary;
+            summary.started = std::chrono::system_clock::now();
             LoadedSource source;
-            status = LoadSource(sources, sourceCount, operation.options(), source);
+            status = LoadSource(sources, sourceCount, operation.options(), source, &log);
             if (status > 0) status = ListCatalog(source.catalog, products, productCount, listed);
+            // The filtered mirrors begin by listing the source: a mirror job that fails there is
+            // on record too. A listing that succeeds leaves the last run's report alone.
+            if (status <= 0) Report(operation, log, summary, status, ReadHeld(operation.packages()));
         }
         return status > 0 ? HandOut(listed, information) : status;
     });
@@ -154,11 +170,7 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
         const ZOVRELAY_Status indexed = WriteIndex(operation.repository(), held);
         if (status > 0 && indexed <= 0) status = indexed;
         if (status > 0) status = HandOut(result, information);
-        summary.ended = std::chrono::system_clock::now();
-        summary.status = status;
-        summary.message = MessageFor(status);
-        for (const auto& [identity, manifest] : held) summary.heldVersions += manifest.versions.size();
-        WriteRunReport(operation.repository(), log, summary);
+        Report(operation, log, summary, status, held);
         return status;
     });
 }

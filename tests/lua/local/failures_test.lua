@@ -1,0 +1,160 @@
+-- Each failure an administrator must tell apart, provoked for real against servers started here
+-- (nginx, tinyproxy): its status, its message naming what and why, and the run report, checked
+-- against the shape localrelay/README.md documents. Then certificates of an organisation's own CA.
+local update = require "update"
+local cjson = require "cjson"
+local e = require "endtoend"
+
+local function sh(command)
+  local pipe = io.popen("(" .. command .. ") 2>&1")
+  local out = pipe:read("*a")
+  local ok = pipe:close()
+  return out, ok
+end
+
+local function freePorts(n)
+  local out = sh("python3 -c 'import socket\nfor _ in range(" .. n .. "):\n s = socket.socket(); s.bind((\"127.0.0.1\", 0)); print(s.getsockname()[1])'")
+  local ports = {}
+  for port in out:gmatch("%d+") do ports[#ports + 1] = tonumber(port) end
+  return ports
+end
+
+-- The report's documented shape: a key's type, a one-element list for arrays, "string|null".
+local ITEM = {path = "string", identity = "string", version = "string", source = "string", action = "string",
+              size = "number", bytes = "number", seconds = "number", outcome = "string", status = "number",
+              reason = "string"}
+local SHAPE = {format = "number", repository = "string", started = "string", ended = "string", seconds = "number",
+               status = "number", message = "string", last_success = "string|null", served_by = "string|null",
+               sources = {{address = "string", served = "boolean", status = "number", reason = "string"}},
+               packages = {ITEM},
+               totals = {packages = "number", downloaded = "number", failed = "number", bytes = "number",
+                         held_versions = "number"}}
+
+local function conforms(value, shape, where)
+  if type(shape) == "string" then
+    local kind = value == cjson.null and "null" or type(value)
+    assert(("|" .. shape .. "|"):find("|" .. kind .. "|", 1, true), where .. " is a " .. kind .. ", not " .. shape)
+  elseif shape[1] then
+    assert.are.equal("table", type(value), where)
+    for i, item in ipairs(value) do conforms(item, shape[1], where .. "[" .. i .. "]") end
+  else
+    assert.are.equal("table", type(value), where)
+    for key in pairs(value) do assert(shape[key], where .. " has an undocumented key " .. key) end
+    for key, inner in pairs(shape) do conforms(value[key], inner, where .. "." .. key) end
+  end
+end
+
+describe("a failure", function()
+  local work, source, ports, stop = nil, nil, nil, {}
+  lazy_setup(function()
+    work = e.tempdir()
+    source = work .. "/source"
+    e.makeSource(source, {products = 2, components = 6, size = 5000})
+    os.remove(source .. "/pattern/c3t110l2p-1r-1o-1-1.400.1.0.zip")  -- the catalog still lists it
+    ports = freePorts(6)  -- http, https (CA, IP), https (CA, other name), https (self-signed), proxy, closed
+    local servers = {"listen 127.0.0.1:" .. ports[1] .. ";"}
+    local out, made = sh(table.concat({
+      "cd " .. e.quote(work),
+      "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=test-ca -keyout ca.key -out ca.pem",
+      "openssl req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=self -addext subjectAltName=IP:127.0.0.1 -keyout self.key -out self.pem",
+      "for n in ip:IP:127.0.0.1 name:DNS:other.example; do f=${n%%:*}; openssl req -newkey rsa:2048 -nodes -subj /CN=$f -keyout $f.key -out $f.csr" ..
+        " && printf 'subjectAltName=%s\\n' ${n#*:} >$f.ext && openssl x509 -req -in $f.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile $f.ext -out $f.pem; done",
+      "mkdir hashed && cp ca.pem hashed/ && openssl rehash hashed",
+    }, " && "))
+    assert(made, out)
+    for i, name in ipairs{"ip", "name", "self"} do
+      servers[#servers + 1] = string.format("listen 127.0.0.1:%d ssl; ssl_certificate %s/%s.pem; ssl_certificate_key %s/%s.key;",
+                                            ports[i + 1], work, name, work, name)
+    end
+    local conf = {"daemon off; pid nginx.pid; error_log nginx.log; events {} http { access_log off;"}
+    for _, kind in ipairs{"client_body", "proxy", "fastcgi", "uwsgi", "scgi"} do
+      conf[#conf + 1] = kind .. "_temp_path " .. work .. "/" .. kind .. ";"
+    end
+    for _, listen in ipairs(servers) do conf[#conf + 1] = "server { " .. listen .. " root " .. source .. "; }" end
+    e.write(work .. "/nginx.conf", table.concat(conf, "\n") .. "}\n")
+    e.write(work .. "/tinyproxy.conf", "Port " .. ports[5] .. "\nListen 127.0.0.1\nBasicAuth user pass\n")
+    for _, command in ipairs{"/usr/sbin/nginx -p %s -c nginx.conf", "tinyproxy -d -c %s/tinyproxy.conf"} do
+      local pid = sh(string.format(command, e.quote(work)) .. " >/dev/null 2>&1 & echo $!"):match("%d+")
+      stop[#stop + 1] = function() os.execute("kill " .. pid) end
+    end
+    for _, port in ipairs{ports[1], ports[5]} do
+      assert(sh("for i in $(seq 200); do curl -so /dev/null http://127.0.0.1:" .. port .. "/server.ini && exit 0; sleep 0.05; done; exit 1"))
+    end
+  end)
+  lazy_teardown(function()
+    for _, kill in ipairs(stop) do kill() end
+    e.rmtree(work)
+  end)
+
+  local serial = 0
+  local function repository()
+    serial = serial + 1
+    return work .. "/repository" .. serial
+  end
+
+  it("has its own status, names what and why, and lands in the report", function()
+    local http, https = "http://127.0.0.1:" .. ports[1], "https://127.0.0.1:" .. ports[4]
+    local closed = "http://127.0.0.1:" .. ports[6]
+    local cases = {  -- products, source, options, status, message pattern, a failed package's information
+      {{}, http, {}, -12, "^HTTP 404: pattern/c3t110l2p%-1r%-1o%-1%-1%.400%.1%.0%.zip$",
+       "pattern/c3t110l2p-1r-1o-1-1.400.1.0.zip: HTTP 404"},
+      {{}, "http://nonexistent.invalid/", {}, -13, "^host name not resolved: http://nonexistent.invalid/server.ini$"},
+      {{}, closed, {}, -14, "^cannot connect: " .. closed:gsub("%p", "%%%0") .. "/server.ini$"},
+      {{}, https, {httpslevel = 2}, -15, "^certificate refused: https://127.0.0.1:%d+/server.ini$"},
+      {{}, {{url = http, proxy = {host = "127.0.0.1", port = ports[5], user = "user", password = "wrong"}}}, {}, -16,
+       "^proxy refused the credentials: http://127%.0%.0%..*/server%.ini$"},
+      {{}, "ftp://127.0.0.1/mirror", {}, -19, "^unsupported address: ftp://127.0.0.1/mirror/server.ini$"},
+      {{"c1t999"}, http, {}, -6, "^not found: product c1t999l%-1p%-1r%-1o%-1$"},
+    }
+    for i, case in ipairs(cases) do
+      local path, failed = repository(), {}
+      case[3].ke = true
+      case[3].downloadend = function(event)
+        if event.finished ~= event.total then failed[#failed + 1] = event.information end
+      end
+      local _, status, message = update.patterns(path, case[1], case[2], case[3])
+      assert.are.equal(case[4], status, "case " .. i .. ": " .. message)
+      assert.truthy(message:match(case[5]), "case " .. i .. ": " .. message)
+      assert.are.same(case[6] and {case[6]} or {}, failed, "case " .. i)
+      local report = cjson.decode(e.read(path .. "/report.json"))
+      conforms(report, SHAPE, "report")
+      assert.are.same({status, message}, {report.status, report.message}, "case " .. i)
+      assert.are.equal(case[6] and 1 or 0, report.totals.failed, "case " .. i)
+    end
+  end)
+
+  it("of a full file system stops the run with no space left", function()
+    local out, ok = sh("unshare --mount true")
+    if not ok then return pending("no private mount namespace here (needs root): " .. out) end
+    local full, big = work .. "/full", work .. "/big"
+    e.makeSource(big, {products = 1, components = 2, size = 400000})
+    os.execute("mkdir -p " .. e.quote(full))
+    local code = string.format("local _, s, m = require'update'.patterns(%q, {}, %q, {ke = true}) print(s) print(m)"
+                               .. " io.write(io.open(%q):read('*a'))", full, big, full .. "/report.json")
+    out = sh(string.format("unshare --mount sh -c %s", e.quote(string.format(
+      "mount -t tmpfs -o size=256k tmpfs %s && lua5.2 -e %s", e.quote(full), e.quote(code)))))
+    local status, message, report = out:match("^(%-?%d+)\n([^\n]*)\n(.*)$")
+    assert.are.equal("-17", status, out)
+    assert.truthy(message:match("^no space left: packages/%.c.*%.part$"), message)
+    report = cjson.decode(report)
+    conforms(report, SHAPE, "report")
+    assert.are.same({-17, "no space left"}, {report.packages[1].status, report.packages[1].reason})
+  end)
+
+  it("of a certificate check depends on the level and the configured authority", function()
+    local ca = work .. "/ca.pem"
+    local cases = {  -- environment, port index, httpslevel, status
+      {"CURL_CA_BUNDLE=" .. ca, 2, 2, 1}, {"SSL_CERT_FILE=" .. ca, 2, 2, 1}, {"CURL_CA_BUNDLE=" .. ca, 3, 2, -15},
+      {"CURL_CA_BUNDLE=" .. ca, 2, 1, 1}, {"CURL_CA_BUNDLE=" .. ca, 3, 1, 1}, {"", 4, 0, 1},
+      {"CURL_CA_BUNDLE=" .. ca .. " SSL_CERT_FILE=/nonexistent", 2, 2, 1},
+      {"", 2, 1, -15}, {"", 2, 2, -15}, {"SSL_CERT_DIR=" .. work .. "/hashed", 2, 2, 1},
+    }
+    for i, case in ipairs(cases) do
+      local code = string.format("print(select(2, require'update'.list(%q, {}, 'https://127.0.0.1:%d', {httpslevel = %d})))",
+                                 repository(), ports[case[2]], case[3])
+      local clean = "-u CURL_CA_BUNDLE -u SSL_CERT_FILE -u SSL_CERT_DIR"  -- as the machine may set them
+      local out = sh(string.format("env %s %s lua5.2 -e %s", clean, case[1], e.quote(code)))
+      assert.are.equal(tostring(case[4]), out:match("^%-?%d+"), "case " .. i .. ": " .. out)
+    end
+  end)
+end)
