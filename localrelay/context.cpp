@@ -1,5 +1,6 @@
 // Opening and closing relay contexts, and the settings made on them.
 #include "context.h"
+#include "failure.h"
 #include "library.h"
 #include "repository.h"
 #include "status.h"
@@ -49,12 +50,15 @@ ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository) 
     std::filesystem::create_directories(path, ignored);
 
     FileDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    if (directory.get() < 0) return kRepositoryNotAccessible;
+    const auto refused = [&](const char* what) {
+        return Fail(kRepositoryNotAccessible, std::string(what) + " (" + FromErrno(errno).reason + ")", path);
+    };
+    if (directory.get() < 0) return refused("not accessible");
     // flock, not fcntl locks: a second open of the directory conflicts within one process too.
     if (::flock(directory.get(), LOCK_EX | LOCK_NB) != 0)
-        return errno == EWOULDBLOCK ? kRepositoryBusy : kRepositoryNotAccessible;
+        return errno == EWOULDBLOCK ? kRepositoryBusy : refused("cannot lock");
 
-    if (::mkdirat(directory.get(), "packages", 0777) != 0 && errno != EEXIST) return kRepositoryNotAccessible;
+    if (::mkdirat(directory.get(), "packages", 0777) != 0 && errno != EEXIST) return refused("no packages/ in");
     struct stat packages {};
     if (::fstatat(directory.get(), "packages", &packages, 0) != 0 || !S_ISDIR(packages.st_mode))
         return kRepositoryNotAccessible;

@@ -1,4 +1,5 @@
 #include "files.h"
+#include "failure.h"
 #include "status.h"
 
 #include <fcntl.h>
@@ -27,12 +28,17 @@ std::string NameOf(const std::string& path) {
 // replaces what fails, so syncing each package (which forces every byte to disk within the mirror)
 // buys little for its cost.
 ZOVRELAY_Status ReplaceFile(const std::string& from, const std::string& to) {
-    return ::rename(from.c_str(), to.c_str()) == 0 ? kSuccess : kIoError;
+    if (::rename(from.c_str(), to.c_str()) == 0) return kSuccess;
+    const Failure failure = FromErrno(errno);
+    return Fail(failure.status, failure.reason, to);
 }
 
 ZOVRELAY_Status WriteWholeFile(const std::string& path, const std::string& text) {
     const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) return kIoError;
+    if (fd < 0) {
+        const Failure failure = FromErrno(errno);
+        return Fail(failure.status, failure.reason, path);
+    }
     size_t written = 0;
     while (written < text.size()) {
         const ssize_t n = ::write(fd, text.data() + written, text.size() - written);
@@ -40,8 +46,11 @@ ZOVRELAY_Status WriteWholeFile(const std::string& path, const std::string& text)
         if (n <= 0) break;
         written += static_cast<size_t>(n);
     }
+    const int error = written == text.size() ? 0 : errno;
     const bool closed = ::close(fd) == 0;
-    return written == text.size() && closed ? kSuccess : kIoError;
+    if (written == text.size() && closed) return kSuccess;
+    const Failure failure = FromErrno(error != 0 ? error : errno != 0 ? errno : EIO);
+    return Fail(failure.status, failure.reason, path);
 }
 
 }  // namespace localrelay

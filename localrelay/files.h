@@ -29,10 +29,11 @@ std::string DirectoryOf(const std::string& path);
 std::string NameOf(const std::string& path);
 
 // Renames the complete file `from` over `to`: readers see the old file or the new one, never a
-// part. kIoError when the rename fails.
+// part. When the rename fails, the errno's status (failure.h: no space, permission denied, else
+// kIoError) with the target as the failure's detail.
 ZOVRELAY_Status ReplaceFile(const std::string& from, const std::string& to);
 
-// Creates or truncates `path` and writes `text` whole.
+// Creates or truncates `path` and writes `text` whole; failures as ReplaceFile's.
 ZOVRELAY_Status WriteWholeFile(const std::string& path, const std::string& text);
 
 }  // namespace localrelay
