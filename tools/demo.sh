@@ -18,7 +18,9 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 rm -rf "$work/source" "$work/repository" "$work/export"
 "$build/tools/makesource" --products 2 --components 6 --size "$size" "$work/source" >/dev/null
 
-# Port 0: the server takes a free port and names it on its first line.
+# Port 0: the server takes a free port and names it on its first line. The log exists before the
+# server starts, so that a loaded machine cannot have us read it before the child made it.
+: >"$work/server.log"
 python3 -u -m http.server 0 --bind 127.0.0.1 --directory "$work/source" >"$work/server.log" 2>&1 &
 server=$!
 stop() { kill "$server" 2>/dev/null || true; wait "$server" 2>/dev/null || true; }
