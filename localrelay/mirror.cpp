@@ -174,9 +174,10 @@ ZOVRELAY_Status Mirrorer::Failed(PackageOutcome outcome, ZOVRELAY_Status status,
     outcome.reason = reason;
     log_.packages.push_back(outcome);
     if (status == kCancelled) return status;
+    // The event first: a handler may run relay calls of its own, which settle the thread's record.
+    if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADEND, outcome.path + ": " + reason, outcome.size, 0)) return kCancelled;
     if (failure_ > 0 || StopsTheRun(status)) Fail(status, reason, object);
     Note(status);
-    if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADEND, outcome.path + ": " + reason, outcome.size, 0)) return kCancelled;
     return StopsTheRun(status) ? status : kSuccess;
 }
 

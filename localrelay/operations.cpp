@@ -17,6 +17,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -87,12 +88,18 @@ ZOVRELAY_Status Export(const Operation& operation, const std::string& destinatio
 
     std::error_code error;
     std::filesystem::create_directories(destination, error);
-    if (!std::filesystem::is_directory(destination, error)) return kIoError;
+    if (!std::filesystem::is_directory(destination, error)) {
+        const Failure failure = FromErrno(error.value() != 0 ? error.value() : ENOTDIR);
+        return Fail(failure.status, failure.reason, destination);
+    }
     const std::string name = NameOf(chosen->path);
     // The destination is not ours to lock: a unique temporary keeps concurrent exports apart.
     std::string temporary = destination + "/." + name + ".XXXXXX";
     const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) return kIoError;
+    if (fd < 0) {
+        const Failure failure = FromErrno(errno);
+        return Fail(failure.status, failure.reason, destination);
+    }
     ::close(fd);
     return ExtractToFile(*archive, *chosen, temporary, destination + "/" + name);
 }
