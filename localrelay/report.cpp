@@ -134,33 +134,29 @@ std::string Metrics(const std::string& repository, const Json& report) {
     struct Metric {
         const char* name;
         const char* help;
-        double value;
+        Json value;  // a number: integers stay integers
     };
     const Json& totals = report["totals"];
     const Json& success = report["last_success"];
     const Metric metrics[] = {
         {"update_mirror_last_run_timestamp_seconds", "When the last mirroring run ended.",
-         double(ParseIsoTime(report["ended"].get<std::string>()))},
+         int64_t(ParseIsoTime(report["ended"].get<std::string>()))},
         {"update_mirror_last_success_timestamp_seconds", "When a mirroring run last succeeded; 0: never.",
-         success.is_string() ? double(ParseIsoTime(success.get<std::string>())) : 0.0},
-        {"update_mirror_last_run_duration_seconds", "How long the last run took.", report["seconds"].get<double>()},
-        {"update_mirror_last_run_bytes", "Bytes received from sources by the last run.",
-         totals["bytes"].get<double>()},
+         success.is_string() ? int64_t(ParseIsoTime(success.get<std::string>())) : 0},
+        {"update_mirror_last_run_duration_seconds", "How long the last run took.", report["seconds"]},
+        {"update_mirror_last_run_bytes", "Bytes received from sources by the last run.", totals["bytes"]},
         {"update_mirror_last_run_packages_downloaded", "Packages the last run downloaded and stored.",
-         totals["downloaded"].get<double>()},
-        {"update_mirror_last_run_packages_failed", "Packages the last run could not mirror.",
-         totals["failed"].get<double>()},
-        {"update_mirror_held_versions", "Package versions the repository holds.", totals["held_versions"].get<double>()},
-        {"update_mirror_last_status", "The last run's status: 1 success, 0 or below a failure.",
-         report["status"].get<double>()},
+         totals["downloaded"]},
+        {"update_mirror_last_run_packages_failed", "Packages the last run could not mirror.", totals["failed"]},
+        {"update_mirror_held_versions", "Package versions the repository holds.", totals["held_versions"]},
+        {"update_mirror_last_status", "The last run's status: 1 success, 0 or below a failure.", report["status"]},
     };
     const std::string labels = "{repository=\"" + LabelValue(repository) + "\"}";
     std::string text;
     for (const Metric& metric : metrics) {
         text += std::string("# HELP ") + metric.name + " " + metric.help + "\n";
         text += std::string("# TYPE ") + metric.name + " gauge\n";
-        Json number = metric.value;  // shortest exact form, no locale
-        text += metric.name + labels + " " + number.dump() + "\n";
+        text += metric.name + labels + " " + metric.value.dump() + "\n";  // no locale, exact
     }
     return text;
 }

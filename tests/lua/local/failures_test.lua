@@ -122,6 +122,14 @@ describe("a failure", function()
       assert.are.same({status, message}, {report.status, report.message}, "case " .. i)
       assert.are.equal(case[6] and 1 or 0, report.totals.failed, "case " .. i)
     end
+    -- The last run's metrics, in the text format node_exporter reads: eight gauges.
+    local path = work .. "/repository" .. serial
+    local metrics = e.read(path .. "/update" .. path:gsub("%W+", "_") .. ".prom")
+    local values, count = {}, 0
+    for name, value in metrics:gmatch('(update_mirror_[%l_]+){repository="[^"]*"} (%S+)') do
+      values[name], count = tonumber(value), count + 1
+    end
+    assert.are.same({8, -6}, {count, values.update_mirror_last_status})
   end)
 
   it("of a full file system stops the run with no space left", function()
@@ -148,7 +156,7 @@ describe("a failure", function()
       {"CURL_CA_BUNDLE=" .. ca, 2, 2, 1}, {"SSL_CERT_FILE=" .. ca, 2, 2, 1}, {"CURL_CA_BUNDLE=" .. ca, 3, 2, -15},
       {"CURL_CA_BUNDLE=" .. ca, 2, 1, 1}, {"CURL_CA_BUNDLE=" .. ca, 3, 1, 1}, {"", 4, 0, 1},
       {"CURL_CA_BUNDLE=" .. ca .. " SSL_CERT_FILE=/nonexistent", 2, 2, 1},
-      {"", 2, 1, -15}, {"", 2, 2, -15}, {"SSL_CERT_DIR=" .. work .. "/hashed", 2, 2, 1},
+      {"", 2, 1, -15}, {"UPDATE_METRICS_DIR=" .. work, 2, 2, -15}, {"SSL_CERT_DIR=" .. work .. "/hashed", 2, 2, 1},
     }
     for i, case in ipairs(cases) do
       local code = string.format("print(select(2, require'update'.list(%q, {}, 'https://127.0.0.1:%d', {httpslevel = %d})))",
@@ -157,5 +165,7 @@ describe("a failure", function()
       local out = sh(string.format("env %s %s lua5.2 -e %s", clean, case[1], e.quote(code)))
       assert.are.equal(tostring(case[4]), out:match("^%-?%d+"), "case " .. i .. ": " .. out)
     end
+    local metrics = e.read(work .. "/update" .. (work .. "/repository" .. serial - 1):gsub("%W+", "_") .. ".prom")
+    assert.truthy(metrics:match('\nupdate_mirror_last_status{repository="[^"]*"} %-15\n'), metrics)
   end)
 end)
