@@ -12,9 +12,15 @@ struct Detail {
     std::string text;
 };
 
-// Per thread, so that concurrent operations on other contexts never see each other's detail.
-thread_local Detail pending;  // recorded during the running call
-thread_local Detail last;     // the last failing call's, for GetStatusMessage
+// Per thread, so that concurrent operations on other contexts never see each other's detail. Calls
+// nest (an event handler may run an operation of its own), so each running call has its record;
+// past kDepth, deeper calls keep none and answer the table's text.
+constexpr int kDepth = 8;
+thread_local Detail pending[kDepth];  // recorded during each running call, outermost first
+thread_local int depth = 0;           // relay calls running on this thread
+thread_local Detail last;             // the last failing call's, for GetStatusMessage
+
+Detail* Running() { return depth > 0 && depth <= kDepth ? &pending[depth - 1] : nullptr; }
 
 // libcurl results by remedy. What is not listed is a source that could not be read for another
 // reason: kNoSourceReachable with libcurl's own words.
@@ -129,22 +135,34 @@ std::string Describe(const std::string& reason, const std::string& object, size_
 }
 
 ZOVRELAY_Status Fail(ZOVRELAY_Status status, const std::string& reason, const std::string& object) noexcept {
+    Detail* running = Running();
+    if (running == nullptr) return status;
     try {
-        pending = Detail{status, Describe(reason, object)};
+        *running = Detail{status, Describe(reason, object)};
     } catch (...) {
-        pending = Detail{};  // the table's text then
+        *running = Detail{};  // the table's text then
     }
     return status;
 }
+
+void EnterCall() noexcept { ++depth; }
 
 ZOVRELAY_Status Settle(ZOVRELAY_Status status) noexcept {
     if (status <= 0) {
         last.status = status;
         last.text.clear();
-        if (pending.status == status) last.text.swap(pending.text);
     }
-    pending.status = kSuccess;
-    pending.text.clear();
+    return status;
+}
+
+ZOVRELAY_Status LeaveCall(ZOVRELAY_Status status) noexcept {
+    Detail* running = Running();
+    Settle(status);
+    if (running != nullptr) {
+        if (status <= 0 && running->status == status) last.text.swap(running->text);
+        *running = Detail{};
+    }
+    --depth;
     return status;
 }
 
@@ -155,7 +173,9 @@ std::string StatusText(ZOVRELAY_Status status) {
 }
 
 std::string MessageFor(ZOVRELAY_Status status) {
-    return pending.status == status && !pending.text.empty() ? pending.text : StatusText(status);
+    const Detail* running = Running();
+    return running != nullptr && running->status == status && !running->text.empty() ? running->text
+                                                                                      : StatusText(status);
 }
 
 bool LastFailureText(ZOVRELAY_Status status, std::string& text) {

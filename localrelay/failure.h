@@ -3,9 +3,11 @@
 // detail ZOVRELAY_GetStatusMessage hands back for that status.
 //
 // How the detail reaches the message: code that fails with a status worth explaining calls Fail()
-// (status, reason, object) on the calling thread. When a relay call returns (Settle(), run by Guard
-// and by every early return), a failing status becomes the thread's last failure, with the detail
-// recorded during that call if it was for the same status, and with no detail otherwise. A
+// (status, reason, object) on the calling thread. When a relay call returns (LeaveCall() in Guard,
+// Settle() for an early return), a failing status becomes the thread's last failure, with the
+// detail recorded during that call if it was for the same status, and with no detail otherwise.
+// Each running call keeps its own record, so an operation run from an event handler leaves the
+// detail of the operation around it alone. A
 // successful call leaves the last failure alone: the module releases its context and data (two
 // more calls) before it asks for the message. ZOVRELAY_GetStatusMessage(status) then answers the
 // detailed text when `status` is the thread's last failure and the table's text otherwise, so

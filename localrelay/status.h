@@ -77,23 +77,27 @@ constexpr bool MessagesFit() {
 }
 static_assert(MessagesFit(), "a status message must fit 63 wide characters");
 
-// Every relay call returns through this: a failing status becomes the calling thread's last
-// failure, with the detail the call recorded for it (see failure.h). Returns `status`.
+// Every relay call returns through these: a failing status becomes the calling thread's last
+// failure (see failure.h). Settle, for a call that fails before its work began, with no detail;
+// EnterCall and LeaveCall around the work, with the detail it recorded. Both return `status`.
 ZOVRELAY_Status Settle(ZOVRELAY_Status status) noexcept;
+void EnterCall() noexcept;
+ZOVRELAY_Status LeaveCall(ZOVRELAY_Status status) noexcept;
 
 // Runs the body of an extern "C" call: no exception may cross into C callers.
 template <class Body>
 ZOVRELAY_Status Guard(Body&& body) noexcept {
+    EnterCall();
     try {
-        return Settle(body());
+        return LeaveCall(body());
     } catch (const std::bad_alloc&) {
-        return Settle(kOutOfMemory);
+        return LeaveCall(kOutOfMemory);
     } catch (const std::length_error&) {
-        return Settle(kOutOfMemory);
+        return LeaveCall(kOutOfMemory);
     } catch (const std::system_error&) {
-        return Settle(kIoError);
+        return LeaveCall(kIoError);
     } catch (...) {
-        return Settle(kOutOfMemory);
+        return LeaveCall(kOutOfMemory);
     }
 }
 
