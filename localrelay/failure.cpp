@@ -81,11 +81,13 @@ Failure FromCurl(CURLcode result, long response, long connect, long proxyError, 
     // http://; some proxies (tinyproxy) answer wrong credentials with 401 rather than 407.
     const bool refusedByProxy = connect == 407 || connect == 401 || response == 407 || (proxied && response == 401);
     if (refusedByProxy) {
-        return {kProxyRefused, "proxy refused the credentials (HTTP " + std::to_string(connect != 0 ? connect : response) + ")"};
+        const long code = connect != 0 ? connect : response;
+        return {kProxyRefused, "proxy refused the credentials (HTTP " + std::to_string(code) + ")"};
     }
     if (connect != 0 && (connect < 200 || connect > 299))
         return {kConnectionFailed, "proxy answered HTTP " + std::to_string(connect)};
-    if (result == CURLE_OK || result == CURLE_HTTP_RETURNED_ERROR) return {kHttpError, "HTTP " + std::to_string(response)};
+    if (result == CURLE_OK || result == CURLE_HTTP_RETURNED_ERROR)
+        return {kHttpError, "HTTP " + std::to_string(response)};
 #if LIBCURL_VERSION_NUM >= 0x074900
     if (result == CURLE_PROXY) {
         if (proxyError == CURLPX_USER_REJECTED || proxyError == CURLPX_NO_AUTH || proxyError == CURLPX_REQUEST_FAILED)
@@ -129,7 +131,8 @@ std::string Describe(const std::string& reason, const std::string& object, size_
         const size_t open = shortReason.find(" (");
         if (open != std::string::npos) shortReason.resize(open);
     }
-    if (shortReason.size() + 2 + kObjectAtLeast > width) shortReason = ShortenMiddle(shortReason, width - 2 - kObjectAtLeast);
+    if (shortReason.size() + 2 + kObjectAtLeast > width)
+        shortReason = ShortenMiddle(shortReason, width - 2 - kObjectAtLeast);
     const size_t room = width - shortReason.size() - 2;
     return shortReason + ": " + ShortenMiddle(OneLine(object), room);
 }

@@ -329,7 +329,8 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
             const auto& downloads = group.downloads;
             if (Blacklisted(component) || std::find(downloads.begin(), downloads.end(), &component) != downloads.end())
                 continue;
-            const bool skipped = std::find(group.skipped.begin(), group.skipped.end(), &component) != group.skipped.end();
+            const auto& skip = group.skipped;
+            const bool skipped = std::find(skip.begin(), skip.end(), &component) != skip.end();
             log_.packages.push_back(Outcome(component, skipped ? "skip" : "held"));
         }
     }

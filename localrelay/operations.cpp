@@ -126,7 +126,8 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
                                         ZOVRELAY_Information** information) {
     if (!IsStarted()) return Settle(kNotStarted);
     if (context == nullptr || information == nullptr) return Settle(kInvalidArgument);
-    if ((productCount > 0 && products == nullptr) || (sourceCount > 0 && sources == nullptr)) return Settle(kInvalidArgument);
+    if ((productCount > 0 && products == nullptr) || (sourceCount > 0 && sources == nullptr))
+        return Settle(kInvalidArgument);
     return Guard([&]() -> ZOVRELAY_Status {
         const Operation operation(context);
         if (operation.busy()) return kRepositoryBusy;

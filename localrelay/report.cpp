@@ -35,7 +35,9 @@ std::time_t ParseIsoTime(const std::string& text) {
     return end != nullptr && *end == '\0' ? timegm(&utc) : 0;
 }
 
-double Seconds(Clock::time_point from, Clock::time_point to) { return std::chrono::duration<double>(to - from).count(); }
+double Seconds(Clock::time_point from, Clock::time_point to) {
+    return std::chrono::duration<double>(to - from).count();
+}
 
 // Replaces `name` in `directory` by `text` whole: an exclusive temporary beside it (never a link
 // planted there), then a rename, so readers see the old file or the new one.
@@ -44,7 +46,8 @@ bool WriteAtomically(int directory, const std::string& name, const std::string& 
         // Hidden and not ending in ".prom", so that a collector reading the directory skips it.
         const std::string temporary =
             "." + name + "." + std::to_string(::getpid()) + "-" + std::to_string(attempt) + ".tmp";
-        const int fd = ::openat(directory, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0644);
+        const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
+        const int fd = ::openat(directory, temporary.c_str(), flags, 0644);
         if (fd < 0 && errno == EEXIST) continue;  // another writer's, or a killed run's
         if (fd < 0) return false;
         size_t written = 0;
@@ -197,8 +200,8 @@ bool WriteRunReport(const std::string& repository, const RunLog& log, const RunS
         const Descriptor metrics{configured != nullptr && *configured != '\0'
                                      ? ::open(configured, O_RDONLY | O_DIRECTORY | O_CLOEXEC)
                                      : ::dup(root.fd)};
-        return metrics.fd >= 0 && WriteAtomically(metrics.fd, MetricsFileName(repository), Metrics(repository, report)) &&
-               reported;
+        const std::string text = Metrics(repository, report);
+        return metrics.fd >= 0 && WriteAtomically(metrics.fd, MetricsFileName(repository), text) && reported;
     } catch (...) {
         return false;
     }
