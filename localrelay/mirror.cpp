@@ -270,8 +270,13 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
             // libzip leaves the failing write's errno: a full disk is worth saying so.
             const Failure cause = FromErrno(errno);
             if (status == kIoError && RepositoryFailure(cause.status)) status = cause.status;
-            if (failure_ > 0 || StopsTheRun(status))
-                Fail(status, status == cause.status ? cause.reason : "cannot write", "packages/" + NameOf(merged));
+            const std::string reason = status == cause.status ? cause.reason : "cannot write";
+            if (failure_ > 0 || StopsTheRun(status)) Fail(status, reason, "packages/" + NameOf(merged));
+            // What this run downloaded for the component is lost with the archive.
+            const std::string identityText = FormatIdentity(identity);
+            for (PackageOutcome& outcome : log_.packages)
+                if (outcome.identity == identityText && outcome.action == "download" && outcome.status > 0)
+                    outcome.status = status, outcome.reason = "not stored: " + reason;
             if (StopsTheRun(status)) return status;
             Note(status);
             return kSuccess;
