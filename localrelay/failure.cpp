@@ -112,7 +112,9 @@ Failure FromCurl(CURLcode result, long response, long connect, long proxyError, 
 Failure FromErrno(int error) {
     for (const ErrnoEntry& entry : kErrnoTable)
         if (entry.error == error) return {entry.status, entry.reason};
-    return {kIoError, std::strerror(error)};
+    std::string reason = std::strerror(error);
+    if (!reason.empty() && reason[0] >= 'A' && reason[0] <= 'Z') reason[0] = char(reason[0] - 'A' + 'a');  // as ours read
+    return {kIoError, reason};
 }
 
 std::string ShortenMiddle(const std::string& text, size_t width) {

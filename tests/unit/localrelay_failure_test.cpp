@@ -35,7 +35,7 @@ TEST(LocalRelayFailure, ClassifiesByRemedy) {
         {FromCurl(CURLE_UNSUPPORTED_PROTOCOL, 0, 0, 0, false, ""), kUnsupportedAddress, "unsupported address"},
         {FromErrno(ENOSPC), kNoSpace, "no space left"},
         {FromErrno(EROFS), kPermissionDenied, "read-only file system"},
-        {FromErrno(ENOTDIR), kIoError, "Not a directory"},
+        {FromErrno(ENOTDIR), kIoError, "not a directory"},
     };
     for (const auto& c : cases) EXPECT_EQ(std::make_pair(c.got.status, c.got.reason), std::make_pair(c.status, std::string(c.reason)));
 }
@@ -54,7 +54,7 @@ TEST(LocalRelayFailure, OnlyTheThreadsLastFailureCarriesItsDetail) {
     ASSERT_EQ(ZOVRELAY_Startup(nullptr), kSuccess);
     ZOVRELAY_Context* context = nullptr;
     ASSERT_EQ(ZOVRELAY_CreateContext(&context, L"/proc/version/repository"), kRepositoryNotAccessible);
-    const std::wstring detailed = L"not accessible (Not a directory): /proc/version/repository";
+    const std::wstring detailed = L"not accessible (not a directory): /proc/version/repository";
     EXPECT_EQ(Message(kRepositoryNotAccessible), detailed);
     EXPECT_EQ(Message(kNoSpace), L"no space left on device");  // another status: the table's text
     std::wstring elsewhere;
