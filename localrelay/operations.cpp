@@ -45,6 +45,7 @@ public:
 
     bool busy() const { return busy_; }
     const std::string& repository() const { return repository_; }
+    int root() const { return context_->repository.directory.get(); }
     std::string packages() const { return repository_ + "/packages"; }
     const Options& options() const { return options_; }
     const Events& events() const { return events_; }
@@ -111,7 +112,7 @@ void Report(const Operation& operation, const RunLog& log, RunSummary summary, Z
     summary.status = status;
     summary.message = MessageFor(status);
     for (const auto& [identity, manifest] : held) summary.heldVersions += manifest.versions.size();
-    WriteRunReport(operation.repository(), log, summary);
+    WriteRunReport(operation.root(), operation.repository(), log, summary);
 }
 
 }  // namespace

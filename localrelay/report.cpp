@@ -177,7 +177,7 @@ std::string MetricsFileName(const std::string& repository) {
     return name + ".prom";
 }
 
-bool WriteRunReport(const std::string& repository, const RunLog& log, const RunSummary& summary) noexcept {
+bool WriteRunReport(int root, const std::string& repository, const RunLog& log, const RunSummary& summary) noexcept {
     struct Descriptor {
         int fd;
         ~Descriptor() {
@@ -185,21 +185,19 @@ bool WriteRunReport(const std::string& repository, const RunLog& log, const RunS
         }
     };
     try {
-        const Descriptor root{::open(repository.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC)};
-        if (root.fd < 0) return false;
         Json lastSuccess;
         if (summary.status > 0) lastSuccess = IsoTime(summary.ended);
-        else if (const Json previous = ReadPrevious(root.fd); previous.is_object())
+        else if (const Json previous = ReadPrevious(root); previous.is_object())
             lastSuccess = previous.value("last_success", Json());
         if (!lastSuccess.is_string()) lastSuccess = Json();
         const Json report = Report(repository, log, summary, lastSuccess);
         const bool reported =
-            WriteAtomically(root.fd, kReportName, report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
+            WriteAtomically(root, kReportName, report.dump(2, ' ', false, Json::error_handler_t::replace) + "\n");
 
         const char* configured = std::getenv(kMetricsDirectoryVariable);
         const Descriptor metrics{configured != nullptr && *configured != '\0'
                                      ? ::open(configured, O_RDONLY | O_DIRECTORY | O_CLOEXEC)
-                                     : ::dup(root.fd)};
+                                     : ::dup(root)};
         const std::string text = Metrics(repository, report);
         return metrics.fd >= 0 && WriteAtomically(metrics.fd, MetricsFileName(repository), text) && reported;
     } catch (...) {

@@ -24,8 +24,9 @@ struct RunSummary {
 };
 
 // Writes both files; false when either could not be written (the operation's status stays).
-// `repository` is the context's absolute path.
-bool WriteRunReport(const std::string& repository, const RunLog& log, const RunSummary& summary) noexcept;
+// `root` is the repository's directory as the context opened it (never the path again: it may
+// have been swapped for a link since), `repository` its absolute path, for the report's text.
+bool WriteRunReport(int root, const std::string& repository, const RunLog& log, const RunSummary& summary) noexcept;
 
 // The file name the metrics of `repository` take in a directory shared by several repositories:
 // "update_srv_mirror.prom" for /srv/mirror.
