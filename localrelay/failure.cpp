@@ -128,15 +128,17 @@ std::string ShortenMiddle(const std::string& text, size_t width) {
 std::string Describe(const std::string& reason, const std::string& object, size_t width) {
     std::string shortReason = OneLine(reason);
     if (object.empty()) return ShortenMiddle(shortReason, width);
+    // "HTTP 404 for pattern/x.zip" reads as a sentence; other reasons name their object after ": ".
+    const std::string joiner = shortReason.compare(0, 5, "HTTP ") == 0 ? " for " : ": ";
     constexpr size_t kObjectAtLeast = 24;
-    if (shortReason.size() + 2 + kObjectAtLeast > width) {
+    if (shortReason.size() + joiner.size() + kObjectAtLeast > width) {
         const size_t open = shortReason.find(" (");
         if (open != std::string::npos) shortReason.resize(open);
     }
-    if (shortReason.size() + 2 + kObjectAtLeast > width)
-        shortReason = ShortenMiddle(shortReason, width - 2 - kObjectAtLeast);
-    const size_t room = width - shortReason.size() - 2;
-    return shortReason + ": " + ShortenMiddle(OneLine(object), room);
+    if (shortReason.size() + joiner.size() + kObjectAtLeast > width)
+        shortReason = ShortenMiddle(shortReason, width - joiner.size() - kObjectAtLeast);
+    const size_t room = width - shortReason.size() - joiner.size();
+    return shortReason + joiner + ShortenMiddle(OneLine(object), room);
 }
 
 ZOVRELAY_Status Fail(ZOVRELAY_Status status, const std::string& reason, const std::string& object) noexcept {

@@ -36,7 +36,7 @@ Failure FromCurl(CURLcode result, long response, long connect, long proxyError, 
 // A failed system call on the repository's files.
 Failure FromErrno(int error);
 
-// "<reason>: <object>" within `width` characters: a long object loses its middle to "...", then
+// "<reason>: <object>" ("HTTP 404 for <object>") within `width` characters: a long object loses its middle to "...", then
 // a long reason its parenthesised part.
 std::string Describe(const std::string& reason, const std::string& object, size_t width = kStatusMessageCapacity - 1);
 

@@ -41,7 +41,7 @@ TEST(LocalRelayFailure, ClassifiesByRemedy) {
 }
 
 TEST(LocalRelayFailure, DescriptionsFitAndKeepBothEnds) {
-    EXPECT_EQ(Describe("HTTP 404", "pattern/kerno-16123.zip"), "HTTP 404: pattern/kerno-16123.zip");
+    EXPECT_EQ(Describe("HTTP 404", "pattern/kerno-16123.zip"), "HTTP 404 for pattern/kerno-16123.zip");
     EXPECT_EQ(Describe("certificate refused (SSL certificate problem: self-signed certificate)", "https://h/server.ini"),
               "certificate refused: https://h/server.ini");
     const std::string text = Describe("no space left", "packages/." + std::string(80, 'x') + ".part");

@@ -98,7 +98,7 @@ describe("a failure", function()
     local http, https = "http://127.0.0.1:" .. ports[1], "https://127.0.0.1:" .. ports[4]
     local closed = "http://127.0.0.1:" .. ports[6]
     local cases = {  -- products, source, options, status, message pattern, the failed packages' information
-      {{}, http, {}, -12, "^HTTP 404: pattern/c3t110l2p%-1r%-1o%-1%-1%.400%.1%.0%.zip$",
+      {{}, http, {}, -12, "^HTTP 404 for pattern/c3t110l2p%-1r%-1o%-1%-1%.400%.1%.0%.zip$",
        {"pattern/c3t110l2p-1r-1o-1-1.400.1.0.zip: HTTP 404",
         "pattern/c3t210l2p-1r-1o-1-1.400.1.0.zip: 7 bytes, the catalog says 5120"}},
       {{}, "http://nonexistent.invalid/", {}, -13, "^host name not resolved: http://nonexistent.invalid/server.ini$"},
