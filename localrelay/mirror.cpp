@@ -5,7 +5,13 @@
 #include "repository.h"
 #include "status.h"
 
+#include "verification.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <ctime>
 
 #include <algorithm>
 #include <memory>
@@ -78,50 +84,72 @@ void SortNewestFirst(std::vector<HeldVersion>& versions) {
 
 class Mirrorer {
 public:
-    Mirrorer(const std::string& repository, const Options& options, const Events& events, const LoadedSource& source)
-        : repository_(repository), packages_(repository + "/packages"), options_(options), events_(events),
-          source_(source) {}
+    Mirrorer(const Repository& repository, const Options& options, const Events& events, const LoadedSource& source)
+        : root_(repository.directory.get()), packages_(repository.packages.get()),
+          packagesPath_(repository.path + "/packages"), options_(options), events_(events), source_(source),
+          verified_(ReadVerification(root_)), now_(int64_t(std::time(nullptr))) {}
 
     ZOVRELAY_Status Run(const Plan& plan);
     const std::map<Identity, Manifest>& held() const { return final_; }
+    const std::vector<std::string>& leaving() const { return leaving_; }
 
 private:
     struct Group {
         Identity identity;
         std::vector<const Wanted*> wanted;
         std::vector<const Component*> downloads;
+        bool damaged = false;  // a held version no longer verifies: the archive is rewritten without it
     };
 
-    std::string Packages(const std::string& name) const { return packages_ + "/" + name; }
     // The component's merged archive; nullptr when there is none we can trust, which is then replaced.
     std::unique_ptr<MergedArchive> OpenMerged(const Identity& identity) const {
-        std::unique_ptr<MergedArchive> archive = MergedArchive::Open(Packages(MergedArchiveName(identity)));
+        std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages_, MergedArchiveName(identity));
         return archive != nullptr && archive->manifest().identity == identity ? std::move(archive) : nullptr;
     }
     void Note(ZOVRELAY_Status status) {
         if (failure_ > 0) failure_ = status;
     }
-    bool Blacklisted(const Component& component) const { return IsBlacklisted(options_, component.path); }
-    void Decide(Group& group) const;
+    bool Blacklisted(const Component& component) const { return IsBlacklisted(options_, component.PackagePath()); }
+    void Decide(Group& group);
+    ZOVRELAY_Status Download(const Component& component, std::unique_ptr<PackageSink>& sink);
     ZOVRELAY_Status Store(const Group& group);
     ZOVRELAY_Status KeepVersionArchives(const Group& group, const Manifest& manifest,
                                         std::map<Version, std::unique_ptr<PackageSink>>& parts);
 
-    std::string repository_, packages_;
+    int root_, packages_;
+    std::string packagesPath_;
     const Options& options_;
     const Events& events_;
     const LoadedSource& source_;
+    std::optional<Catalog> reloaded_;  // the source's catalog read again after a byte range failed
+    bool reloadTried_ = false;
+    VerificationRecord verified_;
+    int64_t now_;
     std::map<Identity, Manifest> final_;
+    std::vector<std::string> leaving_;
     ZOVRELAY_Status failure_ = kSuccess;
 };
 
 // What to download: the wanted versions that will be among the newest kept and that the merged
 // archive does not hold with the same digest. An older version would be dropped again at once.
-void Mirrorer::Decide(Group& group) const {
+// An archive that changed since it was last read back in full, or was not read for a week, is
+// verified now: a version that fails counts as not held, so it is downloaded again (healed).
+void Mirrorer::Decide(Group& group) {
     const std::unique_ptr<MergedArchive> archive = OpenMerged(group.identity);
-    std::vector<Version> candidates;
-    if (archive != nullptr)
-        for (const HeldVersion& held : archive->manifest().versions) candidates.push_back(held.version);
+    std::vector<Version> candidates, damaged;
+    if (archive != nullptr) {
+        const std::string name = MergedArchiveName(group.identity);
+        const bool verify = NeedsVerification(verified_, name, archive->file(), now_);
+        for (const HeldVersion& held : archive->manifest().versions) {
+            if (verify && archive->Verify(held) <= 0) {
+                damaged.push_back(held.version);
+                continue;
+            }
+            candidates.push_back(held.version);
+        }
+        group.damaged = !damaged.empty();
+        if (verify && damaged.empty()) verified_[name] = Verified{archive->file(), now_};
+    }
     for (const Wanted* wanted : group.wanted)
         if (!Blacklisted(*wanted->component)) candidates.push_back(wanted->component->version);
     std::sort(candidates.rbegin(), candidates.rend());
@@ -134,14 +162,47 @@ void Mirrorer::Decide(Group& group) const {
             std::find(candidates.begin(), candidates.end(), component.version) == candidates.end())
             continue;
         const HeldVersion* held = archive != nullptr ? archive->manifest().Find(component.version) : nullptr;
-        if (held == nullptr || held->sha256 != component.sha256 || held->size != component.size)
+        const bool broken = std::find(damaged.begin(), damaged.end(), component.version) != damaged.end();
+        if (held == nullptr || broken || held->sha256 != component.sha256 || held->size != component.size)
             group.downloads.push_back(&component);
+    }
+}
+
+// Fetches one package into its part file. A byte range of a repository source that does not
+// match its catalog means the source replaced that archive since we read its catalog: the
+// catalog is read again, once per run, and the range it names now is tried instead.
+ZOVRELAY_Status Mirrorer::Download(const Component& component, std::unique_ptr<PackageSink>& sink) {
+    const Component* attempt = &component;
+    for (int round = 0;; ++round) {
+        sink = std::make_unique<PackageSink>(packages_, PartName(component.identity, component.version),
+                                             component.size, events_, component.PackagePath());
+        TransferSettings settings = source_.settings;
+        if (attempt->offset != 0) {
+            settings.offset = attempt->offset;
+            settings.length = attempt->size;
+        }
+        ZOVRELAY_Status status = sink->Open();
+        if (status > 0) status = Fetch(JoinAddress(source_.address, attempt->path), settings, *sink);
+        if (status > 0) status = sink->Finish(component.sha256);
+        if (status != kIntegrityFailed || attempt->offset == 0 || round > 0) return status;
+        if (!reloadTried_) {
+            reloadTried_ = true;
+            reloaded_ = ReloadCatalog(source_);
+        }
+        attempt = nullptr;
+        if (reloaded_)
+            for (const Component& fresh : reloaded_->components)
+                if (fresh.identity == component.identity && fresh.version == component.version &&
+                    fresh.sha256 == component.sha256 && fresh.size == component.size)
+                    attempt = &fresh;
+        if (attempt == nullptr) return status;
+        sink.reset();
     }
 }
 
 ZOVRELAY_Status Mirrorer::Store(const Group& group) {
     const Identity& identity = group.identity;
-    const std::string merged = Packages(MergedArchiveName(identity));
+    const std::string merged = MergedArchiveName(identity);
     std::unique_ptr<MergedArchive> previous = OpenMerged(identity);
     Manifest manifest;
     if (previous != nullptr) manifest = previous->manifest();
@@ -151,20 +212,18 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
     std::map<Version, std::unique_ptr<PackageSink>> parts;
     std::map<Version, std::string> files;
     for (const Component* component : group.downloads) {
-        if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADBEGIN, component->path, component->size, 0)) return kCancelled;
-        auto sink = std::make_unique<PackageSink>(Packages(PartName(identity, component->version)), component->size,
-                                                  events_, component->path);
-        ZOVRELAY_Status status = sink->Open();
-        if (status > 0) status = Fetch(JoinAddress(source_.address, component->path), source_.settings, *sink);
-        if (status > 0) status = sink->Finish(component->sha256);
+        if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADBEGIN, component->PackagePath(), component->size, 0))
+            return kCancelled;
+        std::unique_ptr<PackageSink> sink;
+        const ZOVRELAY_Status status = Download(*component, sink);
         if (status <= 0) {
             if (StopsTheRun(status)) return status;
             Note(status);
             continue;
         }
-        if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADEND, component->path, component->size, component->size))
+        if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADEND, component->PackagePath(), component->size, component->size))
             return kCancelled;
-        files[component->version] = sink->path();
+        files[component->version] = sink->name();
         parts[component->version] = std::move(sink);
     }
 
@@ -175,7 +234,8 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
         next.versions.erase(std::remove_if(next.versions.begin(), next.versions.end(),
                                            [&](const HeldVersion& h) { return h.version == component->version; }),
                             next.versions.end());
-        next.versions.push_back(HeldVersion{component->version, component->path, component->size, component->sha256});
+        next.versions.push_back(
+            HeldVersion{component->version, component->PackagePath(), component->size, component->sha256});
     }
     SortNewestFirst(next.versions);
     if (next.versions.size() > options_.VersionsKept()) next.versions.resize(options_.VersionsKept());
@@ -191,7 +251,8 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
     std::sort(next.products.begin(), next.products.end(),
               [](const ProductRef& a, const ProductRef& b) { return a.identity < b.identity; });
 
-    if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest))) {
+    if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest) ||
+                                   !files.empty() || group.damaged)) {
         // Copies of versions that no longer verify would fail the new archive's own check:
         // leave them out, so a damaged repository heals on the next run.
         for (auto held = next.versions.begin(); held != next.versions.end();) {
@@ -205,50 +266,45 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
             held = next.versions.erase(held);
         }
         if (next.versions.empty()) return kSuccess;
-        TemporaryFile temporary(Packages(MergedTemporaryName(identity)));
-        ZOVRELAY_Status status = WriteMergedArchive(temporary.path(), next, files, previous.get());
+        TemporaryFile temporary;
+        ZOVRELAY_Status status = temporary.Create(packages_, TemporaryPrefix(merged), kTemporarySuffix);
+        if (status > 0) status = WriteMergedArchive(packages_, temporary.fd(), temporary.name(), next, files, previous.get());
         if (status > 0) {
             previous.reset();
-            status = ReplaceFile(temporary.path(), merged);
+            status = temporary.ReplaceInto(merged);
         }
         if (status <= 0) {
             if (StopsTheRun(status)) return status;
             Note(status);
             return kSuccess;
         }
-        temporary.Release();
+        // Every entry was read back before the rename: the archive is verified as it is now.
+        if (const std::unique_ptr<MergedArchive> written = OpenMerged(identity))
+            verified_[merged] = Verified{written->file(), now_};
     }
     final_[identity] = next;
     return KeepVersionArchives(group, next, parts);
 }
 
+// Per-version archives are made only for versions this run downloaded: a version held already is
+// served from its merged archive, and rebuilding the copies the module's clean-up deletes would
+// write and delete the same files every night. Pruning beyond keepcount happens after the index
+// stops naming the files (see Mirror's caller).
 ZOVRELAY_Status Mirrorer::KeepVersionArchives(const Group& group, const Manifest& manifest,
                                               std::map<Version, std::unique_ptr<PackageSink>>& parts) {
     if (options_.buildPatch != 0) {
-        std::unique_ptr<MergedArchive> merged;
-        for (const Wanted* wanted : group.wanted) {
-            const Version& version = wanted->component->version;
-            const HeldVersion* held = manifest.Find(version);
-            if (held == nullptr || Blacklisted(*wanted->component)) continue;
-            const std::string target = Packages(VersionArchiveName(group.identity, version));
-            ZOVRELAY_Status status = kSuccess;
-            const auto part = parts.find(version);
-            if (part != parts.end()) {
-                status = ReplaceFile(part->second->path(), target);
-                if (status > 0) part->second->Release();
-            } else if (::access(target.c_str(), F_OK) != 0) {
-                // Held already (the module's clean-up removes these copies): rebuild it locally.
-                if (merged == nullptr) merged = OpenMerged(group.identity);
-                status = merged == nullptr ? kIntegrityFailed
-                                           : ExtractToFile(*merged, *held, Packages(PartName(group.identity, version)),
-                                                           target);
-            }
+        for (auto& [version, part] : parts) {
+            if (manifest.Find(version) == nullptr) continue;
+            const ZOVRELAY_Status status = ReplaceAt(packages_, part->name(), VersionArchiveName(group.identity, version));
+            if (status > 0) part->Release();
             if (StopsTheRun(status)) return status;
             if (status <= 0) Note(status);
         }
     }
-    if (options_.keepCount > 0)
-        return PruneVersionArchives(packages_, group.identity, size_t(options_.keepCount), events_);
+    if (options_.keepCount > 0) {
+        const std::vector<std::pair<Version, std::string>> archives = VersionArchives(packages_, group.identity);
+        for (size_t i = 0; i + size_t(options_.keepCount) < archives.size(); ++i) leaving_.push_back(archives[i].second);
+    }
     return kSuccess;
 }
 
@@ -266,24 +322,33 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
         for (const Component* component : group.downloads) planned += component->size;
     }
     if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOAD, source_.address, planned, 0)) return kCancelled;
+    ZOVRELAY_Status status = kSuccess;
     for (const Group& group : groups) {
-        const ZOVRELAY_Status status = Store(group);
-        if (status <= 0) return status;
+        status = Store(group);
+        if (status <= 0) break;
     }
-    return failure_;
+    // Archives gone since they were recorded need no record.
+    for (auto record = verified_.begin(); record != verified_.end();) {
+        struct stat info {};
+        if (::fstatat(packages_, record->first.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) record = verified_.erase(record);
+        else ++record;
+    }
+    WriteVerification(root_, verified_);  // without it the next run verifies again: no harm
+    return status <= 0 ? status : failure_;
 }
 
 }  // namespace
 
-ZOVRELAY_Status Mirror(const std::string& repository, const Options& options, const Events& events,
+ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result) {
+                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving) {
     Plan plan;
     ZOVRELAY_Status status = MakePlan(source.catalog, products, count, plan);
     if (status <= 0) return status;
 
     Mirrorer mirrorer(repository, options, events, source);
     status = mirrorer.Run(plan);
+    leaving = mirrorer.leaving();
     if (status <= 0) return status;
 
     for (const auto& [index, wanted] : plan.perProduct) {
@@ -293,7 +358,7 @@ ZOVRELAY_Status Mirror(const std::string& repository, const Options& options, co
         for (size_t w : wanted) {
             const Component& component = *plan.wanted[w].component;
             const auto held = mirrorer.held().find(component.identity);
-            if (IsBlacklisted(options, component.path) || held == mirrorer.held().end() ||
+            if (IsBlacklisted(options, component.PackagePath()) || held == mirrorer.held().end() ||
                 held->second.Find(component.version) == nullptr)
                 continue;
             item.components.push_back(EntityOf(component.identity, component.version));

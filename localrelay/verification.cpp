@@ -1,0 +1,46 @@
+#include "verification.h"
+#include "files.h"
+#include "status.h"
+
+#include <unistd.h>
+
+#include <sstream>
+
+namespace localrelay {
+
+VerificationRecord ReadVerification(int root) {
+    VerificationRecord record;
+    const int fd = OpenFileAt(root, kVerificationName);
+    if (fd < 0) return record;
+    std::string text;
+    char buffer[65536];
+    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0 && text.size() < (64u << 20);) text.append(buffer, size_t(n));
+    ::close(fd);
+    std::istringstream lines(text);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::istringstream fields(line);
+        std::string name;
+        Verified verified;
+        if (fields >> name >> verified.file.size >> verified.file.inode >> verified.file.device >>
+            verified.file.modified >> verified.at)
+            record[name] = verified;
+    }
+    return record;
+}
+
+ZOVRELAY_Status WriteVerification(int root, const VerificationRecord& record) {
+    std::string text;
+    for (const auto& [name, v] : record)
+        text += name + " " + std::to_string(v.file.size) + " " + std::to_string(v.file.inode) + " " +
+                std::to_string(v.file.device) + " " + std::to_string(v.file.modified) + " " + std::to_string(v.at) + "\n";
+    return WriteWholeFileAt(root, kVerificationName, text);
+}
+
+bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now) {
+    const auto found = record.find(name);
+    return found == record.end() || !(found->second.file == file) || now - found->second.at >= kVerificationInterval ||
+           found->second.at > now;  // a clock set back must not postpone it for years
+}
+
+}  // namespace localrelay
