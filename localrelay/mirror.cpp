@@ -43,6 +43,16 @@ void AddWanted(Plan& plan, const Catalog& catalog, const Product& product, const
     if (std::find(list.begin(), list.end(), index) == list.end()) list.push_back(index);
 }
 
+// A component named at its newest catalog version brings the catalog's older versions along: a
+// mirror keeps what its source keeps (as many as maxmerge allows), so a chain of repositories
+// passes every held version on, not only the newest.
+void AddWithOlder(Plan& plan, const Catalog& catalog, const Product& product, const Component* component) {
+    AddWanted(plan, catalog, product, component);
+    if (component != FindComponent(catalog, component->identity, Version{})) return;
+    for (const Component& older : catalog.components)
+        if (older.identity == component->identity && &older != component) AddWanted(plan, catalog, product, &older);
+}
+
 // Fails (kNotFound) before anything is downloaded when any part of the request names nothing.
 ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* products, size_t count, Plan& plan) {
     for (size_t r = 0; r < count; ++r) {
@@ -52,7 +62,7 @@ ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* product
         if (products[r].componentCount == 0) {
             for (const Product* product : matched)
                 for (const Identity& identity : product->components)
-                    AddWanted(plan, catalog, *product, FindComponent(catalog, identity, Version{}));
+                    AddWithOlder(plan, catalog, *product, FindComponent(catalog, identity, Version{}));
             continue;
         }
         for (size_t c = 0; c < products[r].componentCount; ++c) {
@@ -63,7 +73,7 @@ ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* product
                 if (std::find(list.begin(), list.end(), IdentityOf(requested)) == list.end()) continue;
                 const Component* component = FindComponent(catalog, IdentityOf(requested), VersionOf(requested));
                 if (component == nullptr) continue;
-                AddWanted(plan, catalog, *product, component);
+                AddWithOlder(plan, catalog, *product, component);
                 found = true;
             }
             if (!found) return kNotFound;

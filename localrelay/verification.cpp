@@ -39,7 +39,11 @@ ZOVRELAY_Status WriteVerification(int root, const VerificationRecord& record) {
 
 bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now) {
     const auto found = record.find(name);
-    return found == record.end() || !(found->second.file == file) || now - found->second.at >= kVerificationInterval ||
+    if (found == record.end() || !(found->second.file == file)) return true;
+    // File times move in clock ticks: a change made within a second of the modification we
+    // recorded could leave the same time behind. Such a record proves nothing; verify again.
+    const int64_t modified = found->second.file.modified / 1000000000;
+    return modified + 1 >= found->second.at || now - found->second.at >= kVerificationInterval ||
            found->second.at > now;  // a clock set back must not postpone it for years
 }
 

@@ -1,0 +1,164 @@
+// A repository the relay wrote serves other relays, after the module's clean-up too; damage in it
+// is found and healed; readers run beside a writer. Contexts share /dev/shm/sem.zovrelay.
+#include "localrelay_fixture.h"
+#include "ziplayout.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+namespace relaytest {
+namespace {
+
+class Source : public RelayTest {
+protected:
+    // A repository of the source's releases 1 and 2 (maxmerge 3, buildpatch), then cleaned up as
+    // the module does: server.ini reset, per-version archives deleted.
+    std::string Central() {
+        Context context(Path("central"));
+        Configure(context.handle);
+        for (uint64_t release : {1, 2}) {
+            MakeSource("source", release);
+            EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kSuccess);
+        }
+        CleanUp(root / "central");
+        return Path("central");
+    }
+    static void Configure(ZOVRELAY_Context* context) {
+        ZOVRELAY_SetOption(context, 9, 1);
+        ZOVRELAY_SetOption(context, 10, 3);
+    }
+    static void CleanUp(const fs::path& repository) {
+        WriteFile(repository / "server.ini", "[PATTERN]\n\n[ENGINE]\n\n[All_Product]\n\n");
+        for (const auto& entry : fs::directory_iterator(repository / "packages")) {
+            const std::string name = entry.path().filename().string();
+            if (name.size() > 4 && name.substr(name.size() - 4) == ".zip" && name.find("_merged.zip") == std::string::npos) fs::remove(entry);
+        }
+    }
+    // Where a held version's bytes lie in its merged archive.
+    EntryRange Range(const std::string& repository, const std::string& identity, const std::string& version) {
+        const int fd = open((fs::path(repository) / "packages" / (identity + "_merged.zip")).c_str(), O_RDONLY);
+        const auto ranges = ReadEntryRanges(fd);
+        close(fd);
+        for (const auto& [name, range] : ranges.value_or(std::map<std::string, EntryRange>{}))
+            if (name.rfind(version + "/", 0) == 0) return range;
+        return {};
+    }
+};
+
+TEST_F(Source, ACleanedRepositoryServesEveryVersionItHolds) {
+    const std::string central = Central();
+    Context view(central);
+    const Lines held = Held(view.handle);
+    ASSERT_EQ(Versions(held), 6u);
+    EXPECT_EQ(Call(ZOVRELAY_GetInformation, view.handle, Request().Source(central)).lines.size(), 1u) << "the products it holds";
+    for (const std::string& address : {central, "file://" + central}) {
+        const std::string branch = Path("branch" + std::to_string(address.size()));
+        Context context(branch);
+        Configure(context.handle);
+        EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(address).Product(kProduct0)).status, kSuccess) << address;
+        EXPECT_EQ(Held(context.handle), held) << address;
+        EXPECT_EQ(CheckRepository(branch), Lines()) << address;
+        // Exports write the package under its own name, not the archive's.
+        EXPECT_EQ(ZOVRELAY_ExportComponent(context.handle, Wide(branch + "/out").c_str(), Entity(kPattern)), kSuccess);
+        EXPECT_TRUE(fs::exists(branch + "/out/" + kPattern + "-1.100.2.0.zip")) << address;
+    }
+}
+
+// A source that rewrites its archives between our catalog read and the downloads: the ranges no
+// longer match, so the catalog is read again and the new ranges are taken; nothing wrong is stored.
+TEST_F(Source, ARangeReplacedMeanwhileIsReadAgainFromAFreshCatalog) {
+    const std::string central = Central();
+    Context context(Path("branch"));
+    Configure(context.handle);
+    Recorder recorder(context.handle);
+    recorder.answer = [&](const Event& e) {
+        if (e.type != ZOVRELAY_EVENT_DOWNLOAD) return 1;
+        MakeSource("source", 3);
+        Context writer(central);
+        Configure(writer.handle);
+        return int(Call(ZOVRELAY_Duplicate, writer.handle, Request().Source(Path("source")).Product(kProduct0)).status == kSuccess);
+    };
+    EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(central).Product(kProduct0)).status, kSuccess);
+    EXPECT_EQ(Versions(Held(context.handle)), 6u);
+    EXPECT_EQ(CheckRepository(Path("branch")), Lines());
+}
+
+// A flipped byte in a held version is found by the next run when the archive changed, or when its
+// last full verification is a week old, and the version is downloaded again.
+TEST_F(Source, DamageIsFoundAndHealed) {
+    const std::string central = Central();
+    const EntryRange range = Range(central, kPattern, "1.100.2.0");
+    ASSERT_NE(range.offset, 0u);
+    const std::string archive = central + "/packages/" + kPattern + "_merged.zip";
+    auto flip = [&](bool keepTimes) {
+        struct stat before {};
+        stat(archive.c_str(), &before);
+        const int fd = open(archive.c_str(), O_RDWR);
+        char byte = 0;
+        pread(fd, &byte, 1, off_t(range.offset + 7));
+        byte = char(byte ^ 1);
+        pwrite(fd, &byte, 1, off_t(range.offset + 7));
+        if (keepTimes) {
+            const timespec times[2] = {before.st_atim, before.st_mtim};
+            futimens(fd, times);
+        }
+        close(fd);
+    };
+    const struct { const char* what; bool keepTimes; bool ageRecord; bool healed; } cases[] = {
+        {"a changed archive", false, false, true},
+        {"an unchanged-looking archive verified recently", true, false, false},
+        {"an unchanged-looking archive verified a week ago", true, true, true},
+    };
+    for (const auto& c : cases) {
+        Context context(central);
+        Configure(context.handle);
+        Recorder recorder(context.handle);
+        const auto mirror = [&] { return Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status; };
+        const timespec hourAgo[2] = {{0, UTIME_OMIT}, {time(nullptr) - 3600, 0}};
+        utimensat(AT_FDCWD, archive.c_str(), hourAgo, 0);
+        ASSERT_EQ(mirror(), kSuccess) << c.what;  // records the verification
+        flip(c.keepTimes);
+        if (c.ageRecord) {
+            std::string record = ReadFile(central + "/.verified"), aged;
+            std::istringstream lines(record);
+            for (std::string line; std::getline(lines, line);) aged += line.substr(0, line.rfind(' ')) + " 1\n";
+            WriteFile(central + "/.verified", aged);
+        }
+        recorder.events.clear();
+        EXPECT_EQ(mirror(), kSuccess) << c.what;
+        EXPECT_EQ(recorder.Count(ZOVRELAY_EVENT_DOWNLOADBEGIN), c.healed ? 1u : 0u) << c.what;
+        EXPECT_EQ(CheckRepository(central).empty(), c.healed) << c.what;
+        if (!c.healed) flip(false);  // undo, so the next case starts sound
+    }
+}
+
+// While a mirror writes, other contexts list, export and read the source catalog; another writer is
+// refused at once; a cron guard's flock on the repository directory does not collide.
+TEST_F(Source, ReadersRunBesideAWriter) {
+    const std::string central = Central();
+    MakeSource("source", 3);
+    Context context(central);
+    Configure(context.handle);
+    Recorder recorder(context.handle);
+    std::vector<ZOVRELAY_Status> inner;
+    recorder.answer = [&](const Event& e) {
+        if (e.type != ZOVRELAY_EVENT_DOWNLOADBEGIN) return 1;
+        Context other(central);
+        inner.push_back(Call(ZOVRELAY_GetInformation, other.handle, Request()).status);
+        inner.push_back(Call(ZOVRELAY_GetInformation, other.handle, Request().Source(central)).status);
+        inner.push_back(ZOVRELAY_ExportComponent(other.handle, Wide(Path("out")).c_str(), Entity(kEngine)));
+        inner.push_back(Call(ZOVRELAY_Duplicate, other.handle, Request().Source(Path("source")).Product(kProduct0)).status);
+        inner.push_back(system(("flock -n " + central + " true").c_str()) == 0 ? kSuccess : kRepositoryBusy);
+        inner.push_back(system(("flock -n " + central + "/.lock true").c_str()) == 0 ? kSuccess : kRepositoryBusy);
+        return 1;
+    };
+    EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kSuccess);
+    ASSERT_EQ(inner.size(), 18u);
+    for (size_t i = 0; i < inner.size(); i += 6)
+        EXPECT_EQ(std::vector<ZOVRELAY_Status>(inner.begin() + long(i), inner.begin() + long(i) + 6),
+                  std::vector<ZOVRELAY_Status>({kSuccess, kSuccess, kSuccess, kRepositoryBusy, kSuccess, kRepositoryBusy}));
+}
+
+}  // namespace
+}  // namespace relaytest
