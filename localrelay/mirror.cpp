@@ -136,6 +136,7 @@ private:
     VerificationRecord verified_;
     int64_t now_;
     std::map<Identity, Manifest> final_;
+    ServedCatalog served_;  // what source.ini says now
     std::vector<std::string> leaving_;
     ZOVRELAY_Status failure_ = kSuccess;
 };
@@ -279,9 +280,17 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
         TemporaryFile temporary;
         ZOVRELAY_Status status = temporary.Create(packages_, TemporaryPrefix(merged), kTemporarySuffix);
         if (status > 0) status = WriteMergedArchive(packages_, temporary.fd(), temporary.name(), next, files, previous.get());
+        // source.ini must never name a range of the archive being replaced: it stops listing the
+        // component first, and lists its new ranges once the new archive is in place.
+        if (status > 0 && served_.erase(identity) != 0)
+            status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
         if (status > 0) {
             previous.reset();
             status = temporary.ReplaceInto(merged);
+        }
+        if (status > 0) {
+            served_[identity] = Served(packages_, next);
+            status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
         }
         if (status <= 0) {
             if (StopsTheRun(status)) return status;
@@ -326,6 +335,7 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
         if (group == groups.end()) group = groups.insert(groups.end(), Group{identity, {}, {}});
         group->wanted.push_back(&wanted);
     }
+    served_ = ServedOf(packages_, ReadHeld(packages_));
     uint64_t planned = 0;
     for (Group& group : groups) {
         Decide(group);

@@ -93,25 +93,64 @@ std::map<Identity, Manifest> ReadHeld(int packages) {
     return held;
 }
 
+ServedComponent Served(int packages, const Manifest& manifest) {
+    ServedComponent served{manifest, {}};
+    const std::string merged = MergedArchiveName(manifest.identity);
+    const int fd = OpenFileAt(packages, merged);
+    const std::optional<std::map<std::string, EntryRange>> ranges = fd >= 0 ? ReadEntryRanges(fd) : std::nullopt;
+    if (fd >= 0) ::close(fd);
+    if (!ranges) return served;  // an archive we cannot read the layout of serves nothing
+    for (const HeldVersion& held : manifest.versions) {
+        const auto range = ranges->find(EntryName(held));
+        if (range == ranges->end() || !range->second.stored || range->second.size != held.size) continue;
+        served.versions.push_back(Component{manifest.section, manifest.identity, held.version, "packages/" + merged,
+                                            held.size, held.sha256, range->second.offset, held.path});
+    }
+    return served;
+}
+
+ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held) {
+    ServedCatalog served;
+    for (const auto& [identity, manifest] : held) served.emplace(identity, Served(packages, manifest));
+    return served;
+}
+
+namespace {
+
+// Every recorded product, naming those of its components that the catalog lists.
+void AddProducts(Catalog& catalog, const std::vector<const Manifest*>& manifests) {
+    std::map<std::pair<Identity, Version>, std::vector<Identity>> products;
+    for (const Manifest* manifest : manifests)
+        for (const ProductRef& product : manifest->products) products[{product.identity, product.version}];
+    for (const Manifest* manifest : manifests)
+        if (std::any_of(catalog.components.begin(), catalog.components.end(),
+                        [&](const Component& c) { return c.identity == manifest->identity; }))
+            for (const ProductRef& product : manifest->products)
+                products[{product.identity, product.version}].push_back(manifest->identity);
+    for (auto& [product, components] : products) catalog.products.push_back(Product{product.first, product.second, components});
+}
+
+}  // namespace
+
+std::string FormatSourceCatalog(const ServedCatalog& served) {
+    Catalog catalog;
+    std::vector<const Manifest*> manifests;
+    for (const auto& [identity, component] : served) {
+        catalog.components.insert(catalog.components.end(), component.versions.begin(), component.versions.end());
+        manifests.push_back(&component.manifest);
+    }
+    AddProducts(catalog, manifests);
+    return FormatCatalog(catalog);
+}
+
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
                               const std::set<std::string>& leaving) {
-    Catalog source, index;
-    std::map<std::pair<Identity, Version>, std::vector<Identity>> products, indexed;
+    ZOVRELAY_Status status = WriteWholeFileAt(root, kSourceCatalogName, FormatSourceCatalog(ServedOf(packages, held)));
+    if (status <= 0) return status;
+    Catalog index;
+    std::vector<const Manifest*> manifests;
     for (const auto& [identity, manifest] : held) {
-        const std::string merged = MergedArchiveName(identity);
-        const int fd = OpenFileAt(packages, merged);
-        const std::optional<std::map<std::string, EntryRange>> ranges =
-            fd >= 0 ? ReadEntryRanges(fd) : std::nullopt;
-        if (fd >= 0) ::close(fd);
-        for (const HeldVersion& held : manifest.versions) {
-            if (!ranges) break;  // an archive we cannot read the layout of serves nothing
-            const auto range = ranges->find(EntryName(held));
-            if (range == ranges->end() || !range->second.stored || range->second.size != held.size) continue;
-            source.components.push_back(Component{manifest.section, identity, held.version, "packages/" + merged,
-                                                  held.size, held.sha256, range->second.offset, held.path});
-        }
-        for (const ProductRef& product : manifest.products) products[{product.identity, product.version}].push_back(identity);
-
+        manifests.push_back(&manifest);
         const HeldVersion& newest = manifest.versions.front();
         const std::string file = VersionArchiveName(identity, newest.version);
         struct stat info {};
@@ -120,23 +159,9 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, M
             continue;
         index.components.push_back(Component{manifest.section, identity, newest.version, "packages/" + file,
                                              newest.size, newest.sha256, 0, {}});
-        for (const ProductRef& product : manifest.products) indexed[{product.identity, product.version}].push_back(identity);
     }
-    // A product names only components listed in the same catalog.
-    auto listProducts = [](Catalog& catalog, const auto& table) {
-        for (const auto& [product, components] : table) {
-            std::vector<Identity> listed;
-            for (const Identity& identity : components)
-                if (std::any_of(catalog.components.begin(), catalog.components.end(),
-                                [&](const Component& c) { return c.identity == identity; }))
-                    listed.push_back(identity);
-            catalog.products.push_back(Product{product.first, product.second, listed});
-        }
-    };
-    listProducts(source, products);
-    listProducts(index, indexed);
-    const ZOVRELAY_Status status = WriteWholeFileAt(root, kSourceCatalogName, FormatCatalog(source));
-    return status > 0 ? WriteWholeFileAt(root, kIndexName, FormatCatalog(index)) : status;
+    AddProducts(index, manifests);
+    return WriteWholeFileAt(root, kIndexName, FormatCatalog(index));
 }
 
 std::vector<std::pair<Version, std::string>> VersionArchives(int packages, const Identity& identity) {

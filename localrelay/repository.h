@@ -39,6 +39,17 @@ void RemoveStaleTemporaries(int root, int packages);
 // not open, or whose manifest names another identity than its file name, is not held.
 std::map<Identity, Manifest> ReadHeld(int packages);
 
+// What source.ini lists of one held component: each version as its byte range of the merged
+// archive (read from the archive's layout), with the manifest for the products that name it.
+struct ServedComponent {
+    Manifest manifest;
+    std::vector<Component> versions;
+};
+using ServedCatalog = std::map<Identity, ServedComponent>;
+ServedComponent Served(int packages, const Manifest& manifest);
+ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held);
+std::string FormatSourceCatalog(const ServedCatalog& served);
+
 // Rewrites source.ini and then server.ini (each by rename) from the held manifests. source.ini
 // lists every held version as its byte range of the merged archive; server.ini lists each
 // component's newest version by its per-version archive, only where that file exists with the

@@ -160,5 +160,34 @@ TEST_F(Source, ReadersRunBesideAWriter) {
                   std::vector<ZOVRELAY_Status>({kSuccess, kSuccess, kSuccess, kRepositoryBusy, kSuccess, kRepositoryBusy}));
 }
 
+// At every event of runs that replace versions, write per-version archives and prune them, the index
+// names only files that exist with the size and SHA-256 it states, and source.ini only true ranges.
+TEST_F(Source, TheCatalogsNeverLie) {
+    Lines lies;
+    const auto check = [&](const std::string& when) {
+        for (const char* name : {"server.ini", "source.ini"}) {
+            const std::optional<Catalog> catalog = ParseCatalog(ReadFile(root / "repo" / name));
+            for (const Component& c : catalog ? catalog->components : std::vector<Component>{}) {
+                const std::string bytes = ReadFile(root / "repo" / c.path);
+                const std::string range = c.offset + c.size <= bytes.size() ? bytes.substr(c.offset, c.size) : "";
+                if (c.offset + c.size > bytes.size() || (c.offset == 0 && bytes.size() != c.size) || Digest(range) != c.sha256)
+                    lies.push_back(when + ": " + name + " " + c.path);
+            }
+        }
+        return 1;
+    };
+    Context context(Path("repo"));
+    for (const auto& [option, value] : {std::pair<int, int64_t>{9, 1}, {10, 2}, {12, 1}}) ZOVRELAY_SetOption(context.handle, option, value);
+    Recorder recorder(context.handle);
+    recorder.answer = [&](const Event& e) { return check("event " + std::to_string(recorder.events.size()) + " type " + std::to_string(e.type)); };
+    for (uint64_t release : {1, 2, 3}) {
+        MakeSource("source", release);
+        EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kSuccess);
+        check("after release " + std::to_string(release));
+    }
+    EXPECT_EQ(lies, Lines());
+    EXPECT_GT(recorder.Count(ZOVRELAY_EVENT_REMOVEBEGIN), 0u);
+}
+
 }  // namespace
 }  // namespace relaytest
