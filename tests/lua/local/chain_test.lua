@@ -1,7 +1,6 @@
--- A chain of real servers, as administrators run it: vendor source -> central repository -> branch
--- repository, the central one served by nginx, every level made by examples/mirror.lua as shipped
--- (clean-up on), under a cron guard's flock on the repository. The branch holds every version the
--- central one holds. Each run removes /dev/shm/sem.zovrelay.
+-- Vendor source -> central repository (served by nginx) -> branch repository, every level made by
+-- examples/mirror.lua as shipped (clean-up on) under a cron guard's flock on the repository: the
+-- branch holds every version the central one holds. Each run removes /dev/shm/sem.zovrelay.
 local update = require "update"
 local e = require "endtoend"
 
@@ -17,9 +16,8 @@ end
 
 local function mirror(repository, source)
   assert(os.execute("mkdir -p " .. e.quote(repository)))  -- flock(1) would make a missing path a file
-  return run(string.format("flock -n %s env LUA_CPATH=%s lua5.2 %s %s %s", e.quote(repository),
-                           e.quote(build .. "/lua/?.so;;"), e.quote(top .. "/examples/mirror.lua"), e.quote(repository),
-                           e.quote(source)))
+  return run(string.format("flock -n %s env LUA_CPATH=%s lua5.2 %s %s %s", e.quote(repository), e.quote(build .. "/lua/?.so;;"),
+                           e.quote(top .. "/examples/mirror.lua"), e.quote(repository), e.quote(source)))
 end
 
 -- nginx on a free port of 127.0.0.1, its configuration and logs under `directory`.
@@ -30,32 +28,23 @@ local function nginx(root, directory)
   e.write(directory .. "/nginx.conf", ([[
 daemon off; worker_processes 1; user root; pid DIR/nginx.pid; error_log DIR/error.log;
 events { worker_connections 64; }
-http {
-  access_log DIR/access.log; client_body_temp_path DIR/tmp; proxy_temp_path DIR/tmp;
-  fastcgi_temp_path DIR/tmp; uwsgi_temp_path DIR/tmp; scgi_temp_path DIR/tmp;
-  server { listen 127.0.0.1:PORT; root ROOT; }
-}
+http { access_log DIR/access.log; client_body_temp_path DIR/tmp; proxy_temp_path DIR/tmp; fastcgi_temp_path DIR/tmp;
+       uwsgi_temp_path DIR/tmp; scgi_temp_path DIR/tmp; server { listen 127.0.0.1:PORT; root ROOT; } }
 ]]):gsub("DIR", directory):gsub("PORT", port):gsub("ROOT", root))
-  local pipe = io.popen(string.format("/usr/sbin/nginx -p %s -c %s/nginx.conf >%s/out.log 2>&1 & echo $!",
-                                      e.quote(directory), e.quote(directory), e.quote(directory)))
-  local pid = assert(pipe:read("*n"))
-  pipe:close()
-  local url = "http://127.0.0.1:" .. port
+  local quoted = e.quote(directory)
+  local pid = assert(tonumber(select(2, run("/usr/sbin/nginx -p " .. quoted .. " -c " .. quoted .. "/nginx.conf >/dev/null 2>&1 & echo $!")):match("%d+")))
+  local url, stop = "http://127.0.0.1:" .. port, function() os.execute("kill " .. pid .. " 2>/dev/null") end
   for _ = 1, 200 do
-    if run("curl -sf -o /dev/null " .. url .. "/source.ini") == 0 then
-      return url, function() os.execute("kill " .. pid .. " 2>/dev/null") end
-    end
+    if run("curl -sf -o /dev/null " .. url .. "/source.ini") == 0 then return url, stop end
     os.execute("sleep 0.05")
   end
-  os.execute("kill " .. pid .. " 2>/dev/null")
+  stop()
   error("nginx did not start: " .. (e.read(directory .. "/error.log") or ""))
 end
 
 local function held(repository)
-  local listed = assert(update.list(repository, {}))
   local versions = {}
-  for _, entity in ipairs(listed) do versions[#versions + 1] = entity.name .. " " .. (entity.version or "") end
-  table.sort(versions)
+  for _, entity in ipairs(assert(update.list(repository, {}))) do versions[#versions + 1] = entity.name .. " " .. (entity.version or "") end
   return versions
 end
 
