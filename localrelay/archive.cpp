@@ -178,13 +178,17 @@ std::optional<Manifest> ParseManifest(std::string_view text) {
     return manifest;
 }
 
+std::optional<FileIdentity> FileIdentityOf(int fd) {
+    struct stat info {};
+    if (::fstat(fd, &info) != 0) return std::nullopt;
+    return FileIdentity{uint64_t(info.st_size), uint64_t(info.st_ino), uint64_t(info.st_dev),
+                        int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
+}
+
 std::unique_ptr<MergedArchive> MergedArchive::Open(int directory, const std::string& name, bool thorough) {
     const int fd = OpenFileAt(directory, name);
     if (fd < 0) return nullptr;
-    struct stat info {};
-    ::fstat(fd, &info);
-    const FileIdentity file{uint64_t(info.st_size), uint64_t(info.st_ino), uint64_t(info.st_dev),
-                            int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
+    const FileIdentity file = FileIdentityOf(fd).value_or(FileIdentity{});
     int error = 0;
     zip_t* archive = zip_fdopen(fd, ZIP_RDONLY | (thorough ? ZIP_CHECKCONS : 0), &error);
     if (archive == nullptr) {

@@ -28,6 +28,9 @@ struct FileIdentity {
     }
 };
 
+// The identity of the file open at `fd`; nullopt when it cannot be read.
+std::optional<FileIdentity> FileIdentityOf(int fd);
+
 struct HeldVersion {
     Version version;
     std::string path;  // the package's path in the catalog it came from

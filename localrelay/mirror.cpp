@@ -94,8 +94,9 @@ void SortNewestFirst(std::vector<HeldVersion>& versions) {
 
 class Mirrorer {
 public:
-    Mirrorer(const Repository& repository, const Options& options, const Events& events, const LoadedSource& source)
-        : root_(repository.directory.get()), packages_(repository.packages.get()),
+    Mirrorer(const Repository& repository, const Options& options, const Events& events, const LoadedSource& source,
+             RunLog* log)
+        : log_(log), root_(repository.directory.get()), packages_(repository.packages.get()),
           packagesPath_(repository.path + "/packages"), options_(options), events_(events), source_(source),
           verified_(ReadVerification(root_)), now_(int64_t(std::time(nullptr))) {}
 
@@ -108,7 +109,7 @@ private:
         Identity identity;
         std::vector<const Wanted*> wanted;
         std::vector<const Component*> downloads;
-        bool damaged = false;  // a held version no longer verifies: the archive is rewritten without it
+        std::vector<Version> damaged;  // held versions that no longer verify: the archive is rewritten
     };
 
     // The component's merged archive; nullptr when there is none we can trust, which is then replaced.
@@ -125,7 +126,14 @@ private:
     ZOVRELAY_Status Store(const Group& group);
     ZOVRELAY_Status KeepVersionArchives(const Group& group, const Manifest& manifest,
                                         std::map<Version, std::unique_ptr<PackageSink>>& parts);
+    void CheckVersionArchives();
+    void Log(const Identity& identity, const HeldVersion& held, const char* action, ZOVRELAY_Status status) {
+        if (log_ != nullptr)
+            log_->packages.push_back(PackageOutcome{held.path, FormatIdentity(identity), FormatVersion(held.version),
+                                                    source_.address, action, held.size, 0, 0, status, {}});
+    }
 
+    RunLog* log_;
     int root_, packages_;
     std::string packagesPath_;
     const Options& options_;
@@ -147,7 +155,8 @@ private:
 // verified now: a version that fails counts as not held, so it is downloaded again (healed).
 void Mirrorer::Decide(Group& group) {
     const std::unique_ptr<MergedArchive> archive = OpenMerged(group.identity);
-    std::vector<Version> candidates, damaged;
+    std::vector<Version> candidates;
+    std::vector<Version>& damaged = group.damaged;
     if (archive != nullptr) {
         const std::string name = MergedArchiveName(group.identity);
         const bool verify = NeedsVerification(verified_, name, archive->file(), now_);
@@ -158,7 +167,6 @@ void Mirrorer::Decide(Group& group) {
             }
             candidates.push_back(held.version);
         }
-        group.damaged = !damaged.empty();
         if (verify && damaged.empty()) verified_[name] = Verified{archive->file(), now_};
     }
     for (const Wanted* wanted : group.wanted)
@@ -227,6 +235,9 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
             return kCancelled;
         std::unique_ptr<PackageSink> sink;
         const ZOVRELAY_Status status = Download(*component, sink);
+        const bool heal = std::find(group.damaged.begin(), group.damaged.end(), component->version) != group.damaged.end();
+        Log(identity, HeldVersion{component->version, component->PackagePath(), component->size, component->sha256},
+            heal ? "heal" : "download", status);
         if (status <= 0) {
             if (StopsTheRun(status)) return status;
             Note(status);
@@ -263,7 +274,7 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
               [](const ProductRef& a, const ProductRef& b) { return a.identity < b.identity; });
 
     if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest) ||
-                                   !files.empty() || group.damaged)) {
+                                   !files.empty() || !group.damaged.empty())) {
         // Copies of versions that no longer verify would fail the new archive's own check:
         // leave them out, so a damaged repository heals on the next run.
         for (auto held = next.versions.begin(); held != next.versions.end();) {
@@ -314,7 +325,12 @@ ZOVRELAY_Status Mirrorer::KeepVersionArchives(const Group& group, const Manifest
     if (options_.buildPatch != 0) {
         for (auto& [version, part] : parts) {
             if (manifest.Find(version) == nullptr) continue;
-            const ZOVRELAY_Status status = ReplaceAt(packages_, part->name(), VersionArchiveName(group.identity, version));
+            const std::string target = VersionArchiveName(group.identity, version);
+            struct stat info {};
+            // Republished (or healed) bytes replace a file the index may name: it stops naming it first.
+            if (::fstatat(packages_, target.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+                WriteCatalogs(root_, packages_, ReadHeld(packages_), {target});
+            const ZOVRELAY_Status status = ReplaceAt(packages_, part->name(), target);
             if (status > 0) part->Release();
             if (StopsTheRun(status)) return status;
             if (status <= 0) Note(status);
@@ -327,12 +343,38 @@ ZOVRELAY_Status Mirrorer::KeepVersionArchives(const Group& group, const Manifest
     return kSuccess;
 }
 
+// Per-version archives follow the same verification policy, checked against their merged
+// archive's manifest: one whose bytes differ is written again from the merged archive (removed when
+// that fails), so the index never names garbage.
+void Mirrorer::CheckVersionArchives() {
+    for (const auto& [identity, archives] : AllVersionArchives(packages_)) {
+        const auto served = served_.find(identity);
+        std::unique_ptr<MergedArchive> merged;
+        for (const auto& [version, name] : archives) {
+            const HeldVersion* held = served != served_.end() ? served->second.manifest.Find(version) : nullptr;
+            const FileDescriptor fd(OpenFileAt(packages_, name));
+            const std::optional<FileIdentity> file = fd.get() >= 0 ? FileIdentityOf(fd.get()) : std::nullopt;
+            if (held == nullptr || !file || !NeedsVerification(verified_, name, *file, now_)) continue;
+            if (FileMatches(fd.get(), held->size, held->sha256)) {
+                verified_[name] = Verified{*file, now_};
+                continue;
+            }
+            if (merged == nullptr) merged = OpenMerged(identity);
+            const ZOVRELAY_Status status =
+                merged != nullptr ? ExtractInto(*merged, *held, packages_, TemporaryPrefix(name), kTemporarySuffix, name)
+                                  : kIntegrityFailed;
+            if (status <= 0) RemoveAt(packages_, name);
+            Log(identity, *held, "heal", status);
+        }
+    }
+}
+
 ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
     std::vector<Group> groups;
     for (const Wanted& wanted : plan.wanted) {
         const Identity& identity = wanted.component->identity;
         auto group = std::find_if(groups.begin(), groups.end(), [&](const Group& g) { return g.identity == identity; });
-        if (group == groups.end()) group = groups.insert(groups.end(), Group{identity, {}, {}});
+        if (group == groups.end()) group = groups.insert(groups.end(), Group{identity, {}, {}, {}});
         group->wanted.push_back(&wanted);
     }
     served_ = ServedOf(packages_, ReadHeld(packages_));
@@ -347,6 +389,7 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
         status = Store(group);
         if (status <= 0) break;
     }
+    if (status > 0) CheckVersionArchives();
     // Archives gone since they were recorded need no record.
     for (auto record = verified_.begin(); record != verified_.end();) {
         struct stat info {};
@@ -361,12 +404,12 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
 
 ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving) {
+                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log) {
     Plan plan;
     ZOVRELAY_Status status = MakePlan(source.catalog, products, count, plan);
     if (status <= 0) return status;
 
-    Mirrorer mirrorer(repository, options, events, source);
+    Mirrorer mirrorer(repository, options, events, source, log);
     status = mirrorer.Run(plan);
     leaving = mirrorer.leaving();
     if (status <= 0) return status;

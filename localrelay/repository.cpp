@@ -164,6 +164,19 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, M
     return WriteWholeFileAt(root, kIndexName, FormatCatalog(index));
 }
 
+std::map<Identity, std::vector<std::pair<Version, std::string>>> AllVersionArchives(int packages) {
+    std::map<Identity, std::vector<std::pair<Version, std::string>>> archives;
+    ForEachEntry(packages, [&](std::string_view name) {
+        const size_t cut = name.find('_');
+        if (cut == std::string_view::npos || !EndsWith(name, ".zip") || EndsWith(name, kMergedSuffix)) return;
+        const std::optional<Identity> identity = ParseIdentity(name.substr(0, cut));
+        const std::optional<Version> version = ParseVersion(name.substr(cut + 1, name.size() - cut - 5));
+        if (identity && version) archives[*identity].emplace_back(*version, std::string(name));
+    });
+    for (auto& [identity, list] : archives) std::sort(list.begin(), list.end());
+    return archives;
+}
+
 std::vector<std::pair<Version, std::string>> VersionArchives(int packages, const Identity& identity) {
     const std::string prefix = FormatIdentity(identity) + "_";
     std::vector<std::pair<Version, std::string>> archives;

@@ -60,6 +60,9 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, M
 // Per-version archives of one component in packages/, oldest first: (version, file name).
 std::vector<std::pair<Version, std::string>> VersionArchives(int packages, const Identity& identity);
 
+// Every per-version archive in packages/, by identity, oldest first: one listing of the directory.
+std::map<Identity, std::vector<std::pair<Version, std::string>>> AllVersionArchives(int packages);
+
 // Removes the named per-version archives, raising "removebegin" before each and "removefailed"
 // when one stays (event texts name `packagesPath`/<name>). kCancelled when a handler answers 0.
 ZOVRELAY_Status RemoveVersionArchives(int packages, const std::string& packagesPath, const std::vector<std::string>& names,

@@ -2,7 +2,12 @@
 #include "files.h"
 #include "status.h"
 
+#include "package.h"
+
 #include <unistd.h>
+
+#include <cerrno>
+#include <vector>
 
 #include <sstream>
 
@@ -35,6 +40,19 @@ ZOVRELAY_Status WriteVerification(int root, const VerificationRecord& record) {
         text += name + " " + std::to_string(v.file.size) + " " + std::to_string(v.file.inode) + " " +
                 std::to_string(v.file.device) + " " + std::to_string(v.file.modified) + " " + std::to_string(v.at) + "\n";
     return WriteWholeFileAt(root, kVerificationName, text);
+}
+
+bool FileMatches(int fd, uint64_t size, const std::string& sha256) {
+    CheckingSink checking(size);
+    std::vector<char> buffer(64 * 1024);
+    for (off_t at = 0;;) {
+        const ssize_t n = ::pread(fd, buffer.data(), buffer.size(), at);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) return checking.Check(sha256) > 0;
+        if (!checking.Write(buffer.data(), size_t(n))) return false;
+        at += n;
+    }
 }
 
 bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now) {

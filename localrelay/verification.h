@@ -29,6 +29,9 @@ using VerificationRecord = std::map<std::string, Verified>;
 VerificationRecord ReadVerification(int root);
 ZOVRELAY_Status WriteVerification(int root, const VerificationRecord& record);
 
+// The file open at `fd` holds exactly `size` bytes with this SHA-256 (read whole).
+bool FileMatches(int fd, uint64_t size, const std::string& sha256);
+
 // The archive `name`, as opened now, must be read back in full.
 bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now);
 

@@ -113,6 +113,17 @@ TEST_F(Source, DamageIsFoundAndHealed) {
         EXPECT_EQ(CheckRepository(central).empty(), c.healed) << c.what;
         if (!c.healed) flip(false);  // undo, so the next case starts sound
     }
+    // A per-version archive is checked the same way and written again from its merged archive.
+    Context context(Path("repo"));
+    ZOVRELAY_SetOption(context.handle, 9, 1);
+    const Request request = Request().Source(Path("source")).Product(kProduct0);
+    ASSERT_EQ(Call(ZOVRELAY_Duplicate, context.handle, request).status, kSuccess);
+    const fs::path file = root / "repo/packages" / (std::string(kEngine) + "_1.200.2.0.zip");
+    std::string bytes = ReadFile(file);
+    bytes[100] ^= 1;
+    WriteFile(file, bytes);
+    EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, request).status, kSuccess);
+    EXPECT_EQ(CheckRepository(Path("repo")), Lines());
 }
 
 // While a mirror writes, other contexts list, export and read the source catalog; another writer is
