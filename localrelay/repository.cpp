@@ -68,11 +68,25 @@ std::string PartName(const Identity& identity, const Version& version) {
 
 std::string TemporaryPrefix(std::string_view name) { return "." + std::string(name) + "."; }
 
+namespace {
+
+// In the root only the temporaries of our own files count: someone else's ".notes.tmp" stays.
+bool IsRootTemporaryName(std::string_view name) {
+    for (const std::string_view file : {kIndexName, kSourceCatalogName, ".verified"}) {
+        const std::string prefix = TemporaryPrefix(file);
+        if (name.size() > prefix.size() && name.substr(0, prefix.size()) == prefix && EndsWith(name, kTemporarySuffix))
+            return true;
+    }
+    return name == ".server.ini.tmp";  // from earlier versions
+}
+
+}  // namespace
+
 void RemoveStaleTemporaries(int root, int packages) {
     for (const int directory : {root, packages}) {
         std::vector<std::string> stale;
         ForEachEntry(directory, [&](std::string_view name) {
-            if (IsTemporaryName(name)) stale.emplace_back(name);
+            if (directory == root ? IsRootTemporaryName(name) : IsTemporaryName(name)) stale.emplace_back(name);
         });
         // What cannot be removed (a full directory planted under such a name) stays: temporaries
         // are always created under fresh names, so it is in nobody's way.
