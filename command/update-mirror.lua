@@ -568,7 +568,9 @@ end
 local function finish(given, summary)
   if given.json then emitJson(summary) end
   if summary.exit ~= EXIT.ok then
-    fail(summary.exit, "%s (status %d)", summary.reason or summary.message, summary.status)
+    local reason = summary.reason or summary.message
+    if update.ok(summary.status) then fail(summary.exit, "%s", reason) end
+    fail(summary.exit, "%s (status %d)", reason, summary.status)
   end
   os.exit(EXIT.ok)
 end
@@ -682,7 +684,9 @@ local function mirror(given, settings)
       if keep(path) then return true end
       offered[#offered + 1] = path
     end)
-    if not cleaned then
+    -- After a failed mirror its own failure is the one to report (a first run from an
+    -- unreachable source leaves no server.ini to clean).
+    if not cleaned and summary.exit == EXIT.ok then
       summary.reason, summary.exit = "clean-up failed: " .. problem, EXIT.repository
     end
     for _, path in ipairs(offered) do
@@ -698,7 +702,15 @@ local function mirror(given, settings)
   finish(given, summary)
 end
 
+-- Listing or exporting reads a repository: it must not create one where the path was mistyped.
+local function existing(settings)
+  if not fileSize(settings.repository .. "/packages") then
+    fail(EXIT.repository, "%s is not a repository (it has no packages/ directory)", settings.repository)
+  end
+end
+
 local function list(given, settings)
+  existing(settings)
   local held, status, message = update.list(settings.repository, settings.products)
   if not update.ok(status) then fail(EXIT_OF_STATUS[status] or EXIT.failure, "listing %s failed: %s (status %d)", settings.repository, message, status) end
   local products, product = {}, nil
@@ -718,6 +730,7 @@ local function list(given, settings)
 end
 
 local function export(_, settings, component, directory)
+  existing(settings)
   local held, status, message = update.list(settings.repository, {})
   if not update.ok(status) then fail(EXIT_OF_STATUS[status] or EXIT.failure, "listing %s failed: %s (status %d)", settings.repository, message, status) end
   local wanted = held[component]

@@ -17,6 +17,7 @@ version=${rockspec#update-}
 version=${version%-1.rockspec}
 archive=update-$version.tar.gz
 
+git -C "$top" rev-parse -q --verify HEAD >/dev/null 2>&1 || { echo "rock: $top is not a git checkout" >&2; exit 77; }
 git -C "$top" archive --format=tar.gz --prefix="update-$version/" -o "$dist/$archive" HEAD
 # The packed rockspec names the archive where it lies; the rock carries the archive with it.
 sed "s|url = \"$archive\"|url = \"file://$dist/$archive\"|" "$top/$rockspec" >"$dist/$rockspec"
