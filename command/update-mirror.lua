@@ -451,10 +451,11 @@ local function readCatalog(sources, options)
     if text and text:match("%[All_Product%]") then
       local catalog = {}
       for line in text:gmatch("[^\n]+") do
-        local identity, major, minor, build, path, bytes = line:match("^%s*(c%S+)%s+(%d+)%.(%d+)%.(%d+)%.%d+%s+(%S+)%s+(%d+)%s+%x+%s*$")
+        local identity, version, path, bytes = line:match("^%s*(c%S+)%s+(%d+%.%d+%.%d+%.%d+)%s+(%S+)%s+(%d+)%s+%x+%s*$")
         if identity then
+          local major, minor, build = version:match("^(%d+)%.(%d+)%.(%d+)")
           catalog[identity .. " " .. tonumber(major) .. "." .. tonumber(minor) .. "." .. tonumber(build)] =
-            {path = path, bytes = tonumber(bytes)}
+            {path = path, bytes = tonumber(bytes), archive = identity .. "_" .. version .. ".zip"}
         end
       end
       return catalog, src.url
@@ -529,12 +530,19 @@ local function keeper(settings)
   end
 end
 
-local function removable(settings)
+-- With buildpatch the run writes a per-version archive of each version it takes (a held one is
+-- rebuilt), so the clean-up would remove those too: `archives` names them.
+local function removable(settings, archives)
   local found, keep = {}, keeper(settings)
   if not settings.cleanup.enabled then return found end
+  local seen = {}
+  for _, archive in ipairs(archives) do
+    local path = settings.repository .. "/packages/" .. archive.name
+    if not keep(path) then found[#found + 1], seen[archive.name] = {path = path, bytes = archive.bytes}, true end
+  end
   local pipe = io.popen("ls -A " .. quote(settings.repository .. "/packages") .. " 2>/dev/null")
   for name in pipe:lines() do
-    if #name >= 11 and name:match("%.zip$") and not name:match("_merged%.zip$") then
+    if #name >= 11 and name:match("%.zip$") and not name:match("_merged%.zip$") and not seen[name] then
       local path = settings.repository .. "/packages/" .. name
       if not keep(path) then found[#found + 1] = {path = path, bytes = fileSize(path) or 0} end
     end
@@ -600,11 +608,20 @@ local function dryRun(given, settings)
     table.insert(summary.skipped, {name = entity.name, version = entity.version, friendly = entity.friendly})
     say("  held      %-28s %s", entity.name, entity.version)
   end
+  local archives = {}
+  if settings.options.buildpatch then
+    for _, list in ipairs{planned.download, planned.held} do
+      for _, entity in ipairs(list) do
+        local entry = catalog and catalog[catalogKey(entity)]
+        if entry then archives[#archives + 1] = {name = entry.archive, bytes = entry.bytes} end
+      end
+    end
+  end
   local removedBytes = 0
-  for _, entry in ipairs(removable(settings)) do
+  for _, entry in ipairs(removable(settings, archives)) do
     table.insert(summary.removed, entry.path)
     removedBytes = removedBytes + entry.bytes
-    say("  remove    %-39s %10s  %s", entry.path:match("[^/]*$"), size(entry.bytes), entry.path)
+    say("  remove    %-39s %10s", entry.path:match("[^/]*$"), size(entry.bytes))
   end
   say("would download %d package%s, %s; %d already held; the clean-up would %s",
       #summary.downloaded, #summary.downloaded == 1 and "" or "s", size(summary.bytes), #summary.skipped,
