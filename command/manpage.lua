@@ -42,11 +42,18 @@ for _, option in ipairs(doc.options) do
   put(flags .. (option.arg and " \\fI" .. escape(option.arg) .. "\\fR" or ""))
   put(escape(option.text) .. ".")
 end
--- A section's paragraphs: one with line breaks is shown as typed (configuration, lists).
+-- A section's paragraphs: one with line breaks is shown as typed (configuration, lists), a table
+-- of {term, text} pairs is a tagged list.
 for _, section in ipairs(doc.sections) do
   put(".SH " .. section[1])
   for i = 2, #section do
-    if section[i]:find("\n") then
+    if type(section[i]) == "table" then
+      for _, entry in ipairs(section[i]) do
+        put(".TP")
+        put(".B " .. escape(entry[1]))
+        put(escape(entry[2]))
+      end
+    elseif section[i]:find("\n") then
       put(".PP")
       put(".nf")
       put(".RS 4")

@@ -80,15 +80,17 @@ local DOC = {
      "held: name, version), failed (path, reason), removed (paths). A dry run prints the same keys " ..
      "with \"dry_run\": true, what it would download under downloaded and what the clean-up would " ..
      "remove under removed."},
-    {"EXIT STATUS",
-     "0  success\n" ..
-     "1  any other failure: cancelled, out of memory, relay library not started\n" ..
-     "2  bad configuration or arguments (also the relay's \"invalid argument\", -1)\n" ..
-     "3  a source problem: unreachable, not found, integrity check failed, invalid catalog, HTTP " ..
-     "error, host not resolved, connection failed, certificate refused, proxy refused, unsupported " ..
-     "address (statuses -5, -6, -7, -11 to -16, -19)\n" ..
-     "4  a repository problem: not accessible, busy, i/o error, no space, permission denied " ..
-     "(statuses -3, -9, -10, -17, -18)"},
+    -- A list of {term, text} pairs is a tagged list.
+    {"EXIT STATUS", {
+      {"0", "success"},
+      {"1", "any other failure: cancelled, out of memory, relay library not started"},
+      {"2", "bad configuration or arguments (also the relay's \"invalid argument\", -1)"},
+      {"3", "a source problem: unreachable, not found, integrity check failed, invalid catalog, HTTP " ..
+            "error, host not resolved, connection failed, certificate refused, proxy refused, " ..
+            "unsupported address (statuses -5, -6, -7, -11 to -16, -19)"},
+      {"4", "a repository problem: not accessible, busy, i/o error, no space, permission denied " ..
+            "(statuses -3, -9, -10, -17, -18)"},
+    }},
     {"EXAMPLES",
      "update-mirror -c /etc/update-mirror/mirror.conf\n" ..
      "update-mirror -c /etc/update-mirror/mirror.conf --dry-run\n" ..
@@ -143,7 +145,9 @@ local function helpText()
   for _, section in ipairs(DOC.sections) do
     if section[1] == "EXIT STATUS" then
       lines[#lines + 1] = "\nexit status:"
-      for entry in section[2]:gmatch("[^\n]+") do lines[#lines + 1] = wrap(entry, 79, "  "):gsub("\n", "\n     ") end
+      for _, entry in ipairs(section[2]) do
+        lines[#lines + 1] = "  " .. entry[1] .. wrap(entry[2], 79, "     "):sub(4)
+      end
     end
   end
   lines[#lines + 1] = "\nThe manual page update-mirror(1) describes the configuration file."
@@ -493,11 +497,11 @@ local function plan(settings)
   os.remove(scratch .. "/packages")
   os.remove(scratch .. "/server.ini")
   os.remove(scratch)
-  if not update.ok(status) then return nil, status, message end
+  if not update.ok(status) then return nil, status, message, "listing the sources" end
   local held = {}
   if fileSize(settings.repository .. "/packages") then
     local listed, heldStatus, heldMessage = update.list(settings.repository, {})
-    if not update.ok(heldStatus) then return nil, heldStatus, heldMessage end
+    if not update.ok(heldStatus) then return nil, heldStatus, heldMessage, "listing " .. settings.repository end
     for _, entity in ipairs(listed) do held[entity.name .. " " .. entity.version] = true end
   end
   local result, seen = {download = {}, held = {}}, {}
@@ -585,10 +589,10 @@ end
 
 local function dryRun(given, settings)
   local started = now()
-  local planned, status, message = plan(settings)
+  local planned, status, message, what = plan(settings)
   if not planned then
     local summary = summaryOf(settings, status, message)
-    summary.dry_run, summary.reason = true, "listing the sources failed: " .. message
+    summary.dry_run, summary.reason = true, what .. " failed: " .. message
     return finish(given, summary)
   end
   local catalog, serving = readCatalog(settings.sources, settings.options)
