@@ -502,10 +502,10 @@ local function plan(settings)
   if fileSize(settings.repository .. "/packages") then
     local listed, heldStatus, heldMessage = update.list(settings.repository, {})
     if not update.ok(heldStatus) then return nil, heldStatus, heldMessage, "listing " .. settings.repository end
-    for _, entity in ipairs(listed) do held[entity.name .. " " .. entity.version] = true end
+    for _, entity in ipairs(listed or {}) do held[entity.name .. " " .. entity.version] = true end
   end
   local result, seen = {download = {}, held = {}}, {}
-  for _, entity in ipairs(offered) do
+  for _, entity in ipairs(offered or {}) do  -- a success may come without a result
     if not isProduct(entity) and not seen[entity.name] and selects(settings, entity) then
       seen[entity.name] = true
       local list = held[entity.name .. " " .. entity.version] and result.held or result.download
@@ -735,7 +735,7 @@ local function list(given, settings)
   local held, status, message = update.list(settings.repository, settings.products)
   if not update.ok(status) then fail(EXIT_OF_STATUS[status] or EXIT.failure, "listing %s failed: %s (status %d)", settings.repository, message, status) end
   local products, product = {}, nil
-  for _, entity in ipairs(held) do
+  for _, entity in ipairs(held or {}) do
     if isProduct(entity) then
       product = {name = entity.name, components = {}}
       products[#products + 1] = product
@@ -754,7 +754,7 @@ local function export(_, settings, component, directory)
   existing(settings)
   local held, status, message = update.list(settings.repository, {})
   if not update.ok(status) then fail(EXIT_OF_STATUS[status] or EXIT.failure, "listing %s failed: %s (status %d)", settings.repository, message, status) end
-  local wanted = held[component]
+  local wanted = held and held[component]
   if not wanted then
     if not isIdentifier(component) then
       fail(EXIT.usage, "--export: %s is neither a friendly name the repository holds nor an identifier", component)

@@ -19,11 +19,11 @@ describe("update-mirror", function()
     e.rmtree(work)
   end)
 
-  -- Runs the command (after an optional prefix such as `flock DIR`); returns its exit status,
-  -- standard output and standard error.
-  local function run(args, prefix)
-    local command = string.format("%s lua5.2 %s %s >%s/out 2>%s/err", prefix or "", e.quote(COMMAND), args,
-                                  e.quote(work), e.quote(work))
+  -- Runs the command (after an optional prefix such as `flock DIR`, with optional options of the
+  -- interpreter); returns its exit status, standard output and standard error.
+  local function run(args, prefix, interpreter)
+    local command = string.format("%s lua5.2 %s %s %s >%s/out 2>%s/err", prefix or "", interpreter or "",
+                                  e.quote(COMMAND), args, e.quote(work), e.quote(work))
     local _, _, code = os.execute(command)
     return code, e.read(work .. "/out"), e.read(work .. "/err")
   end
@@ -95,6 +95,26 @@ describe("update-mirror", function()
       assert.are.equal(case[3], code, case[1])
       assert.matches("^update%-mirror: [^\n]*" .. case[4] .. "[^\n]*\n$", err)
     end
+  end)
+
+  it("reports each package that failed with its reason", function()
+    -- Against the fake relay: the mirror raises these events, then answers "integrity check failed".
+    local setup = [[local update, fake = require "update", require "fakerelay"
+      local patterns = update.patterns
+      update.patterns = function(...)
+        fake.event(5, {information = "p/a.zip", total = 4, finished = 4})
+        fake.event(5, {information = "p/b.zip: 7 bytes, the catalog says 6", total = 6, finished = 0})
+        fake.script("Duplicate", -7)
+        return patterns(...)
+      end]]
+    local fakeRelay = "LUA_CPATH=" .. e.quote(os.getenv("UPDATE_BUILD_DIR") .. "/fake/?.so;;")
+    local code, out, err = run("--repository r --source s --no-cleanup --json", fakeRelay, "-e " .. e.quote(setup))
+    assert.are.equal(3, code)
+    local summary = cjson.decode(out)
+    assert.are.same({{path = "p/a.zip", bytes = 4}}, summary.downloaded)
+    assert.are.same({{path = "p/b.zip", reason = "7 bytes, the catalog says 6"}}, summary.failed)
+    assert.are.same({-7, 3}, {summary.status, summary.exit})
+    assert.matches("failed: p/b.zip: 7 bytes, the catalog says 6\n.*%(status %-7%)\n$", err)
   end)
 
   it("refuses a bad configuration with one line naming the file and the key", function()
