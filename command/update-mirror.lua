@@ -188,7 +188,7 @@ local function parseArguments(args)
     elseif option.flag == "--proxy" then given.proxy = value(option)
     elseif option.flag == "--limit" then
       given.options = given.options or {}
-      given.options[#given.options + 1] = {"maxbandwidth", value(option)}
+      given.options[#given.options + 1] = {"maxbandwidth", value(option), "--limit"}
     elseif option.flag == "--option" then
       local text = value(option)
       local key, v = text:match("^([%w_]+)=(.*)$")
@@ -375,7 +375,7 @@ local function configure(given)
   if given.proxy and not given.overrides.sources then refuse("command line: --proxy applies to --source, and none is given") end
   settings.options = settings.options or {}
   for _, pair in ipairs(given.options or {}) do
-    local ok, value = pcall(optionValue, "--option " .. pair[1], pair[1], pair[2])
+    local ok, value = pcall(optionValue, pair[3] or "--option " .. pair[1], pair[1], pair[2])
     if not ok then refuse("command line: %s", type(value) == "table" and value.problem or tostring(value)) end
     settings.options[pair[1]] = value
   end
