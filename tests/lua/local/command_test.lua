@@ -7,7 +7,10 @@ local cjson = require "cjson"
 local top = debug.getinfo(1, "S").source:match("^@(.*)/tests/lua/local/[^/]*$")
 local COMMAND = top .. "/command/update-mirror.lua"
 
-describe("update-mirror", function()
+-- A sanitized build's update.so cannot load in the plain lua5.2 processes the command runs in.
+local suite = os.getenv("ASAN_OPTIONS") and pending or describe
+
+suite("update-mirror", function()
   local work, url, stop
   lazy_setup(function()
     work = e.tempdir()
