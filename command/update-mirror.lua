@@ -420,6 +420,13 @@ local function fileSize(path)
   return bytes
 end
 
+-- Also for directories, which open for reading but whose size is not theirs to tell.
+local function exists(path)
+  local file = io.open(path, "rb")
+  if file then file:close() end
+  return file ~= nil
+end
+
 local function isProduct(entity) return entity.name:match("^c%-?%d+t%-?%d+v") ~= nil end
 
 -- With --json, stdout carries only the JSON document: the human lines go to stderr.
@@ -499,7 +506,7 @@ local function plan(settings)
   os.remove(scratch)
   if not update.ok(status) then return nil, status, message, "listing the sources" end
   local held = {}
-  if fileSize(settings.repository .. "/packages") then
+  if exists(settings.repository .. "/packages") then
     local listed, heldStatus, heldMessage = update.list(settings.repository, {})
     if not update.ok(heldStatus) then return nil, heldStatus, heldMessage, "listing " .. settings.repository end
     for _, entity in ipairs(listed or {}) do held[entity.name .. " " .. entity.version] = true end
@@ -711,7 +718,7 @@ local function mirror(given, settings)
       summary.reason, summary.exit = "clean-up failed: " .. problem, EXIT.repository
     end
     for _, path in ipairs(offered) do
-      if not fileSize(path) then table.insert(summary.removed, path) end
+      if not exists(path) then table.insert(summary.removed, path) end
     end
   end
   summary.seconds = math.floor((now() - started) * 1000 + 0.5) / 1000
@@ -725,7 +732,7 @@ end
 
 -- Listing or exporting reads a repository: it must not create one where the path was mistyped.
 local function existing(settings)
-  if not fileSize(settings.repository .. "/packages") then
+  if not exists(settings.repository .. "/packages") then
     fail(EXIT.repository, "%s is not a repository (it has no packages/ directory)", settings.repository)
   end
 end
