@@ -474,6 +474,19 @@ local function readCatalog(sources, options)
   end
 end
 
+-- The relay's file type rule: an extension of the list (a leading dot optional, any case) after
+-- a dot at the end of the package path.
+local function excluded(options, path)
+  if not options.enable_check_file_type_blacklist or not path then return false end
+  for item in (options.file_type_blacklist or ""):gmatch("[^,]+") do
+    local extension = item:match("^[ \t]*%.?(.-)[ \t]*$"):lower()
+    if extension ~= "" and #extension < #path and path:lower():sub(-#extension - 1) == "." .. extension then
+      return true
+    end
+  end
+  return false
+end
+
 local function catalogKey(entity)
   local major, minor, build = entity.extract:match("v(%d+)%.(%d+)%.(%d+)")
   return entity.name .. " " .. tonumber(major) .. "." .. tonumber(minor) .. "." .. tonumber(build)
@@ -609,11 +622,16 @@ local function dryRun(given, settings)
   if not catalog then say("  (no source catalog readable for sizes: they show as ?)") end
   for _, entity in ipairs(planned.download) do
     local entry = catalog and catalog[catalogKey(entity)] or {}
+    if excluded(settings.options, entry.path) then
+      say("  excluded  %-28s %-10s %10s  %s (its file type)", entity.name, entity.version, size(entry.bytes), entry.path)
+      goto next
+    end
     table.insert(summary.downloaded, {name = entity.name, version = entity.version, friendly = entity.friendly,
                                       path = entry.path, bytes = entry.bytes})
     summary.bytes = summary.bytes + (entry.bytes or 0)
     say("  download  %-28s %-10s %10s  %s", entity.name, entity.version, entry.bytes and size(entry.bytes) or "?",
         entry.path or "")
+    ::next::
   end
   for _, entity in ipairs(planned.held) do
     table.insert(summary.skipped, {name = entity.name, version = entity.version, friendly = entity.friendly})

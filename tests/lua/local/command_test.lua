@@ -83,6 +83,21 @@ suite("update-mirror", function()
     assert.are.same({"c3t4l1p-1r-1o-1-1.100.1.0.zip"}, e.names(work .. "/export"))
   end)
 
+  it("downloads what its dry run promised, whatever the job selects", function()
+    local jobs = {
+      "--mirror everything --product c1t100 --option enable_check_file_type_blacklist=true --option file_type_blacklist=.PKG",
+      "--mirror patterns-except-kerno --product c1t101",
+      "--component c2t1207960066 --component c7t220",
+    }
+    for i, job in ipairs(jobs) do
+      job = string.format("--repository %s --source %s %s --json", e.quote(work .. "/job" .. i), url, job)
+      local plan = cjson.decode((select(2, run(job .. " --dry-run"))))
+      local summary = cjson.decode((select(2, run(job))))
+      assert.are.same(paths(plan.downloaded), paths(summary.downloaded), job)
+      assert.are.same(i == 1 and 5 or 2, #summary.downloaded, job)
+    end
+  end)
+
   it("tells failures apart by its exit status, each with one line", function()
     local repository = e.quote(work .. "/busy")
     local cases = {  -- arguments, prefix, exit status, the line on standard error
