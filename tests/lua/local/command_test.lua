@@ -98,6 +98,34 @@ suite("update-mirror", function()
     end
   end)
 
+  it("reads its sources through the configured proxy, in the dry run too", function()
+    local pipe = io.popen("python3 -c 'import socket; s = socket.socket(); s.bind((\"127.0.0.1\", 0)); print(s.getsockname()[1])'")
+    local port = pipe:read("*n")
+    pipe:close()
+    e.write(work .. "/tinyproxy.conf", string.format("Port %d\nListen 127.0.0.1\nLogLevel Connect\n", port))
+    pipe = io.popen(string.format("tinyproxy -d -c %s/tinyproxy.conf >%s/tinyproxy.log 2>&1 & echo $!", work, work))
+    local pid = pipe:read("*n")
+    pipe:close()
+    finally(function() os.execute("kill " .. pid) end)
+    for _ = 1, 200 do
+      if os.execute(string.format("curl -sf -o /dev/null -x http://127.0.0.1:%d %s/server.ini", port, url)) then break end
+      os.execute("sleep 0.05")
+    end
+    e.write(work .. "/proxied.conf", string.format([[repository = %q
+      sources = {{url = %q, proxy = {host = "127.0.0.1", port = %d}}}
+      products = "c1t100"]], work .. "/proxied", url, port))
+    local function catalogReads()
+      return select(2, e.read(work .. "/tinyproxy.log"):gsub("GET " .. url:gsub("%p", "%%%0") .. "/server.ini", ""))
+    end
+    local before = catalogReads()
+    -- The relay's listing and the command's own read for the sizes.
+    local plan = cjson.decode((select(2, run("-c " .. e.quote(work .. "/proxied.conf") .. " --dry-run --json"))))
+    assert.are.same({20480, 4, before + 2}, {plan.bytes, #plan.downloaded, catalogReads()})
+    local code, out = run("-c " .. e.quote(work .. "/proxied.conf") .. " --json")
+    assert.are.same({0, 20480}, {code, cjson.decode(out).bytes})
+    assert.matches("GET " .. url:gsub("%p", "%%%0") .. "/rule/c22t2213", e.read(work .. "/tinyproxy.log"))
+  end)
+
   it("tells failures apart by its exit status, each with one line", function()
     local repository = e.quote(work .. "/busy")
     local cases = {  -- arguments, prefix, exit status, the line on standard error
