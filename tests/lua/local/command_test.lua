@@ -134,6 +134,9 @@ suite("update-mirror", function()
        4, "repository is busy %(status %-9%)"},
       {"--repository " .. repository .. " --source " .. e.quote(work .. "/nowhere"), nil, 3, "no source reachable"},
       {"--repository " .. repository .. " --frobnicate", nil, 2, "unknown option %-%-frobnicate"},
+      -- The shipped example configuration passes every check.
+      {"-c " .. e.quote(top .. "/examples/update-mirror.conf") .. " --repository " .. e.quote(work .. "/none") .. " --list",
+       nil, 4, "is not a repository"},
       {"--repository " .. repository .. " --source " .. url, "LUA_CPATH=/nowhere/?.so", 1, "cannot load the update module"},
     }
     for _, case in ipairs(cases) do
