@@ -514,9 +514,7 @@ local function plan(settings)
   local scratch = os.tmpname()
   os.remove(scratch)
   local offered, status, message = update.list(scratch, settings.products, settings.sources)
-  os.remove(scratch .. "/packages")
-  os.remove(scratch .. "/server.ini")
-  os.remove(scratch)
+  os.execute("rm -rf " .. quote(scratch))  -- whatever the relay leaves in a repository
   if not update.ok(status) then return nil, status, message, "listing the sources" end
   local held = {}
   if exists(settings.repository .. "/packages") then
