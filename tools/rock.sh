@@ -8,6 +8,13 @@
 set -eu
 check=
 [ "${1:-}" = --check ] && { check=1; shift; }
+luarocks() { command luarocks --lua-version 5.2 "$@"; }
+if [ -n "$check" ]; then
+  # A check writes nothing outside its temporary directory, not even luarocks' cache in $HOME.
+  work=$(mktemp -d)
+  trap 'rm -rf "$work"' EXIT
+  luarocks() { HOME=$work command luarocks --lua-version 5.2 "$@"; }
+fi
 [ $# -eq 1 ] || { echo "usage: sh tools/rock.sh [--check] DIST" >&2; exit 2; }
 top=$(cd "$(dirname "$0")/.." && pwd)
 mkdir -p "$1"
@@ -22,19 +29,17 @@ git -C "$top" archive --format=tar.gz --prefix="update-$version/" -o "$dist/$arc
 # The packed rockspec names the archive where it lies; the rock carries the archive with it.
 sed "s|url = \"$archive\"|url = \"file://$dist/$archive\"|" "$top/$rockspec" >"$dist/$rockspec"
 cd "$dist"
-luarocks --lua-version 5.2 lint "$rockspec"
+luarocks lint "$rockspec"
 rm -f "update-$version-1.src.rock"
-luarocks --lua-version 5.2 pack "$rockspec" >/dev/null
+luarocks pack "$rockspec" >/dev/null
 echo "rock: $dist/update-$version-1.src.rock"
 [ -n "$check" ] || exit 0
 
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
 mkdir "$work/empty"
 cp "update-$version-1.src.rock" "$work/empty/"
 cd "$work/empty"
 rm "$dist/$archive"  # the build must take the archive from inside the rock
-luarocks --lua-version 5.2 --tree "$work/tree" build "update-$version-1.src.rock" >"$work/build.log" 2>&1 ||
+luarocks --tree "$work/tree" build "update-$version-1.src.rock" >"$work/build.log" 2>&1 ||
   { cat "$work/build.log"; exit 1; }
 "$work/tree/bin/update-mirror" --help | grep -q -- '--dry-run' || { echo "rock: --help lacks --dry-run" >&2; exit 1; }
 "$work/tree/bin/update-mirror" --version
