@@ -5,6 +5,7 @@
 #include <string>
 
 #include "entities/kinds.h"
+#include "version/engines.h"
 #include "version/conversion.h"
 
 namespace {
