@@ -63,6 +63,14 @@ describe("operations", function()
       end
     end
   end)
+
+  it("keep errors of the clean-up from the script", function()
+    local options = setmetatable({}, {__index = function(_, key) error("no " .. key) end})
+    options.removeke = print
+    options.progress = function() options.removeke = nil end  -- the clean-up's lookup now raises
+    fake.event(1)
+    assert.are.same({nil, 1, "status 1"}, {update.everything("repo", {}, nil, options)})
+  end)
 end)
 
 describe("selective mirroring", function()
@@ -127,6 +135,10 @@ describe("selective mirroring", function()
     fake.script("GetInformation", -5)
     assert.are.same({nil, -5, "status -5"}, {update.patterns("repo", {}, nil, {ke = true})})
     assert.is_nil(mirrored())
+    fake.reset()
+    fake.script("GetInformation", 1)  -- success without a record: nothing to destroy
+    update.patterns("repo", {}, nil, {ke = true})
+    assert.are.same({}, h.calls("DestroyData"))
     fake.reset()
     fake.script("GetInformation", 1, {products = {{klass = 1, type = 1, componentCount = "18446744073709551615"}}})
     fake.message(-4, "out of memory")

@@ -1,6 +1,6 @@
 // Every operation run in a Lua state whose allocator fails after N allocations, for every N until
 // the call succeeds: whatever the point of failure, the context and the relay's records are
-// released (the fake counts them; sanitizer builds also see the module's own arrays).
+// released (the fake counts them; the valgrind and sanitizer runs also see the module's own arrays).
 #include <gtest/gtest.h>
 #include <lua.hpp>
 
@@ -32,6 +32,7 @@ const char* const kScenarios[] = {
     "local u = ... return function() return u.list('repo', {'c3t4l1', 'c1t1'},"
     " {{url = 'http://a', proxy = {host = 'h', user = 'u', password = 'p', port = 8080}}, 'x'},"
     " {maxbandwidth = 5, file_type_blacklist = 'exe', progress = function(e) return e.type == 'x' end}) end",
+    "local u = ... return function() return u.list('R', {}, {{url = 'u', proxy = {host = 'h', user = 12, password = 3.5}}}) end",
     "local u = ... return function() return u.patterns('repo', {}, '/src', {ke = true, download = print}) end",
     "local u = ... return function() return u.components('repo', 'c1t1', nil, nil, {'c3t4', 'c22t2213'}) end",
     "local u = ... return function() return u.extract('repo', u.tocomponent('c3t4v1.2.3'), '/out') end",

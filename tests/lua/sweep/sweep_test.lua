@@ -50,8 +50,10 @@ end
 
 describe("every function with generated arguments", function()
   it("returns its documented values or raises a string, and releases everything", function()
-    assert(os.execute("mkdir -p r/packages sub/r"))
+    assert(os.execute("mkdir -p r/packages sub/r packages"))
     h.write("r/server.ini", "")
+    h.write("server.ini", "kept")  -- the working directory is no repository: "" never touches it
+    h.write("packages/old.zip", "")
     math.randomseed(20261123)
     local calls = 0
     for name in pairs(shapes) do
@@ -81,6 +83,7 @@ describe("every function with generated arguments", function()
     os.remove(h.SEMAPHORE)
     -- Only what the sweep made itself is in its directory.
     local listing = io.popen("find . | sort"):read("*a")
-    assert.are.equal(".\n./r\n./r/packages\n./r/server.ini\n./sub\n./sub/r\n", listing)
+    assert.are.equal(".\n./packages\n./packages/old.zip\n./r\n./r/packages\n./r/server.ini\n./server.ini\n./sub\n./sub/r\n", listing)
+    assert.are.equal("kept", h.read("server.ini"))
   end)
 end)
