@@ -40,19 +40,11 @@ const char* const kScenarios[] = {
 
 void scriptRelay() {
     FakeRelay_Reset();
-    ZOVRELAY_EntityItem components[3] = {FakeRelay_DefaultEntity(), FakeRelay_DefaultEntity(),
-                                         FakeRelay_DefaultEntity()};
-    components[0].klass = 3;
-    components[0].type = 4;
-    components[0].language = 1;
-    components[1].klass = 22;
-    components[1].type = 2213;
-    components[2].klass = 2;
-    components[2].type = 1207960066;
-    FakeRelay_CraftedProduct product = {FakeRelay_DefaultEntity(), components, 3, 0, 0};
-    product.entity.klass = 1;
-    for (const char* call : {"GetInformation", "Duplicate"}) FakeRelay_ScriptInformation(call, 1, &product, 1);
-    FakeRelay_QueueEvent(1, 1, nullptr, 0, 10, 5);
+    const ZOVRELAY_EntityItem components[3] = {{3, 4, 1, -1, -1, -1, {}}, {22, 2213, -1, -1, -1, -1, {}},
+                                               {2, 1207960066, -1, -1, -1, -1, {}}};
+    const FakeRelay_Product product = {{1, 1, -1, -1, -1, -1, {}}, components, 3, 3};
+    for (const char* call : {"GetInformation", "Duplicate"}) FakeRelay_Script(call, 1, &product, 1, 1);
+    FakeRelay_QueueEvent(1, 1, nullptr, 10, 5);
 }
 
 TEST(Exhaustion, EveryOperationReleasesWhereverMemoryRunsOut) {
