@@ -1,7 +1,10 @@
 // The fake relay: each of the thirteen calls logs what the module passed, as a Lua table
-// constructor that fakerelay.so reads back, and answers what the test scripted (1 when nothing is
-// queued). Contexts and records are real allocations, counted, so that every leak shows.
+// constructor, and answers what the test scripted (1 when nothing is queued). Contexts and records
+// are real allocations, counted, so that every leak shows. The same library is the Lua module
+// `fakerelay` (build/fake/fakerelay.so links to it) through which tests script and read it; its
+// Lua symbols come from the host, as update.so's do.
 #include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <cwchar>
 #include <deque>
@@ -10,7 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "fake_control.h"
+#include <lua.hpp>
+
+#include "zovrelay.h"
 
 struct ZOVRELAY_Context {
     unsigned long number;
@@ -170,50 +175,6 @@ ZOVRELAY_Status operation(const char* name, ZOVRELAY_Context* context, const ZOV
 
 }  // namespace
 
-FAKERELAY_API void FakeRelay_Reset(void) {
-    State& s = state();
-    s.log.clear();
-    s.scripts.clear();
-    s.events.clear();
-    s.messages.clear();
-    s.version = ZOV_Version{1, 2, 3, 4};
-    s.versionStatus = 1;
-    s.contextsMade = s.recordsMade = 0;
-}
-
-FAKERELAY_API void FakeRelay_Script(const char* call, ZOVRELAY_Status status, const FakeRelay_Product* products,
-                                    size_t count, int hasRecord) {
-    Script script{status, hasRecord != 0, {}, {}};
-    for (size_t i = 0; i < count; ++i) {
-        script.components.emplace_back(products[i].components, products[i].components + products[i].componentCount);
-        script.products.push_back({products[i].entity, script.components.back().data(), products[i].declaredCount});
-    }
-    state().scripts[call].push_back(std::move(script));
-}
-
-FAKERELAY_API void FakeRelay_QueueEvent(int32_t type, int hasMessage, const wchar_t* information, uint64_t total,
-                                        uint64_t finished) {
-    state().events.push_back(Event{type, hasMessage != 0, information != nullptr, information ? information : L"",
-                                   ZOVRELAY_EventMessage{nullptr, total, finished}});
-}
-
-FAKERELAY_API void FakeRelay_SetMessage(ZOVRELAY_Status status, const wchar_t* text) {
-    if (text != nullptr) state().messages[status] = std::wstring(text).substr(0, 63);
-    else state().messages.erase(status);
-}
-
-FAKERELAY_API void FakeRelay_SetVersion(const ZOV_Version* version, ZOVRELAY_Status status) {
-    if (version != nullptr) state().version = *version;
-    state().versionStatus = status;
-}
-
-FAKERELAY_API int FakeRelay_OpenContexts(void) { return static_cast<int>(state().contexts.size()); }
-FAKERELAY_API int FakeRelay_OutstandingRecords(void) { return static_cast<int>(state().records.size()); }
-
-FAKERELAY_API const char* FakeRelay_Call(size_t index) {
-    return index < state().log.size() ? state().log[index].c_str() : nullptr;
-}
-
 ZOVRELAY_Status ZOVRELAY_Startup(void* reserved) {
     log("Startup", std::string("reserved_null=") + (reserved == nullptr ? "true" : "false"));
     return status("Startup");
@@ -321,4 +282,173 @@ ZOVRELAY_Status ZOVRELAY_ExportComponent(ZOVRELAY_Context* context, const wchar_
     log("ExportComponent", "context=" + std::to_string(number(context)) + ",destination=" + codes(destination) +
                                ",entity={" + entity(item) + "}");
     return status("ExportComponent");
+}
+
+// The Lua module. A Lua error unwinds these frames, so they hold plain data only, in userdata on
+// the Lua stack, until the state is changed at their end.
+namespace {
+
+// 64 bits from a number (negatives wrap) or a decimal string, for values past 2^53.
+uint64_t bits(lua_State* L, int index, uint64_t otherwise) {
+    if (lua_type(L, index) == LUA_TSTRING) return std::strtoull(lua_tostring(L, index), nullptr, 10);
+    if (lua_type(L, index) != LUA_TNUMBER) return otherwise;
+    const lua_Number value = lua_tonumber(L, index);
+    return value < 0 ? static_cast<uint64_t>(static_cast<int64_t>(value)) : static_cast<uint64_t>(value);
+}
+
+uint64_t field(lua_State* L, int table, const char* key, uint64_t otherwise) {
+    lua_getfield(L, table, key);
+    const uint64_t value = bits(L, -1, otherwise);
+    lua_pop(L, 1);
+    return value;
+}
+
+/* [-0, +0]: the entity fields of the table at index; absent ones 0, or -1 for the four below class and type */
+ZOVRELAY_EntityItem entityOf(lua_State* L, int index) {
+    const uint64_t none = ~0ull;
+    return ZOVRELAY_EntityItem{
+        static_cast<int32_t>(field(L, index, "klass", 0)),      static_cast<int32_t>(field(L, index, "type", 0)),
+        static_cast<int32_t>(field(L, index, "language", none)), static_cast<int32_t>(field(L, index, "platform", none)),
+        static_cast<int32_t>(field(L, index, "region", none)),   static_cast<int32_t>(field(L, index, "oem", none)),
+        {field(L, index, "major", 0), field(L, index, "minor", 0), field(L, index, "build", 0),
+         field(L, index, "revision", 0)}};
+}
+
+/* [-0, +1]: the string (a code point a byte) or array of code points at index as a terminated wide
+   string in a userdata; null when nil */
+const wchar_t* wide(lua_State* L, int index) {
+    if (lua_isnoneornil(L, index)) {
+        lua_pushnil(L);
+        return nullptr;
+    }
+    const bool text = lua_type(L, index) == LUA_TSTRING;
+    const size_t n = lua_rawlen(L, index);
+    wchar_t* out = static_cast<wchar_t*>(lua_newuserdata(L, (n + 1) * sizeof(wchar_t)));
+    for (size_t i = 0; i < n; ++i) {
+        if (text) {
+            out[i] = static_cast<unsigned char>(lua_tostring(L, index)[i]);
+        } else {
+            lua_rawgeti(L, index, static_cast<int>(i + 1));
+            out[i] = static_cast<wchar_t>(bits(L, -1, 0));
+            lua_pop(L, 1);
+        }
+    }
+    out[n] = 0;
+    return out;
+}
+
+// script(name, status [, {products = {product, ...}}]): a product is an entity with components =
+// {entity, ...} and optionally componentCount, the count the record then declares.
+int script(lua_State* L) {
+    const char* name = luaL_checkstring(L, 1);
+    const ZOVRELAY_Status status = static_cast<ZOVRELAY_Status>(bits(L, 2, 1));
+    if (lua_istable(L, 3)) lua_getfield(L, 3, "products");  // 4; without a record, none is handed out
+    else lua_pushnil(L);
+    const size_t n = lua_istable(L, 4) ? lua_rawlen(L, 4) : 0;
+    lua_settop(L, 4);
+    luaL_checkstack(L, static_cast<int>(n) + 8, "too many products");
+    struct Product {
+        ZOVRELAY_EntityItem entity;
+        const ZOVRELAY_EntityItem* components;
+        size_t held;
+        unsigned long declared;
+    };
+    Product* products = static_cast<Product*>(lua_newuserdata(L, (n + 1) * sizeof(Product)));
+    for (size_t i = 0; i < n; ++i) {
+        lua_rawgeti(L, 4, static_cast<int>(i + 1));
+        const int product = lua_gettop(L);
+        lua_getfield(L, product, "components");
+        const size_t count = lua_istable(L, -1) ? lua_rawlen(L, -1) : 0;
+        auto* components = static_cast<ZOVRELAY_EntityItem*>(lua_newuserdata(L, (count + 1) * sizeof(ZOVRELAY_EntityItem)));
+        for (size_t j = 0; j < count; ++j) {
+            lua_rawgeti(L, product + 1, static_cast<int>(j + 1));
+            components[j] = entityOf(L, lua_gettop(L));
+            lua_pop(L, 1);
+        }
+        products[i] = {entityOf(L, product), components, count, field(L, product, "componentCount", count)};
+        lua_replace(L, product);  // keeps the components' userdata alive until the script is queued
+        lua_pop(L, 1);
+    }
+    Script queued{status, lua_istable(L, 3), {}, {}};
+    for (size_t i = 0; i < n; ++i) {
+        queued.components.emplace_back(products[i].components, products[i].components + products[i].held);
+        queued.products.push_back({products[i].entity, queued.components.back().data(), products[i].declared});
+    }
+    state().scripts[name].push_back(std::move(queued));
+    return 0;
+}
+
+// event(type [, {information = string | code points, total = n, finished = n}])
+int event(lua_State* L) {
+    const int32_t type = static_cast<int32_t>(bits(L, 1, 0));
+    const bool hasMessage = lua_istable(L, 2);
+    if (hasMessage) lua_getfield(L, 2, "information");
+    const wchar_t* information = hasMessage ? wide(L, 3) : nullptr;
+    const ZOVRELAY_EventMessage message{nullptr, hasMessage ? field(L, 2, "total", 0) : 0,
+                                        hasMessage ? field(L, 2, "finished", 0) : 0};
+    state().events.push_back(Event{type, hasMessage, information != nullptr, information ? information : L"", message});
+    return 0;
+}
+
+// message(status, text | code points | nil): what GetStatusMessage writes, cut to 63 characters
+int message(lua_State* L) {
+    const ZOVRELAY_Status status = static_cast<ZOVRELAY_Status>(bits(L, 1, 0));
+    if (const wchar_t* text = wide(L, 2)) state().messages[status] = std::wstring(text).substr(0, 63);
+    else state().messages.erase(status);
+    return 0;
+}
+
+// version({major =, minor =, build =, revision =} | nil [, status = 1])
+int version(lua_State* L) {
+    if (lua_istable(L, 1))
+        state().version = {field(L, 1, "major", 0), field(L, 1, "minor", 0), field(L, 1, "build", 0),
+                           field(L, 1, "revision", 0)};
+    state().versionStatus = static_cast<ZOVRELAY_Status>(bits(L, 2, 1));
+    return 0;
+}
+
+// Forgets log, scripts, events and messages, restores the version; live contexts and records stay.
+int reset(lua_State*) {
+    State& s = state();
+    s.log.clear();
+    s.scripts.clear();
+    s.events.clear();
+    s.messages.clear();
+    s.version = ZOV_Version{1, 2, 3, 4};
+    s.versionStatus = 1;
+    s.contextsMade = s.recordsMade = 0;
+    return 0;
+}
+
+int counts(lua_State* L) {
+    lua_createtable(L, 0, 2);
+    lua_pushinteger(L, static_cast<lua_Integer>(state().contexts.size()));
+    lua_setfield(L, -2, "contexts");
+    lua_pushinteger(L, static_cast<lua_Integer>(state().records.size()));
+    lua_setfield(L, -2, "records");
+    return 1;
+}
+
+// calls(): the log, each entry a table with `name` and the call's decoded arguments.
+int calls(lua_State* L) {
+    const size_t n = state().log.size();
+    lua_createtable(L, static_cast<int>(n), 0);
+    for (size_t i = 0; i < n; ++i) {
+        lua_pushfstring(L, "return %s", state().log[i].c_str());
+        if (luaL_loadstring(L, lua_tostring(L, -1)) != LUA_OK) return lua_error(L);
+        lua_call(L, 0, 1);
+        lua_rawseti(L, -3, static_cast<int>(i + 1));
+        lua_pop(L, 1);
+    }
+    return 1;
+}
+
+const luaL_Reg kFunctions[] = {{"reset", reset},     {"script", script}, {"event", event}, {"message", message},
+                               {"version", version}, {"counts", counts}, {"calls", calls}, {nullptr, nullptr}};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int luaopen_fakerelay(lua_State* L) {
+    luaL_newlib(L, kFunctions);
+    return 1;
 }

@@ -6,9 +6,8 @@
 
 #include <stdlib.h>
 
-#include "fake_control.h"
-
 extern "C" int luaopen_update(lua_State* L);
+extern "C" int luaopen_fakerelay(lua_State* L);
 
 namespace {
 
@@ -38,14 +37,13 @@ const char* const kScenarios[] = {
     "local u = ... return function() return u.extract('repo', u.tocomponent('c3t4v1.2.3'), '/out') end",
 };
 
-void scriptRelay() {
-    FakeRelay_Reset();
-    const ZOVRELAY_EntityItem components[3] = {{3, 4, 1, -1, -1, -1, {}}, {22, 2213, -1, -1, -1, -1, {}},
-                                               {2, 1207960066, -1, -1, -1, -1, {}}};
-    const FakeRelay_Product product = {{1, 1, -1, -1, -1, -1, {}}, components, 3, 3};
-    for (const char* call : {"GetInformation", "Duplicate"}) FakeRelay_Script(call, 1, &product, 1, 1);
-    FakeRelay_QueueEvent(1, 1, nullptr, 10, 5);
-}
+// Run with the fake relay's module, before the budget is armed; every operation lists a product
+// with three components and raises a progress event.
+const char kScript[] =
+    "local fake = ... fake.reset() fake.event(1, {total = 10, finished = 5})"
+    " local product = {klass = 1, type = 1, components = {{klass = 3, type = 4, language = 1},"
+    " {klass = 22, type = 2213}, {klass = 2, type = 1207960066}}}"
+    " for _, call in ipairs{'GetInformation', 'Duplicate'} do fake.script(call, 1, {products = {product}}) end";
 
 TEST(Exhaustion, EveryOperationReleasesWhereverMemoryRunsOut) {
     for (const char* scenario : kScenarios) {
@@ -54,17 +52,23 @@ TEST(Exhaustion, EveryOperationReleasesWhereverMemoryRunsOut) {
             Budget budget;
             lua_State* L = lua_newstate(limitedAlloc, &budget);
             luaL_openlibs(L);
+            luaL_requiref(L, "fakerelay", luaopen_fakerelay, 0);
+            ASSERT_EQ(luaL_loadstring(L, kScript), LUA_OK);
+            lua_pushvalue(L, 1);
+            ASSERT_EQ(lua_pcall(L, 1, 0, 0), LUA_OK);
             luaopen_update(L);
             ASSERT_EQ(luaL_loadstring(L, scenario), LUA_OK);
             lua_insert(L, -2);
             ASSERT_EQ(lua_pcall(L, 1, 1, 0), LUA_OK);
-            scriptRelay();
             budget.remaining = limit;
             budget.armed = true;
             succeeded = lua_pcall(L, 0, 0, 0) == LUA_OK;
             budget.armed = false;
-            EXPECT_EQ(FakeRelay_OpenContexts(), 0) << scenario << " limit " << limit;
-            EXPECT_EQ(FakeRelay_OutstandingRecords(), 0) << scenario << " limit " << limit;
+            lua_getfield(L, 1, "counts");
+            ASSERT_EQ(lua_pcall(L, 0, 1, 0), LUA_OK);
+            lua_getfield(L, -1, "contexts");
+            lua_getfield(L, -2, "records");
+            EXPECT_EQ(lua_tointeger(L, -2) + lua_tointeger(L, -1), 0) << scenario << " limit " << limit;
             lua_close(L);
         }
         EXPECT_TRUE(succeeded) << scenario;
