@@ -120,7 +120,7 @@ void pushPath(FuzzedDataProvider& data) {
 ZOVRELAY_EntityItem fuzzEntity(FuzzedDataProvider& data) {
     static const int32_t kFields[] = {-1, -10, 0, 1, 2, 4, 7};
     static const int32_t kKinds[][2] = {{3, 4}, {3, 2048}, {22, 2213}, {22, 2212}, {2, 1207960066}, {2, 7}, {1, 5}};
-    ZOVRELAY_EntityItem entity = FakeRelay_DefaultEntity();
+    ZOVRELAY_EntityItem entity = {0, 0, -1, -1, -1, -1, {0, 0, 0, 0}};
     const int32_t* kind = kKinds[data.ConsumeIntegralInRange<size_t>(0, 6)];
     entity.klass = kind[0];
     entity.type = kind[1];
@@ -139,23 +139,23 @@ void scriptRelay(FuzzedDataProvider& data) {
         if (status == 0) status = 1;
         if (call[0] == 'G' || call[0] == 'D') {
             ZOVRELAY_EntityItem components[4];
-            FakeRelay_CraftedProduct products[3];
+            FakeRelay_Product products[3];
             size_t count = data.ConsumeIntegralInRange<size_t>(0, 3);
             for (size_t p = 0; p < count; ++p) {
                 size_t n = data.ConsumeIntegralInRange<size_t>(0, 4);
                 for (size_t c = 0; c < n; ++c) components[c] = fuzzEntity(data);
                 bool huge = data.ConsumeIntegralInRange(0, 15) == 0;
-                products[p] = {fuzzEntity(data), components, n, huge, huge ? ~0ul / 8 : 0};
+                products[p] = {fuzzEntity(data), components, n, huge ? ~0ul / 8 : n};
             }
-            FakeRelay_ScriptInformation(call, status, products, count);
+            FakeRelay_Script(call, status, products, count, 1);
         } else if (data.ConsumeBool()) {
-            FakeRelay_ScriptStatus(call, status);
+            FakeRelay_Script(call, status, nullptr, 0, 0);
         }
     }
     for (int n = data.ConsumeIntegralInRange(0, 3); n > 0; --n) {
-        uint32_t text[3] = {233, 0xFFFFFFE9, 'a'};
+        const wchar_t text[4] = {233, static_cast<wchar_t>(0xFFFFFFE9), 'a', 0};
         FakeRelay_QueueEvent(data.ConsumeIntegralInRange(-1, 7), data.ConsumeBool(), data.ConsumeBool() ? text : nullptr,
-                             3, data.ConsumeIntegral<uint64_t>(), data.ConsumeIntegral<uint64_t>());
+                             data.ConsumeIntegral<uint64_t>(), data.ConsumeIntegral<uint64_t>());
     }
 }
 
@@ -214,7 +214,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     }
     lua_pcall(L, arguments, LUA_MULTRET, 0);
     lua_settop(L, 0);
-    if (FakeRelay_OpenContexts() != 0 || FakeRelay_OutstandingRecords() != 0) __builtin_trap();
+    if (FakeRelay_Outstanding() != 0) __builtin_trap();
     lua_gc(L, LUA_GCSTEP, 0);
     return 0;
 }
