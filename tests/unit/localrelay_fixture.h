@@ -1,7 +1,7 @@
 // Shared by the local relay's tests: a temporary directory per test, sample sources made
 // in-process, the relay's calls wrapped for C++, and an independent check of a repository.
 // Contexts open the machine-wide semaphore (/dev/shm/sem.zovrelay), which RelayTest leaves as it
-// found it: every test that uses RelayTest takes CTest's lock on it by naming the file in a comment.
+// found it; CTest runs these tests with a /dev/shm of their own (tests/gates/isolated.sh).
 #ifndef TESTS_UNIT_LOCALRELAY_FIXTURE_H
 #define TESTS_UNIT_LOCALRELAY_FIXTURE_H
 
