@@ -9,7 +9,6 @@
 #include <cwchar>
 #include <deque>
 #include <map>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -94,7 +93,7 @@ Script take(const char* name) {
 ZOVRELAY_Status status(const char* name) { return take(name).status; }
 
 std::string arguments(ZOVRELAY_Context* context, const ZOVRELAY_Product* products, size_t productCount,
-                      const ZOVRELAY_Source* sources, size_t sourceCount, ZOVRELAY_Information** information) {
+                      const ZOVRELAY_Source* sources, size_t sourceCount) {
     std::string out = "context=" + std::to_string(number(context)) + ",product_count=" + std::to_string(productCount) +
                       ",source_count=" + std::to_string(sourceCount);
     if (products != nullptr) {
@@ -126,7 +125,6 @@ std::string arguments(ZOVRELAY_Context* context, const ZOVRELAY_Product* product
         }
         out += "}";
     }
-    if (information != nullptr) out += std::string(",out_was_null=") + (*information == nullptr ? "true" : "false");
     return out;
 }
 
@@ -149,7 +147,7 @@ ZOVRELAY_Status operation(const char* name, ZOVRELAY_Context* context, const ZOV
                           size_t productCount, const ZOVRELAY_Source* sources, size_t sourceCount,
                           ZOVRELAY_Information** information) {
     State& s = state();
-    const size_t entry = log(name, arguments(context, products, productCount, sources, sourceCount, information));
+    const size_t entry = log(name, arguments(context, products, productCount, sources, sourceCount));
     const Script script = take(name);
     std::vector<Event> events;
     events.swap(s.events);
@@ -216,7 +214,7 @@ ZOVRELAY_Status ZOVRELAY_Shutdown(void) {
 
 ZOVRELAY_Status ZOVRELAY_GetVersion(ZOV_Version* version) {
     log("GetVersion");
-    const ZOVRELAY_Status result = state().scripts["GetVersion"].empty() ? state().versionStatus : status("GetVersion");
+    const ZOVRELAY_Status result = state().versionStatus;
     if (result > 0 && version != nullptr) *version = state().version;
     return result;
 }

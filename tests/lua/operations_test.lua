@@ -123,14 +123,6 @@ describe("selective mirroring", function()
     fake.script("GetInformation", 1, {products = {{klass = 1, type = 1, componentCount = 2^60}}})
     assert.are.same({nil, -4, "status -4"}, {update.components("repo", {}, nil, nil, "c1t1")})
   end)
-
-  it("check names after options, and release before raising", function()
-    for _, case in ipairs{{true, "expected products"}, {{"c3t4", "c3tx"}, "invalid field"}} do
-      fake.reset()
-      assert.are.same({false, case[2]}, {pcall(update.components, "repo", "c1t1", nil, {ke = true}, case[1])})
-      assert.is_nil(h.calls("GetInformation")[1])
-    end
-  end)
 end)
 
 describe("extract", function()
@@ -155,8 +147,7 @@ describe("extract", function()
   it("checks its arguments from the last to the first, before any context", function()
     h.makeSemaphore()
     local cases = {
-      {{}, "#3 to 'extract' (expected destination directory)"}, {{nil, nil, {}}, "#3 to 'extract' (expected destination directory)"},
-      {{nil, {}, "d"}, "#2 to 'extract' (expected product id string)"},
+      {{nil, nil, {}}, "#3 to 'extract' (expected destination directory)"}, {{nil, {}, "d"}, "#2 to 'extract' (expected product id string)"},
       {{nil, {extract = "x"}, "d"}, "#2 to 'extract' (invalid product class)"},
       {{nil, "c3t4", "d"}, "#1 to 'extract' (expected repository path)"},
     }
