@@ -14,7 +14,7 @@
 
 #include <lua.hpp>
 
-#include "fake_control.h"
+#include "zovrelay.h"
 
 struct ZOVRELAY_Context {
     unsigned long number;
@@ -172,35 +172,6 @@ ZOVRELAY_Status operation(const char* name, ZOVRELAY_Context* context, const ZOV
 }
 
 }  // namespace
-
-FAKERELAY_API void FakeRelay_Reset(void) {
-    State& s = state();
-    s.log.clear();
-    s.scripts.clear();
-    s.events.clear();
-    s.messages.clear();
-    s.version = ZOV_Version{1, 2, 3, 4};
-    s.versionStatus = 1;
-    s.contextsMade = s.recordsMade = 0;
-}
-
-FAKERELAY_API void FakeRelay_Script(const char* call, ZOVRELAY_Status status, const FakeRelay_Product* products,
-                                    size_t count, int hasRecord) {
-    Script script{status, hasRecord != 0, {}, {}};
-    for (size_t i = 0; i < count; ++i) {
-        script.components.emplace_back(products[i].components, products[i].components + products[i].held);
-        script.products.push_back({products[i].entity, script.components.back().data(), products[i].declared});
-    }
-    state().scripts[call].push_back(std::move(script));
-}
-
-FAKERELAY_API void FakeRelay_QueueEvent(int32_t type, int hasMessage, const wchar_t* information, uint64_t total,
-                                        uint64_t finished) {
-    state().events.push_back(Event{type, hasMessage != 0, information != nullptr, information ? information : L"",
-                                   ZOVRELAY_EventMessage{nullptr, total, finished}});
-}
-
-FAKERELAY_API int FakeRelay_Outstanding(void) { return static_cast<int>(state().contexts.size() + state().records.size()); }
 
 ZOVRELAY_Status ZOVRELAY_Startup(void* reserved) {
     log("Startup", std::string("reserved_null=") + (reserved == nullptr ? "true" : "false"));
@@ -374,7 +345,13 @@ int script(lua_State* L) {
     const size_t n = lua_istable(L, 4) ? lua_rawlen(L, 4) : 0;
     lua_settop(L, 4);
     luaL_checkstack(L, static_cast<int>(n) + 8, "too many products");
-    auto* products = static_cast<FakeRelay_Product*>(lua_newuserdata(L, (n + 1) * sizeof(FakeRelay_Product)));
+    struct Product {
+        ZOVRELAY_EntityItem entity;
+        const ZOVRELAY_EntityItem* components;
+        size_t held;
+        unsigned long declared;
+    };
+    auto* products = static_cast<Product*>(lua_newuserdata(L, (n + 1) * sizeof(Product)));
     for (size_t i = 0; i < n; ++i) {
         lua_rawgeti(L, 4, static_cast<int>(i + 1));
         const int product = lua_gettop(L);
@@ -390,7 +367,12 @@ int script(lua_State* L) {
         lua_replace(L, product);  // keeps the components' userdata alive until the script is queued
         lua_pop(L, 1);
     }
-    FakeRelay_Script(name, status, products, n, lua_istable(L, 3));
+    Script script{status, lua_istable(L, 3), {}, {}};
+    for (size_t i = 0; i < n; ++i) {
+        script.components.emplace_back(products[i].components, products[i].components + products[i].held);
+        script.products.push_back({products[i].entity, script.components.back().data(), products[i].declared});
+    }
+    state().scripts[name].push_back(std::move(script));
     return 0;
 }
 
@@ -400,8 +382,9 @@ int event(lua_State* L) {
     const bool hasMessage = lua_istable(L, 2);
     if (hasMessage) lua_getfield(L, 2, "information");
     const wchar_t* information = hasMessage ? wide(L, 3) : nullptr;
-    FakeRelay_QueueEvent(type, hasMessage, information, hasMessage ? field(L, 2, "total", 0) : 0,
-                         hasMessage ? field(L, 2, "finished", 0) : 0);
+    const ZOVRELAY_EventMessage message{nullptr, hasMessage ? field(L, 2, "total", 0) : 0,
+                                        hasMessage ? field(L, 2, "finished", 0) : 0};
+    state().events.push_back(Event{type, hasMessage, information != nullptr, information ? information : L"", message});
     return 0;
 }
 
@@ -424,7 +407,14 @@ int version(lua_State* L) {
 
 // Forgets log, scripts, events and messages, restores the version; live contexts and records stay.
 int reset(lua_State*) {
-    FakeRelay_Reset();
+    State& s = state();
+    s.log.clear();
+    s.scripts.clear();
+    s.events.clear();
+    s.messages.clear();
+    s.version = ZOV_Version{1, 2, 3, 4};
+    s.versionStatus = 1;
+    s.contextsMade = s.recordsMade = 0;
     return 0;
 }
 

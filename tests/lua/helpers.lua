@@ -1,6 +1,5 @@
--- Shared by the busted suites: temporary directories, files, the semaphore file (private to the
--- test: see tests/gates/isolated.sh) and the fake relay's log, loaded only by the functions that
--- read it so that the suites against the local relay can use the rest.
+-- Shared by the busted suites: temporary directories, files, the semaphore file (private to the test)
+-- and the fake relay's log, loaded only where read so that the local relay's suites can use the rest.
 local assert = require "luassert"
 
 local h = {SEMAPHORE = "/dev/shm/sem.zovrelay"}

@@ -11,10 +11,7 @@ extern "C" int luaopen_fakerelay(lua_State* L);
 
 namespace {
 
-struct Budget {
-    bool armed = false;
-    long remaining = 0;
-};
+struct Budget { bool armed = false; long remaining = 0; };
 
 void* limitedAlloc(void* ud, void* block, size_t oldSize, size_t newSize) {
     Budget& budget = *static_cast<Budget*>(ud);
