@@ -1,9 +1,9 @@
 #!/bin/sh
 # Runs the whole suite (the valgrind runs only when the rest passes) against each deliberate fault of
 # faults.txt, one at a time, in a scratch copy of the checked-out tree (the tree itself is never
-# modified), with its own build directory so that each fault costs only an incremental rebuild. Prints one line a fault: caught
-# (with the failing tests), MISSED, stale (the expression no longer changes its file) or
-# build-fails.
+# modified), with its own build directory so that each fault costs only an incremental rebuild.
+# Prints one line a fault: caught (with the failing tests), MISSED, stale (the expression no longer
+# changes its file) or build-fails.
 #   sh tests/faults/run.sh [NAME...]   every fault by default; FAULTS_DIR: the scratch directory
 #                                      (build/faults); FAULTS_REV: a commit whose suite is measured
 set -u
