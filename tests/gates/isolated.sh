@@ -12,16 +12,25 @@
 skip=77
 if [ "${UPDATE_ISOLATED:-}" != 1 ]; then
   if [ "$(id -u)" = 0 ]; then ns=--mount; else ns="--user --map-root-user --mount"; fi
-  if ! why=$(unshare $ns true 2>&1); then
-    echo "isolated.sh: skipped: no private mount namespace can be made here (unshare $ns: $why)"
-    exit $skip
-  fi
-  export UPDATE_ISOLATED=1
-  exec unshare $ns sh "$0" "$@"
+  # In a chroot "/" is no mount point and cannot be made private: the mounts are checked inside.
+  for propagation in private unchanged; do
+    if why=$(unshare $ns --propagation $propagation true 2>&1); then
+      export UPDATE_ISOLATED=1
+      exec unshare $ns --propagation $propagation sh "$0" "$@"
+    fi
+  done
+  echo "isolated.sh: skipped: no private mount namespace can be made here (unshare $ns: $why)"
+  exit $skip
 fi
 
 unset UPDATE_ISOLATED
-if ! why=$({ mount --make-rprivate / && mount -t tmpfs -o mode=1777 tmpfs /dev/shm; } 2>&1); then
+# Nothing mounted here may reach another namespace: where "/" cannot be made private, no mount may
+# be shared with one either.
+if ! mount --make-rprivate / 2>/dev/null && ! { [ -r /proc/self/mountinfo ] && ! grep -q ' shared:' /proc/self/mountinfo; }; then
+  echo "isolated.sh: skipped: the mounts here are shared with other namespaces"
+  exit $skip
+fi
+if ! why=$(mount -t tmpfs -o mode=1777 tmpfs /dev/shm 2>&1); then
   echo "isolated.sh: skipped: no private /dev/shm can be mounted here ($why)"
   exit $skip
 fi
