@@ -1,8 +1,6 @@
-// The fake relay: each of the thirteen calls logs what the module passed, as a Lua table
-// constructor, and answers what the test scripted (1 when nothing is queued). Contexts and records
-// are real allocations, counted, so that every leak shows. The same library is the Lua module
-// `fakerelay` (build/fake/fakerelay.so links to it) through which tests script and read it; its
-// Lua symbols come from the host, as update.so's do.
+// The fake relay: each call logs what the module passed, as a Lua table constructor, and answers
+// what the test scripted (1 when nothing is queued); contexts and records are counted allocations.
+// The library is also the Lua module `fakerelay` (fakerelay.so links to it), with the host's Lua.
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>

@@ -2,8 +2,7 @@ local fake = require "fakerelay"
 local update = require "update"
 local h = require "helpers"
 
--- Mirrors while the fake raises events ({type, message}); handlers answer as given. Returns the
--- event tables the handlers saw and the answers the relay got.
+-- Mirrors while the fake raises events ({type, message}): the event tables seen, the answers given.
 local function raise(events, answers, options)
   fake.reset()
   for _, e in ipairs(events) do fake.event(e[1], e[2]) end

@@ -65,10 +65,34 @@ describe("options", function()
 end)
 
 describe("the clean-up after a mirror", function()
-  it("never changes the results, even when it raises", function()
-    local repo = h.tempdir()
+  local repo
+  before_each(function()
+    repo = h.tempdir()
     h.write(repo .. "/server.ini", "old")
     fake.reset()
+  end)
+  after_each(function() h.rmtree(repo) end)
+
+  it("is skipped when ke is true, whichever of ke and removeke the options meet first", function()
+    -- Traversal order follows each run's hash seed: tables of random shapes and insertion orders
+    -- are tried, and one of each order met is run.
+    local extras = {buildpatch = true, maxmerge = 1, keepcount = 1, diffcount = 1, httpslevel = 0, maxbandwidth = 0,
+                    download = print, progress = print, removebegin = print, downloadbegin = print, unknown = print}
+    local met = {}
+    for attempt = 1, 500 do
+      local options = attempt % 2 == 0 and {ke = true, removeke = print} or {removeke = print, ke = true}
+      for key, value in pairs(extras) do if math.random(2) == 1 then options[key] = value end end
+      local first
+      for key in pairs(options) do first = first or (key == "ke" or key == "removeke") and key end
+      if not met[first] then
+        met[first] = true
+        update.everything(repo, "c1t1", "src", options)
+        assert.are.equal("old", h.read(repo .. "/server.ini"))
+      end
+    end
+  end)
+
+  it("never changes the results, even when it raises", function()
     fake.script("Duplicate", 4, {products = {{klass = 1, type = 1}}})
     local globals = package.loaded._G  -- the host's globals, not this file's environment
     local savedIo = globals.io
@@ -77,6 +101,5 @@ describe("the clean-up after a mirror", function()
     globals.io = savedIo
     assert.are.same({"table", 4, "status 4", "old"}, {type(a), status, message, h.read(repo .. "/server.ini")})
     h.assertReleased()
-    h.rmtree(repo)
   end)
 end)

@@ -1,7 +1,6 @@
--- Every function with generated argument lists, run inside a fresh temporary directory (the
--- working directory) with relative paths only. Each call must return its documented values or
--- raise a Lua error with a string message, and leave no relay context or record behind; the
--- semaphore file /dev/shm/sem.zovrelay must be removed exactly when a context was asked for.
+-- Every function with generated arguments, relative paths only, in a fresh working directory: each
+-- call returns its documented values or raises a string, leaves no context or record behind, and
+-- removes the semaphore file /dev/shm/sem.zovrelay exactly when it asked for a context.
 local fake = require "fakerelay"
 local update = require "update"
 local h = require "helpers"
