@@ -405,14 +405,10 @@ int version(lua_State* L) {
 
 // Forgets log, scripts, events and messages, restores the version; live contexts and records stay.
 int reset(lua_State*) {
-    State& s = state();
-    s.log.clear();
-    s.scripts.clear();
-    s.events.clear();
-    s.messages.clear();
-    s.version = ZOV_Version{1, 2, 3, 4};
-    s.versionStatus = 1;
-    s.contextsMade = s.recordsMade = 0;
+    State fresh;
+    fresh.contexts.swap(state().contexts);
+    fresh.records.swap(state().records);
+    state() = std::move(fresh);
     return 0;
 }
 

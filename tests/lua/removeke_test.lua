@@ -46,11 +46,7 @@ describe("removeke", function()
     h.write(package("old.zip.zip"), "x")
     assert.are.same({nil, repo .. " is not a repository"}, {update.removeke(repo)})
     assert.is_true(h.exists(package("old.zip.zip")))
-    local cases = {
-      {{nil}, "#1 to 'removeke' (expected repository path)"}, {{repo, false}, "#2 to 'removeke' (expected function)"},
-      {{repo, "f"}, "#2 to 'removeke' (expected function)"},
-    }
-    for _, case in ipairs(cases) do
+    for _, case in ipairs{{{nil}, "#1 to 'removeke' (expected repository path)"}, {{repo, false}, "#2 to 'removeke' (expected function)"}} do
       local ok, message = pcall(function() local r = update.removeke(case[1][1], case[1][2]); return r end)
       assert.are.same({false, "bad argument " .. case[2]}, {ok, (message:gsub("^.-:%d+: ", ""))})
     end

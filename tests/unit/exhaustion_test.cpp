@@ -34,8 +34,7 @@ const char* const kScenarios[] = {
     "local u = ... return function() return u.extract('repo', u.tocomponent('c3t4v1.2.3'), '/out') end",
 };
 
-// Run with the fake relay's module, before the budget is armed; every operation lists a product
-// with three components and raises a progress event.
+// Before the budget is armed: every operation lists a product of three components, with an event.
 const char kScript[] =
     "local fake = ... fake.reset() fake.event(1, {total = 10, finished = 5})"
     " local product = {klass = 1, type = 1, components = {{klass = 3, type = 4, language = 1},"
