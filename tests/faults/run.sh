@@ -38,6 +38,7 @@ if ! suite "$scratch/pristine.log"; then
   echo "the suite fails without any fault:"; failed "$scratch/pristine.log"; echo
   exit 1
 fi
+cp "$top/tests/faults/faults.txt" "$scratch/faults.txt"  # read as it was when the run began
 caught=0
 missed=0
 while read -r name file expression; do
@@ -59,5 +60,5 @@ while read -r name file expression; do
     2) echo "$name: build-fails (see $log)" ;;
   esac
   cp "$scratch/original" "$src/$file"  # a new time stamp, so the next build drops the fault
-done <"$top/tests/faults/faults.txt"
+done <"$scratch/faults.txt"
 echo "$caught caught, $missed missed"
