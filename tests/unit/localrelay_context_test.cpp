@@ -22,7 +22,7 @@ TEST(LocalRelayStatus, MessagesAndTheirBound) {
         {1, L"success"}, {-1, L"invalid argument"}, {-2, L"relay library not started"}, {-3, L"repository not accessible"},
         {-4, L"out of memory"}, {-5, L"no source reachable"}, {-6, L"not found"}, {-7, L"integrity check failed"},
         {-8, L"cancelled"}, {-9, L"repository is busy"}, {-10, L"i/o error"}, {-11, L"invalid catalog"},
-        {0, L"unknown status 0"}, {-12, L"unknown status -12"}, {INT32_MIN, L"unknown status -2147483648"},
+        {-12, L"source answered an HTTP error"}, {0, L"unknown status 0"}, {-20, L"unknown status -20"}, {INT32_MIN, L"unknown status -2147483648"},
     };
     for (const auto& c : cases) {
         wchar_t buffer[80];
