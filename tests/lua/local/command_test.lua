@@ -130,7 +130,7 @@ suite("update-mirror", function()
     local repository = e.quote(work .. "/busy")
     local cases = {  -- arguments, prefix, exit status, the line on standard error
       {"--repository /dev/null/x --source " .. url, nil, 4, "repository not accessible %(status %-3%)"},
-      {"--repository " .. repository .. " --source " .. url, "mkdir -p " .. repository .. " && flock " .. repository,
+      {"--repository " .. repository .. " --source " .. url, "mkdir -p " .. repository .. " && flock " .. repository .. "/.lock",
        4, "repository is busy %(status %-9%)"},
       {"--repository " .. repository .. " --source " .. e.quote(work .. "/nowhere"), nil, 3, "no source reachable"},
       {"--repository " .. repository .. " --frobnicate", nil, 2, "unknown option %-%-frobnicate"},
