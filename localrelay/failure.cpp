@@ -130,6 +130,9 @@ std::string Describe(const std::string& reason, const std::string& object, size_
     if (object.empty()) return ShortenMiddle(shortReason, width);
     // "HTTP 404 for pattern/x.zip" reads as a sentence; other reasons name their object after ": ".
     const std::string joiner = shortReason.compare(0, 5, "HTTP ") == 0 ? " for " : ": ";
+    const std::string line = OneLine(object);
+    if (shortReason.size() + joiner.size() + line.size() <= width) return shortReason + joiner + line;
+    // Too long: the object keeps at least this much, and the reason gives up its details first.
     constexpr size_t kObjectAtLeast = 24;
     if (shortReason.size() + joiner.size() + kObjectAtLeast > width) {
         const size_t open = shortReason.find(" (");
@@ -138,7 +141,7 @@ std::string Describe(const std::string& reason, const std::string& object, size_
     if (shortReason.size() + joiner.size() + kObjectAtLeast > width)
         shortReason = ShortenMiddle(shortReason, width - joiner.size() - kObjectAtLeast);
     const size_t room = width - shortReason.size() - joiner.size();
-    return shortReason + joiner + ShortenMiddle(OneLine(object), room);
+    return shortReason + joiner + ShortenMiddle(line, room);
 }
 
 ZOVRELAY_Status Fail(ZOVRELAY_Status status, const std::string& reason, const std::string& object) noexcept {

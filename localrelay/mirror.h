@@ -3,6 +3,7 @@
 #ifndef LOCALRELAY_MIRROR_H
 #define LOCALRELAY_MIRROR_H
 
+#include "context.h"
 #include "events.h"
 #include "options.h"
 #include "records.h"
@@ -14,13 +15,16 @@
 
 namespace localrelay {
 
-// `repository` is the context's absolute path. On success `result` holds each selected product
-// with the requested components it now holds. A product carrying components mirrors exactly
-// those; one without mirrors all its components at their newest catalog version. Each package
-// planned, downloaded or failed goes into `log`; each failed one is also reported by an event.
-ZOVRELAY_Status Mirror(const std::string& repository, const Options& options, const Events& events,
+// Works through the repository's descriptors, under its lock. On success `result` holds each
+// selected product with the requested components it now holds. A product carrying components
+// mirrors exactly those; one without mirrors all its components at their newest catalog version.
+// `log`, when given, gets each package planned, downloaded, healed or failed; each failed one is
+// also reported by an event.
+// `leaving` gets the per-version archives beyond keepcount: the caller removes them once the
+// index no longer names them.
+ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result, RunLog& log);
+                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log = nullptr);
 
 }  // namespace localrelay
 

@@ -1,5 +1,6 @@
 #include "sources.h"
 #include "failure.h"
+#include "repository.h"
 #include "status.h"
 #include "wide.h"
 
@@ -47,28 +48,47 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
             settings.type = proxy->type;
             settings.port = proxy->port;
         }
-        std::string text, error;
-        const std::string address = JoinAddress(candidate.address, "server.ini");
-        const ZOVRELAY_Status status = FetchText(address, candidate.settings, text, 64u << 20, &error);
-        if (status == kOutOfMemory) return status;
-        if (status <= 0) {
-            refused(candidate.address, address, status, error);
-            continue;
+        // A source that is not a repository of ours has no source.ini: what its server.ini
+        // answered is the reason, unless either catalog was malformed.
+        Failure refusal{kNoSourceReachable, ""};
+        std::string refusedAt;
+        const auto note = [&](const std::string& address, ZOVRELAY_Status status, const std::string& reason) {
+            if (refusal.status == kInvalidCatalog && status != kInvalidCatalog) return;
+            refusal = Failure{status, reason};
+            refusedAt = address;
+        };
+        for (const char* name : {kSourceCatalogName, kIndexName}) {
+            std::string text, error;
+            const std::string address = JoinAddress(candidate.address, name);
+            const ZOVRELAY_Status status = FetchText(address, candidate.settings, text, 64u << 20, &error);
+            if (status == kOutOfMemory) return status;
+            if (status <= 0) {
+                note(address, status, error);
+                continue;
+            }
+            std::optional<Catalog> catalog = ParseCatalog(text, &error);
+            if (!catalog) {
+                note(address, kInvalidCatalog, "invalid catalog (" + error + ")");
+                continue;
+            }
+            if (log != nullptr) {
+                log->sourcesTried.push_back(SourceAttempt{candidate.address, kSuccess, ""});
+                log->servedBy = candidate.address;
+            }
+            candidate.catalog = std::move(*catalog);
+            candidate.catalogName = name;
+            loaded = std::move(candidate);
+            return kSuccess;
         }
-        std::optional<Catalog> catalog = ParseCatalog(text, &error);
-        if (!catalog) {
-            refused(candidate.address, address, kInvalidCatalog, "invalid catalog (" + error + ")");
-            continue;
-        }
-        if (log != nullptr) {
-            log->sourcesTried.push_back(SourceAttempt{candidate.address, kSuccess, ""});
-            log->servedBy = candidate.address;
-        }
-        candidate.catalog = std::move(*catalog);
-        loaded = std::move(candidate);
-        return kSuccess;
+        refused(candidate.address, refusedAt, refusal.status, refusal.reason);
     }
     return Fail(failure.status, failure.reason, failed);
+}
+
+std::optional<Catalog> ReloadCatalog(const LoadedSource& source) {
+    std::string text;
+    if (FetchText(JoinAddress(source.address, source.catalogName), source.settings, text) <= 0) return std::nullopt;
+    return ParseCatalog(text);
 }
 
 }  // namespace localrelay

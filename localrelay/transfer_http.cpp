@@ -88,6 +88,7 @@ struct Transfer {
     Pacer pacer;
     std::vector<char> batch;  // its capacity is fixed at the start
     bool statusChecked = false;
+    bool partial = false;    // a byte range was asked for: only 206 brings it
     long refusedStatus = 0;  // a final response that is not 2xx
     bool sinkStopped = false;
     std::exception_ptr failure;  // thrown by the sink; must not unwind through libcurl's C frames
@@ -102,7 +103,8 @@ size_t Receive(char* data, size_t, size_t size, void* user) noexcept {
         // location, say): its body must not reach the sink as if it were the file.
         long code = 0;
         curl_easy_getinfo(transfer.curl, CURLINFO_RESPONSE_CODE, &code);
-        if (!IsSuccess(code)) {
+        // A range asked for must come as one: a whole file from a server ignoring Range is refused.
+        if (!IsSuccess(code) || (transfer.partial && code != 206)) {
             transfer.refusedStatus = code;
             return 0;
         }
@@ -222,6 +224,10 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
     CURL* curl = handle.get();
 
     Transfer transfer(curl, sink, settings.maxBandwidth);
+    const std::string range = settings.length > 0 ? std::to_string(settings.offset) + "-" +
+                                                        std::to_string(settings.offset + settings.length - 1)
+                                                  : std::string();
+    transfer.partial = !range.empty();
     char curlError[CURL_ERROR_SIZE] = "";
     Options options(curl);
     options.Set(CURLOPT_URL, url.c_str());
@@ -239,6 +245,7 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
     options.Set(CURLOPT_LOW_SPEED_TIME, kStallSeconds);
     options.Set(CURLOPT_USERAGENT, "zovrelay-local/1.0");
     SetCertificateCheck(options, settings.httpsLevel);
+    if (!range.empty()) options.Set(CURLOPT_RANGE, range.c_str());
     if (settings.maxBandwidth > 0) {
         constexpr int64_t kMaxKiB = std::numeric_limits<curl_off_t>::max() / 1024;
         const int64_t kib = settings.maxBandwidth < kMaxKiB ? settings.maxBandwidth : kMaxKiB;

@@ -54,7 +54,7 @@ TEST(LocalRelayFailure, OnlyTheThreadsLastFailureCarriesItsDetail) {
     ASSERT_EQ(ZOVRELAY_Startup(nullptr), kSuccess);
     ZOVRELAY_Context* context = nullptr;
     ASSERT_EQ(ZOVRELAY_CreateContext(&context, L"/proc/version/repository"), kRepositoryNotAccessible);
-    const std::wstring detailed = L"not accessible (not a directory): /proc/version/repository";
+    const std::wstring detailed = L"repository not accessible: /proc/version/repository";
     EXPECT_EQ(Message(kRepositoryNotAccessible), detailed);
     EXPECT_EQ(Message(kNoSpace), L"no space left on device");  // another status: the table's text
     std::wstring elsewhere;
