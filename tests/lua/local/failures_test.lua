@@ -99,8 +99,7 @@ describe("a failure", function()
     local closed = "http://127.0.0.1:" .. ports[6]
     local cases = {  -- products, source, options, status, message pattern, the failed packages' information
       {{}, http, {}, -12, "^HTTP 404 for pattern/c3t110l2p%-1r%-1o%-1%-1%.400%.1%.0%.zip$",
-       {"pattern/c3t110l2p-1r-1o-1-1.400.1.0.zip: HTTP 404",
-        "pattern/c3t210l2p-1r-1o-1-1.400.1.0.zip: 7 bytes, the catalog says 5120"}},
+       {"^pattern/c3t110l2p%-1r%-1o%-1%-1%.400%.1%.0%.zip: HTTP 404$", "^pattern/c3t210l2p%-1r%-1o%-1%-1%.400%.1%.0%.zip: "}},
       {{}, "http://nonexistent.invalid/", {}, -13, "^host name not resolved: http://nonexistent.invalid/server.ini$"},
       {{}, closed, {}, -14, "^cannot connect: " .. closed:gsub("%p", "%%%0") .. "/server.ini$"},
       {{}, https, {httpslevel = 2}, -15, "^certificate refused: https://127.0.0.1:%d+/server.ini$"},
@@ -118,7 +117,9 @@ describe("a failure", function()
       local _, status, message = update.patterns(path, case[1], case[2], case[3])
       assert.are.equal(case[4], status, "case " .. i .. ": " .. message)
       assert.truthy(message:match(case[5]), "case " .. i .. ": " .. message)
-      assert.are.same(case[6] or {}, failed, "case " .. i)
+      assert.are.equal(#(case[6] or {}), #failed, "case " .. i)
+      table.sort(failed)
+      for k, pattern in ipairs(case[6] or {}) do assert.matches(pattern, failed[k], "case " .. i) end
       local report = cjson.decode(e.read(path .. "/report.json"))
       conforms(report, SHAPE, "report")
       assert.are.same({status, message}, {report.status, report.message}, "case " .. i)
