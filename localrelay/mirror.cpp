@@ -1,10 +1,14 @@
 #include "mirror.h"
+#include "downloader.h"
 #include "files.h"
 #include "listing.h"
 #include "package.h"
 #include "repository.h"
 #include "status.h"
 
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -68,7 +72,8 @@ ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* product
 
 // Failures of one package leave the rest of the run going; these stop it at once.
 bool StopsTheRun(ZOVRELAY_Status status) {
-    return status == kCancelled || status == kIoError || status == kOutOfMemory || status == kRepositoryNotAccessible;
+    return status == kCancelled || status == kIoError || status == kOutOfMemory || status == kRepositoryNotAccessible ||
+           status == kNoSpace;
 }
 
 void SortNewestFirst(std::vector<HeldVersion>& versions) {
@@ -81,6 +86,9 @@ public:
     Mirrorer(const std::string& repository, const Options& options, const Events& events, const LoadedSource& source)
         : repository_(repository), packages_(repository + "/packages"), options_(options), events_(events),
           source_(source) {}
+    ~Mirrorer() {
+        if (directory_ >= 0) ::close(directory_);
+    }
 
     ZOVRELAY_Status Run(const Plan& plan);
     const std::map<Identity, Manifest>& held() const { return final_; }
@@ -103,9 +111,11 @@ private:
     }
     bool Blacklisted(const Component& component) const { return IsBlacklisted(options_, component.path); }
     void Decide(Group& group) const;
+    ZOVRELAY_Status Download(const std::vector<Group>& groups);
+    ZOVRELAY_Status CheckSpace(const std::vector<Group>& groups) const;
     ZOVRELAY_Status Store(const Group& group);
     ZOVRELAY_Status KeepVersionArchives(const Group& group, const Manifest& manifest,
-                                        std::map<Version, std::unique_ptr<PackageSink>>& parts);
+                                        std::map<Version, std::unique_ptr<TemporaryFile>>& parts);
 
     std::string repository_, packages_;
     const Options& options_;
@@ -113,6 +123,9 @@ private:
     const LoadedSource& source_;
     std::map<Identity, Manifest> final_;
     ZOVRELAY_Status failure_ = kSuccess;
+    int directory_ = -1;  // packages/
+    std::vector<localrelay::Download> downloads_;
+    std::map<const Component*, const localrelay::Download*> downloaded_;  // verified parts
 };
 
 // What to download: the wanted versions that will be among the newest kept and that the merged
@@ -147,25 +160,14 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
     if (previous != nullptr) manifest = previous->manifest();
     manifest.identity = identity;
 
-    // Downloads go to hidden temporaries, checked before anything else sees them.
-    std::map<Version, std::unique_ptr<PackageSink>> parts;
+    // The verified downloads, in hidden part files that go unless kept.
+    std::map<Version, std::unique_ptr<TemporaryFile>> parts;
     std::map<Version, std::string> files;
     for (const Component* component : group.downloads) {
-        if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADBEGIN, component->path, component->size, 0)) return kCancelled;
-        auto sink = std::make_unique<PackageSink>(Packages(PartName(identity, component->version)), component->size,
-                                                  events_, component->path);
-        ZOVRELAY_Status status = sink->Open();
-        if (status > 0) status = Fetch(JoinAddress(source_.address, component->path), source_.settings, *sink);
-        if (status > 0) status = sink->Finish(component->sha256);
-        if (status <= 0) {
-            if (StopsTheRun(status)) return status;
-            Note(status);
-            continue;
-        }
-        if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADEND, component->path, component->size, component->size))
-            return kCancelled;
-        files[component->version] = sink->path();
-        parts[component->version] = std::move(sink);
+        const auto done = downloaded_.find(component);
+        if (done == downloaded_.end()) continue;
+        files[component->version] = Packages(done->second->part);
+        parts[component->version] = std::make_unique<TemporaryFile>(Packages(done->second->part));
     }
 
     Manifest next = manifest;
@@ -223,7 +225,7 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
 }
 
 ZOVRELAY_Status Mirrorer::KeepVersionArchives(const Group& group, const Manifest& manifest,
-                                              std::map<Version, std::unique_ptr<PackageSink>>& parts) {
+                                              std::map<Version, std::unique_ptr<TemporaryFile>>& parts) {
     if (options_.buildPatch != 0) {
         std::unique_ptr<MergedArchive> merged;
         for (const Wanted* wanted : group.wanted) {
@@ -266,11 +268,66 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
         for (const Component* component : group.downloads) planned += component->size;
     }
     if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOAD, source_.address, planned, 0)) return kCancelled;
-    for (const Group& group : groups) {
-        const ZOVRELAY_Status status = Store(group);
-        if (status <= 0) return status;
-    }
+    ZOVRELAY_Status status = Download(groups);
+    if (status <= 0) return status;
+    // Parts of packages this run still wants stay for the next run to continue; others go.
+    RemoveUnplannedParts(directory_, downloads_);
     return failure_;
+}
+
+// Every package the plan lacks, from one queue. A component's merged archive is written as soon
+// as its last download ended, so that a run cut short keeps every component it completed.
+ZOVRELAY_Status Mirrorer::Download(const std::vector<Group>& groups) {
+    directory_ = ::open(packages_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (directory_ < 0) return kRepositoryNotAccessible;
+    std::vector<const Component*> components;
+    std::vector<size_t> groupOf, pending(groups.size());
+    for (const Group& group : groups) {
+        pending[size_t(&group - groups.data())] = group.downloads.size();
+        for (const Component* component : group.downloads) {
+            localrelay::Download d;
+            d.information = component->path;
+            d.address = JoinAddress(source_.address, component->path);
+            d.settings = &source_.settings;
+            d.offset = component->offset;
+            d.size = component->size;
+            d.sha256 = component->sha256;
+            d.part = PartName(group.identity, component->version);
+            downloads_.push_back(std::move(d));
+            components.push_back(component);
+            groupOf.push_back(size_t(&group - groups.data()));
+        }
+    }
+    ZOVRELAY_Status status = CheckSpace(groups);
+    if (status <= 0) return status;
+    for (const Group& group : groups) {
+        if (!group.downloads.empty()) continue;
+        if ((status = Store(group)) <= 0) return status;
+    }
+    return DownloadAll(downloads_, directory_, options_.maxBandwidth, events_, [&](localrelay::Download& d) {
+        const size_t i = size_t(&d - downloads_.data());
+        if (d.status > 0) downloaded_[components[i]] = &d;
+        else Note(d.status);
+        return --pending[groupOf[i]] == 0 ? Store(groups[groupOf[i]]) : kSuccess;
+    });
+}
+
+// Fails early, before a byte is fetched, when the repository's file system cannot hold what the
+// plan needs: the packages still to fetch, and each touched merged archive written anew beside
+// the old one.
+ZOVRELAY_Status Mirrorer::CheckSpace(const std::vector<Group>& groups) const {
+    uint64_t needed = 0;
+    for (const localrelay::Download& d : downloads_) needed += 2 * d.size - ResumableBytes(directory_, d);
+    for (const Group& group : groups) {
+        struct stat info {};
+        if (!group.downloads.empty() &&
+            ::fstatat(directory_, MergedArchiveName(group.identity).c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+            needed += uint64_t(info.st_size);
+    }
+    struct statvfs space {};
+    if (::fstatvfs(directory_, &space) != 0) return kSuccess;  // unknown: the writes will tell
+    const uint64_t available = uint64_t(space.f_bavail) * uint64_t(space.f_frsize);
+    return needed <= available ? kSuccess : kNoSpace;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 // context's repository. Arguments are checked here; the work lives in listing, mirror and
 // repository.
 #include "context.h"
+#include "http.h"
 #include "files.h"
 #include "library.h"
 #include "listing.h"
@@ -137,8 +138,9 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
         // full mirror.
         ZOVRELAY_Status status = kSuccess;
         if (productCount > 0) {
+            Pool pool;  // the catalog's connection serves the packages too
             LoadedSource source;
-            status = LoadSource(sources, sourceCount, operation.options(), source);
+            status = LoadSource(sources, sourceCount, operation.options(), source, &pool);
             if (status > 0)
                 status = Mirror(operation.repository(), operation.options(), operation.events(), source, products,
                                 productCount, result);

@@ -1,4 +1,5 @@
 #include "repository.h"
+#include "downloader.h"
 #include "files.h"
 #include "package.h"
 #include "status.h"
@@ -53,7 +54,9 @@ void RemoveStaleTemporaries(int repositoryDirectory) {
     ForEachEntry(listing >= 0 ? ::fdopendir(listing) : nullptr, [&](std::string_view name) {
         const std::string file(name);
         struct stat info {};
-        if (IsTemporaryName(name) && ::fstatat(packages, file.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+        // A part with its resume record is kept: the next mirror continues it, and removes it
+        // when it no longer wants it.
+        if (IsTemporaryName(name) && !IsResumablePart(packages, file) && ::fstatat(packages, file.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
             S_ISREG(info.st_mode))
             ::unlinkat(packages, file.c_str(), 0);
     });

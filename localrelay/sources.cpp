@@ -19,7 +19,7 @@ bool Narrow(const wchar_t* text, std::string& bytes) {
 }  // namespace
 
 ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options,
-                           LoadedSource& loaded) {
+                           LoadedSource& loaded, Pool* pool) {
     ZOVRELAY_Status failure = kNoSourceReachable;
     for (size_t i = 0; i < count; ++i) {
         const ZOVRELAY_Source& source = sources[i];
@@ -27,6 +27,7 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
         LoadedSource candidate;
         candidate.settings.maxBandwidth = options.maxBandwidth;
         candidate.settings.httpsLevel = options.httpsLevel;
+        candidate.settings.pool = pool;
         if (!Narrow(source.url, candidate.address)) return kInvalidArgument;
         if (const ZOVRELAY_Proxy* proxy = source.proxy) {
             ProxySettings& settings = candidate.settings.proxy;

@@ -19,7 +19,9 @@ struct LoadedSource {
 // Sources with a null address are skipped. kInvalidArgument for a string that names no
 // characters; otherwise, when no catalog loads, kInvalidCatalog if some source answered with a
 // malformed one, else kNoSourceReachable.
-ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options, LoadedSource& loaded);
+// Transfers go through `pool` when given.
+ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options, LoadedSource& loaded,
+                           Pool* pool = nullptr);
 
 }  // namespace localrelay
 
