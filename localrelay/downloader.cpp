@@ -223,6 +223,9 @@ private:
     CURLM* multi_ = nullptr;
     std::vector<std::unique_ptr<Job>> jobs_;
     std::map<std::string, size_t> busy_;  // transfers running per host
+    // Set by a callback that stops the run, so that the other transfers of the same
+    // curl_multi_perform call raise nothing more.
+    ZOVRELAY_Status stopped_ = kSuccess;
 };
 
 Engine::~Engine() {
@@ -480,13 +483,14 @@ size_t Engine::OnBody(char* data, size_t, size_t size, void* user) noexcept {
     try {
         return job.engine->Body(job, data, size);
     } catch (...) {  // nothing may unwind through libcurl
-        job.stop = kOutOfMemory;
+        job.engine->stopped_ = job.stop = kOutOfMemory;
         return 0;
     }
 }
 
 size_t Engine::Body(Job& job, const char* data, size_t size) {
     Download& d = *job.d;
+    if (stopped_ <= 0) return 0;
     if (!job.checked) {
         long code = 0;
         curl_easy_getinfo(job.easy, CURLINFO_RESPONSE_CODE, &code);
@@ -543,13 +547,14 @@ size_t Engine::Body(Job& job, const char* data, size_t size) {
         }
     }
     if (!WriteAll(job.fd, data, size, job.have)) {
-        job.stop = WriteFailure(), job.stopReason = d.part + ": " + std::strerror(errno);
+        stopped_ = job.stop = WriteFailure();
+        job.stopReason = d.part + ": " + std::strerror(errno);
         return 0;
     }
     job.digest->Update(data, size);
     job.have += size;
     if (!Progress(job, false)) {
-        job.stop = kCancelled;
+        stopped_ = job.stop = kCancelled;
         return 0;
     }
     return job.complete ? 0 : size;
@@ -576,6 +581,7 @@ ZOVRELAY_Status Engine::Done(Job& job, CURLcode result) {
 
     if (job.stop == kCancelled || job.stop == kOutOfMemory || job.stop == kIoError || job.stop == kNoSpace)
         return job.stop;
+    if (stopped_ <= 0) return stopped_;  // another transfer of the same round stopped the run
     if (job.stop == kIntegrityFailed) return Finish(job, kIntegrityFailed, job.stopReason, false);
     if (job.stop == kConnectionFailed) return Finish(job, kConnectionFailed, job.stopReason, true);
     if (result == CURLE_OUT_OF_MEMORY) return kOutOfMemory;
@@ -664,7 +670,9 @@ ZOVRELAY_Status Engine::Run(std::vector<Download>& downloads) {
             const ZOVRELAY_Status status = Done(*static_cast<Job*>(job), message->data.result);
             if (status <= 0) return status;
         }
-        if (running == 0 && !waiting) return kSuccess;
+        if (running == 0 && !waiting &&
+            std::none_of(jobs_.begin(), jobs_.end(), [](const auto& job) { return job->attempts <= kAttempts; }))
+            return kSuccess;
         // Transfers the budget paused go on once it refilled.
         if (budget_.limited()) {
             const Clock::duration wait = budget_.Wait();

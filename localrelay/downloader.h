@@ -25,7 +25,7 @@ struct Download {
     std::string part;  // the part file's name in the packages directory
 
     // How it went. On success the part file holds exactly the verified package.
-    ZOVRELAY_Status status = kSuccess;
+    ZOVRELAY_Status status = kNoSourceReachable;  // until it was fetched and verified
     std::string reason;     // one line, empty on success
     uint64_t received = 0;  // bytes received from the source in this run
     uint64_t resumed = 0;   // bytes a previous run had kept, which were not fetched again
