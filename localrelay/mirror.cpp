@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <memory>
+#include <set>
 
 namespace localrelay {
 namespace {
@@ -26,23 +27,27 @@ struct Wanted {
 struct Plan {
     std::vector<Wanted> wanted;                         // in the order first named
     std::map<size_t, std::vector<size_t>> perProduct;  // catalog product index -> indexes into wanted
+    // Lookups that keep planning linear in the catalog's size (give or take a logarithm).
+    std::map<const Component*, size_t> position;  // index into wanted
+    std::set<std::pair<size_t, size_t>> listed;   // (product index, wanted index) in perProduct
 };
 
 void AddWanted(Plan& plan, const Catalog& catalog, const Product& product, const Component* component) {
-    size_t index = 0;
-    while (index < plan.wanted.size() && plan.wanted[index].component != component) ++index;
-    if (index == plan.wanted.size()) plan.wanted.push_back(Wanted{component, {}});
+    const auto [at, added] = plan.position.emplace(component, plan.wanted.size());
+    const size_t index = at->second;
+    if (added) plan.wanted.push_back(Wanted{component, {}});
     std::vector<ProductRef>& products = plan.wanted[index].products;
     if (std::none_of(products.begin(), products.end(), [&](const ProductRef& p) {
             return p.identity == product.identity && p.version == product.version;
         }))
         products.push_back(ProductRef{product.identity, product.version});
-    std::vector<size_t>& list = plan.perProduct[size_t(&product - catalog.products.data())];
-    if (std::find(list.begin(), list.end(), index) == list.end()) list.push_back(index);
+    const size_t productIndex = size_t(&product - catalog.products.data());
+    if (plan.listed.emplace(productIndex, index).second) plan.perProduct[productIndex].push_back(index);
 }
 
 // Fails (kNotFound) before anything is downloaded when any part of the request names nothing.
 ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* products, size_t count, Plan& plan) {
+    const ComponentIndex index = IndexComponents(catalog);
     for (size_t r = 0; r < count; ++r) {
         std::vector<const Product*> matched;
         const ZOVRELAY_Status status = SelectProducts(catalog, &products[r], 1, matched);
@@ -50,16 +55,17 @@ ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* product
         if (products[r].componentCount == 0) {
             for (const Product* product : matched)
                 for (const Identity& identity : product->components)
-                    AddWanted(plan, catalog, *product, FindComponent(catalog, identity, Version{}));
+                    AddWanted(plan, catalog, *product, FindComponent(index, identity, Version{}));
             continue;
         }
+        std::vector<std::set<Identity>> contents;  // of each matched product
+        for (const Product* product : matched) contents.emplace_back(product->components.begin(), product->components.end());
         for (size_t c = 0; c < products[r].componentCount; ++c) {
             const ZOVRELAY_EntityItem& requested = products[r].components[c];
             bool found = false;
             for (const Product* product : matched) {
-                const std::vector<Identity>& list = product->components;
-                if (std::find(list.begin(), list.end(), IdentityOf(requested)) == list.end()) continue;
-                const Component* component = FindComponent(catalog, IdentityOf(requested), VersionOf(requested));
+                if (contents[size_t(&product - matched.data())].count(IdentityOf(requested)) == 0) continue;
+                const Component* component = FindComponent(index, IdentityOf(requested), VersionOf(requested));
                 if (component == nullptr) continue;
                 AddWanted(plan, catalog, *product, component);
                 found = true;
@@ -256,11 +262,12 @@ ZOVRELAY_Status Mirrorer::KeepVersionArchives(const Group& group, const Manifest
 
 ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
     std::vector<Group> groups;
+    std::map<Identity, size_t> groupOf;
     for (const Wanted& wanted : plan.wanted) {
         const Identity& identity = wanted.component->identity;
-        auto group = std::find_if(groups.begin(), groups.end(), [&](const Group& g) { return g.identity == identity; });
-        if (group == groups.end()) group = groups.insert(groups.end(), Group{identity, {}, {}});
-        group->wanted.push_back(&wanted);
+        const auto [at, added] = groupOf.emplace(identity, groups.size());
+        if (added) groups.push_back(Group{identity, {}, {}});
+        groups[at->second].wanted.push_back(&wanted);
     }
     uint64_t planned = 0;
     for (Group& group : groups) {
