@@ -63,8 +63,9 @@ ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* product
         for (size_t c = 0; c < products[r].componentCount; ++c) {
             const ZOVRELAY_EntityItem& requested = products[r].components[c];
             bool found = false;
-            for (const Product* product : matched) {
-                if (contents[size_t(&product - matched.data())].count(IdentityOf(requested)) == 0) continue;
+            for (size_t m = 0; m < matched.size(); ++m) {
+                const Product* product = matched[m];
+                if (contents[m].count(IdentityOf(requested)) == 0) continue;
                 const Component* component = FindComponent(index, IdentityOf(requested), VersionOf(requested));
                 if (component == nullptr) continue;
                 AddWanted(plan, catalog, *product, component);
@@ -89,9 +90,10 @@ void SortNewestFirst(std::vector<HeldVersion>& versions) {
 
 class Mirrorer {
 public:
-    Mirrorer(const std::string& repository, const Options& options, const Events& events, const LoadedSource& source)
+    Mirrorer(const std::string& repository, const Options& options, const Events& events, const LoadedSource& source,
+             Alternates* alternates)
         : repository_(repository), packages_(repository + "/packages"), options_(options), events_(events),
-          source_(source) {}
+          source_(source), alternates_(alternates) {}
     ~Mirrorer() {
         if (directory_ >= 0) ::close(directory_);
     }
@@ -127,6 +129,7 @@ private:
     const Options& options_;
     const Events& events_;
     const LoadedSource& source_;
+    Alternates* alternates_;
     std::map<Identity, Manifest> final_;
     ZOVRELAY_Status failure_ = kSuccess;
     int directory_ = -1;  // packages/
@@ -311,12 +314,40 @@ ZOVRELAY_Status Mirrorer::Download(const std::vector<Group>& groups) {
         if (!group.downloads.empty()) continue;
         if ((status = Store(group)) <= 0) return status;
     }
-    return DownloadAll(downloads_, directory_, options_.maxBandwidth, events_, [&](localrelay::Download& d) {
-        const size_t i = size_t(&d - downloads_.data());
+    // A package the serving source could not deliver is taken from the next source that lists
+    // the same version with the same size and SHA-256, in further rounds.
+    std::vector<size_t> sourceOf(downloads_.size(), 0);
+    std::vector<std::pair<size_t, localrelay::Download>> again;
+    auto settle = [&](size_t i) -> ZOVRELAY_Status {
+        localrelay::Download& d = downloads_[i];
+        const LoadedSource* other = nullptr;
+        const Component* listed = nullptr;
+        if (d.status <= 0 && alternates_ != nullptr && alternates_->Find(*components[i], sourceOf[i], other, listed)) {
+            localrelay::Download next = d;
+            next.address = JoinAddress(other->address, listed->path);
+            next.settings = &other->settings;
+            next.offset = listed->offset;
+            again.emplace_back(i, std::move(next));
+            return kSuccess;
+        }
         if (d.status > 0) downloaded_[components[i]] = &d;
         else Note(d.status);
         return --pending[groupOf[i]] == 0 ? Store(groups[groupOf[i]]) : kSuccess;
-    });
+    };
+    status = DownloadAll(downloads_, directory_, options_.maxBandwidth, events_,
+                         [&](localrelay::Download& d) { return settle(size_t(&d - downloads_.data())); });
+    while (status > 0 && !again.empty()) {
+        std::vector<size_t> original;
+        std::vector<localrelay::Download> round;
+        for (auto& [i, d] : again) original.push_back(i), round.push_back(std::move(d));
+        again.clear();
+        status = DownloadAll(round, directory_, options_.maxBandwidth, events_, [&](localrelay::Download& d) {
+            const size_t i = original[size_t(&d - round.data())];
+            downloads_[i] = d;
+            return settle(i);
+        });
+    }
+    return status;
 }
 
 // Fails early, before a byte is fetched, when the repository's file system cannot hold what the
@@ -341,12 +372,12 @@ ZOVRELAY_Status Mirrorer::CheckSpace(const std::vector<Group>& groups) const {
 
 ZOVRELAY_Status Mirror(const std::string& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result) {
+                       std::vector<ListedProduct>& result, Alternates* alternates) {
     Plan plan;
     ZOVRELAY_Status status = MakePlan(source.catalog, products, count, plan);
     if (status <= 0) return status;
 
-    Mirrorer mirrorer(repository, options, events, source);
+    Mirrorer mirrorer(repository, options, events, source, alternates);
     status = mirrorer.Run(plan);
     if (status <= 0) return status;
 

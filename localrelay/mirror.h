@@ -18,7 +18,7 @@ namespace localrelay {
 // those; one without mirrors all its components at their newest catalog version.
 ZOVRELAY_Status Mirror(const std::string& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result);
+                       std::vector<ListedProduct>& result, Alternates* alternates = nullptr);
 
 }  // namespace localrelay
 

@@ -140,10 +140,12 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
         if (productCount > 0) {
             Pool pool;  // the catalog's connection serves the packages too
             LoadedSource source;
-            status = LoadSource(sources, sourceCount, operation.options(), source, &pool);
+            size_t served = 0;
+            status = LoadSource(sources, sourceCount, operation.options(), source, &pool, &served);
+            Alternates alternates(sources, sourceCount, served, operation.options(), &pool);
             if (status > 0)
                 status = Mirror(operation.repository(), operation.options(), operation.events(), source, products,
-                                productCount, result);
+                                productCount, result, &alternates);
         }
         // The index follows the archives whatever happened: what was stored before a failure stays.
         const ZOVRELAY_Status indexed = WriteIndex(operation.repository(), ReadHeld(operation.packages()));

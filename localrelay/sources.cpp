@@ -2,6 +2,8 @@
 #include "status.h"
 #include "wide.h"
 
+#include <algorithm>
+
 namespace localrelay {
 namespace {
 
@@ -19,7 +21,7 @@ bool Narrow(const wchar_t* text, std::string& bytes) {
 }  // namespace
 
 ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options,
-                           LoadedSource& loaded, Pool* pool) {
+                           LoadedSource& loaded, Pool* pool, size_t* served) {
     ZOVRELAY_Status failure = kNoSourceReachable;
     for (size_t i = 0; i < count; ++i) {
         const ZOVRELAY_Source& source = sources[i];
@@ -51,9 +53,36 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
         }
         candidate.catalog = std::move(*catalog);
         loaded = std::move(candidate);
+        if (served != nullptr) *served = i;
         return kSuccess;
     }
     return failure;
+}
+
+bool Alternates::Find(const Component& component, size_t& after, const LoadedSource*& source,
+                      const Component*& listed) {
+    for (size_t i = std::max(after + 1, next_); i < count_; ++i) {
+        Loaded& entry = loaded_[i];
+        if (entry.source == nullptr && entry.index.empty()) {
+            auto candidate = std::make_unique<LoadedSource>();
+            if (LoadSource(&sources_[i], 1, options_, *candidate, pool_) > 0) {
+                for (const Component& c : candidate->catalog.components) entry.index[{c.identity, c.version}] = &c;
+                entry.source = std::move(candidate);
+            } else {
+                entry.index[{}] = nullptr;  // tried: never loaded again
+            }
+        }
+        if (entry.source == nullptr) continue;
+        const auto found = entry.index.find({component.identity, component.version});
+        if (found == entry.index.end() || found->second->size != component.size ||
+            found->second->sha256 != component.sha256)
+            continue;
+        after = i;
+        source = entry.source.get();
+        listed = found->second;
+        return true;
+    }
+    return false;
 }
 
 }  // namespace localrelay

@@ -1,5 +1,6 @@
 // The download queue against a fault-injecting HTTP server on 127.0.0.1 that this test starts: a
 // path "/<fault>/<file>" serves www/<file> after the fault. Every request is logged with its Range.
+// The failover case opens contexts, which share /dev/shm/sem.zovrelay.
 #include "downloader.h"
 #include "localrelay_fixture.h"
 
@@ -190,6 +191,22 @@ TEST_F(Network, BandwidthBudgetCoversAllTransfers) {
     EXPECT_LT(seconds, 6.0);
     ASSERT_EQ(seen.events.size(), 8u);
     for (size_t i = 0; i < 4; ++i) EXPECT_EQ(seen.events[i].type, ZOVRELAY_EVENT_DOWNLOADBEGIN) << "not concurrent";
+}
+
+// A package the serving source cannot deliver comes from the next source listing it identically;
+// a source that lists other versions is passed over.
+TEST_F(Network, FailoverTakesAPackageFromTheNextSourceThatListsItTheSame) {
+    const std::string good = MakeSource("good"), broken = Path("broken"), other = MakeSource("other", 7);
+    fs::copy(good, broken, fs::copy_options::recursive);
+    const Component first = ParseCatalog(ReadFile(good + "/server.ini"))->components.at(0);
+    fs::remove(broken + "/" + first.path);
+    Context context(Path("repo"));
+    Recorder recorder(context.handle);
+    EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(broken).Source(other).Source(good).Product(kProduct0)).status,
+              kSuccess);
+    EXPECT_EQ(CheckRepository(Path("repo")), Lines());
+    EXPECT_EQ(Versions(Held(context.handle)), 3u);
+    EXPECT_EQ(recorder.Count(ZOVRELAY_EVENT_DOWNLOADBEGIN), 4u);  // the missing one twice
 }
 
 }  // namespace
