@@ -663,8 +663,10 @@ ZOVRELAY_Status Engine::Run(std::vector<Download>& downloads) {
         int running = 0;
         if (curl_multi_perform(multi_, &running) != CURLM_OK) return kOutOfMemory;
         int left = 0;
+        bool finished = false;  // then start the next transfers before waiting for anything
         while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
             if (message->msg != CURLMSG_DONE) continue;
+            finished = true;
             void* job = nullptr;
             curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, &job);
             const ZOVRELAY_Status status = Done(*static_cast<Job*>(job), message->data.result);
@@ -687,6 +689,7 @@ ZOVRELAY_Status Engine::Run(std::vector<Download>& downloads) {
                 idle = std::min(idle, wait);
             }
         }
+        if (finished) continue;
         const int timeout = int(std::max<long>(1, long(std::chrono::duration_cast<std::chrono::milliseconds>(idle).count())));
         if (curl_multi_poll(multi_, nullptr, 0, timeout, nullptr) != CURLM_OK) return kOutOfMemory;
     }
