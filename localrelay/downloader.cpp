@@ -530,11 +530,12 @@ size_t Engine::Body(Job& job, const char* data, size_t size) {
     }
     budget_.Spend(size);
     d.received += size;
+    const size_t taken = size;  // what libcurl must hear back, whatever part of it is ours
     if (job.skip > 0) {
         const size_t skipped = size_t(std::min<uint64_t>(job.skip, size));
         job.skip -= skipped, data += skipped;
         const size_t rest = size - skipped;
-        if (rest == 0) return size;
+        if (rest == 0) return taken;
         size = rest;
     }
     if (size > d.size - job.have) {
@@ -557,7 +558,7 @@ size_t Engine::Body(Job& job, const char* data, size_t size) {
         stopped_ = job.stop = kCancelled;
         return 0;
     }
-    return job.complete ? 0 : size;
+    return job.complete ? 0 : taken;
 }
 
 bool Transient(long code) {

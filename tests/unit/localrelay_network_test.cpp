@@ -35,7 +35,7 @@ class Handler(http.server.BaseHTTPRequestHandler):
         start, code = 0, 200
         ranged = self.headers.get("Range")
         if ranged and fault != "norange" and self.headers.get("If-Range", '"v1"') == '"v1"':
-            start, code = int(ranged[6:].split("-")[0]), 206
+            start, end = map(int, ranged[6:].split("-")); code = 206; data = data[:end + 1]
         self.send_response(code); self.send_header("ETag", '"v1"')
         self.send_header("Content-Length", str(len(data) - start))
         if code == 206: self.send_header("Content-Range", "bytes %d-%d/%d" % (start, len(data) - 1, len(data)))
@@ -88,14 +88,14 @@ struct Network : RelayTest {
         kill(server, SIGKILL), waitpid(server, nullptr, 0);
         RelayTest::TearDown();
     }
-    // A download of www/<name> (made of `size` bytes) through the fault.
-    Download Package(const std::string& fault, const std::string& name, size_t size) {
+    // A download of `size` bytes through the fault: www/<name>, or the bytes from `offset` of it.
+    Download Package(const std::string& fault, const std::string& name, size_t size, size_t offset = 0) {
         std::string bytes(size, '\0');
         for (size_t i = 0; i < size; ++i) bytes[i] = char((i * 7919) >> 5);
-        WriteFile(Path("www/" + name), bytes);
+        WriteFile(Path("www/" + name), std::string(offset, 'x') + bytes + std::string(offset, 'y'));
         Download d;
         d.information = name, d.address = "http://127.0.0.1:" + std::to_string(port) + "/" + fault + "/" + name;
-        d.settings = &settings, d.size = size, d.sha256 = Digest(bytes), d.part = "." + name + ".part";
+        d.settings = &settings, d.size = size, d.sha256 = Digest(bytes), d.part = "." + name + ".part", d.offset = offset;
         return d;
     }
     ZOVRELAY_Status Run(std::vector<Download>& downloads, int64_t bandwidth = 0) {
@@ -135,14 +135,17 @@ struct Seen {
 
 // Each fault, once: what the package ends as, and what the server was asked.
 TEST_F(Network, RetriesWhatIsTransientAndNothingElse) {
-    const struct { const char* fault; ZOVRELAY_Status status; Lines requests; } cases[] = {
-        {"ok", kSuccess, {"/ok/a.bin -"}},
-        {"busy", kSuccess, {"/busy/a.bin -", "/busy/a.bin -"}},                  // 503 with Retry-After 0
-        {"drop", kSuccess, {"/drop/a.bin -", "/drop/a.bin bytes=50000-99999"}},  // only the missing half again
-        {"gone", kHttpError, {"/gone/a.bin -"}},                                 // 404: never retried
+    const struct { const char* fault; size_t offset; ZOVRELAY_Status status; Lines requests; } cases[] = {
+        {"ok", 0, kSuccess, {"/ok/a.bin -"}},
+        {"busy", 0, kSuccess, {"/busy/a.bin -", "/busy/a.bin -"}},                  // 503 with Retry-After 0
+        {"drop", 0, kSuccess, {"/drop/a.bin -", "/drop/a.bin bytes=50000-99999"}},  // only the missing half again
+        {"gone", 0, kHttpError, {"/gone/a.bin -"}},                                 // 404: never retried
+        // A package inside a larger file: its range, or its bytes picked from the whole file.
+        {"ok", 1000, kSuccess, {"/ok/a.bin bytes=1000-100999"}},
+        {"norange", 1000, kSuccess, {"/norange/a.bin bytes=1000-100999"}},
     };
     for (const auto& c : cases) {
-        std::vector<Download> downloads{Package(c.fault, "a.bin", 100000)};
+        std::vector<Download> downloads{Package(c.fault, "a.bin", 100000, c.offset)};
         EXPECT_EQ(Run(downloads), kSuccess) << c.fault;
         EXPECT_EQ(downloads[0].status, c.status) << c.fault << ": " << downloads[0].reason;
         EXPECT_EQ(Log(), c.requests) << c.fault;
