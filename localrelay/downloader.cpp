@@ -223,6 +223,7 @@ private:
     CURLM* multi_ = nullptr;
     std::vector<std::unique_ptr<Job>> jobs_;
     std::map<std::string, size_t> busy_;  // transfers running per host
+    std::vector<Download*> ready_;         // final outcomes not yet handed to done_
     // Set by a callback that stops the run, so that the other transfers of the same
     // curl_multi_perform call raise nothing more.
     ZOVRELAY_Status stopped_ = kSuccess;
@@ -230,6 +231,8 @@ private:
 
 Engine::~Engine() {
     for (const std::unique_ptr<Job>& job : jobs_) Drop(*job);
+    for (const Download* d : ready_)  // verified, but the run stopped before anyone took them
+        if (d->status > 0) ::unlinkat(directory_, d->part.c_str(), 0);
     if (multi_ != nullptr) curl_multi_cleanup(multi_);
 }
 
@@ -348,7 +351,9 @@ ZOVRELAY_Status Engine::Finish(Job& job, ZOVRELAY_Status status, std::string rea
         ::unlinkat(directory_, d.part.c_str(), 0);  // verified, but no one will take it now
         return kCancelled;
     }
-    return done_(d);
+    if (!IsHttpAddress(d.address)) return done_(d);
+    ready_.push_back(&d);  // handed over between network rounds, so that storing overlaps transfers
+    return kSuccess;
 }
 
 // Local sources: read in turn with a large buffer; the file system's read-ahead overlaps with
@@ -674,8 +679,11 @@ ZOVRELAY_Status Engine::Run(std::vector<Download>& downloads) {
             if (status <= 0) return status;
         }
         if (running == 0 && !waiting &&
-            std::none_of(jobs_.begin(), jobs_.end(), [](const auto& job) { return job->attempts <= kAttempts; }))
+            std::none_of(jobs_.begin(), jobs_.end(), [](const auto& job) { return job->attempts <= kAttempts; })) {
+            for (; !ready_.empty(); ready_.erase(ready_.begin()))
+                if (const ZOVRELAY_Status status = done_(*ready_.front()); status <= 0) return status;
             return kSuccess;
+        }
         // Transfers the budget paused go on once it refilled.
         if (budget_.limited()) {
             const Clock::duration wait = budget_.Wait();
@@ -691,6 +699,12 @@ ZOVRELAY_Status Engine::Run(std::vector<Download>& downloads) {
             }
         }
         if (finished) continue;
+        if (!ready_.empty()) {  // the next requests are on their way: store one while they travel
+            Download& d = *ready_.front();
+            ready_.erase(ready_.begin());
+            if (const ZOVRELAY_Status status = done_(d); status <= 0) return status;
+            continue;
+        }
         const int timeout = int(std::max<long>(1, long(std::chrono::duration_cast<std::chrono::milliseconds>(idle).count())));
         if (curl_multi_poll(multi_, nullptr, 0, timeout, nullptr) != CURLM_OK) return kOutOfMemory;
     }
