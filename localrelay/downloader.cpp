@@ -41,6 +41,9 @@ constexpr long kRetryAfterCap = 30;
 // hold the run for ever.
 constexpr double kDeadlineBase = 600.0;
 constexpr double kDeadlineRate = 16.0 * 1024;
+// A part gets its resume record once it holds this much: below, fetching again costs less than
+// the record's file (creating files is most of the cost of a small package).
+constexpr uint64_t kRecordAfter = 256 * 1024;
 
 std::string ResumeName(const std::string& part) {
     return part.substr(0, part.size() - std::string(".part").size()) + ".resume.part";
@@ -205,6 +208,7 @@ public:
 private:
     ZOVRELAY_Status OpenPart(Job& job, bool resumable);
     void Restart(Job& job);
+    void Record(Job& job);
     ZOVRELAY_Status Begin(Job& job);
     bool Progress(Job& job, bool force);
     ZOVRELAY_Status Finish(Job& job, ZOVRELAY_Status status, std::string reason, bool transient);
@@ -288,6 +292,18 @@ ZOVRELAY_Status Engine::OpenPart(Job& job, bool resumable) {
     ::unlinkat(directory_, ResumeName(d.part).c_str(), 0);
     job.fd = ::openat(directory_, d.part.c_str(), O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_RDWR, 0644);
     return job.fd >= 0 ? kSuccess : WriteFailure();
+}
+
+// Writes the part's resume record, when the server named the file's version: a killed run then
+// leaves a part that the next run continues.
+void Engine::Record(Job& job) {
+    if (job.validators.etag.empty() && job.validators.modified.empty()) return;
+    const std::string record = ResumeRecord(*job.d, job.validators.etag, job.validators.modified);
+    const std::string name = ResumeName(job.d->part);
+    ::unlinkat(directory_, name.c_str(), 0);
+    const int fd = ::openat(directory_, name.c_str(), O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_WRONLY, 0644);
+    job.recorded = fd >= 0 && WriteAll(fd, record.data(), record.size(), 0);
+    if (fd >= 0) ::close(fd);
 }
 
 // Drops the part's bytes: the server sent the whole file, or the bytes kept no longer verify.
@@ -517,16 +533,8 @@ size_t Engine::Body(Job& job, const char* data, size_t size) {
             if (job.ranged) job.wholeFile = true;
             job.skip = d.offset;
         }
-        if (!job.recorded && job.have == 0 && (!job.answered.etag.empty() || !job.answered.modified.empty())) {
-            // Recorded before the first byte lands, so a killed run leaves a part the next continues.
-            const std::string record = ResumeRecord(d, job.answered.etag, job.answered.modified);
-            const std::string name = ResumeName(d.part);
-            ::unlinkat(directory_, name.c_str(), 0);
-            const int fd = ::openat(directory_, name.c_str(), O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_WRONLY, 0644);
-            job.recorded = fd >= 0 && WriteAll(fd, record.data(), record.size(), 0);
-            if (fd >= 0) ::close(fd);
-            job.validators = job.answered;
-        }
+        // These bytes start the part: the response's validators describe them all.
+        if (!job.recorded && job.have == 0) job.validators = job.answered;
         job.checked = true;
     }
     if (budget_.limited() && !budget_.Available()) {
@@ -559,6 +567,7 @@ size_t Engine::Body(Job& job, const char* data, size_t size) {
     }
     job.digest->Update(data, size);
     job.have += size;
+    if (!job.recorded && job.have >= kRecordAfter) Record(job);
     if (!Progress(job, false)) {
         stopped_ = job.stop = kCancelled;
         return 0;
