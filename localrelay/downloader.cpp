@@ -286,11 +286,16 @@ ZOVRELAY_Status Engine::OpenPart(Job& job, bool resumable) {
         job.fd = -1;
         job.digest = std::make_unique<Sha256>();
         job.have = 0;
+        ::unlinkat(directory_, ResumeName(d.part).c_str(), 0);
     }
     job.validators = {};
-    ::unlinkat(directory_, d.part.c_str(), 0);
-    ::unlinkat(directory_, ResumeName(d.part).c_str(), 0);
-    job.fd = ::openat(directory_, d.part.c_str(), O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_RDWR, 0644);
+    // Whatever has the name (a stale part, a planted link) goes; its record goes with it.
+    constexpr int kCreate = O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_RDWR;
+    job.fd = ::openat(directory_, d.part.c_str(), kCreate, 0644);
+    if (job.fd < 0 && errno == EEXIST) {
+        ::unlinkat(directory_, d.part.c_str(), 0);
+        job.fd = ::openat(directory_, d.part.c_str(), kCreate, 0644);
+    }
     return job.fd >= 0 ? kSuccess : WriteFailure();
 }
 
