@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <chrono>
 #include <cstring>
+#include <deque>
 #include <map>
 #include <memory>
 #include <set>
@@ -227,7 +228,12 @@ private:
     CURLM* multi_ = nullptr;
     std::vector<std::unique_ptr<Job>> jobs_;
     std::map<std::string, size_t> busy_;  // transfers running per host
-    std::vector<Download*> ready_;         // final outcomes not yet handed to done_
+    std::deque<Download*> ready_;          // final outcomes not yet handed to done_
+    // The queue, kept so that each round of the loop costs what is running, not what is queued.
+    std::map<std::string, std::deque<Job*>> queued_;  // never started, per host, largest first
+    std::vector<Job*> retrying_;                      // waiting for their next attempt
+    std::vector<Job*> paused_;                        // paused by the budget
+    size_t unfinished_ = 0;                           // HTTP jobs without a final outcome
     // Set by a callback that stops the run, so that the other transfers of the same
     // curl_multi_perform call raise nothing more.
     ZOVRELAY_Status stopped_ = kSuccess;
@@ -356,8 +362,10 @@ ZOVRELAY_Status Engine::Finish(Job& job, ZOVRELAY_Status status, std::string rea
         if (job.retryAfter >= 0) pause = std::min(job.retryAfter, kRetryAfterCap);
         job.notBefore = Clock::now() + std::chrono::seconds(pause);
         d.reason = reason;
+        retrying_.push_back(&job);
         return kSuccess;
     }
+    if (IsHttpAddress(d.address)) --unfinished_;
     d.status = status;
     d.reason = std::move(reason);
     d.seconds = std::chrono::duration<double>(Clock::now() - job.started).count();
@@ -544,6 +552,7 @@ size_t Engine::Body(Job& job, const char* data, size_t size) {
     }
     if (budget_.limited() && !budget_.Available()) {
         job.paused = true;
+        paused_.push_back(&job);
         return CURL_WRITEFUNC_PAUSE;
     }
     budget_.Spend(size);
@@ -651,34 +660,44 @@ ZOVRELAY_Status Engine::Run(std::vector<Download>& downloads) {
         if (status <= 0) return status;
     }
 
+    for (const std::unique_ptr<Job>& job : jobs_) {
+        if (!IsHttpAddress(job->d->address)) continue;
+        queued_[job->host].push_back(job.get());
+        ++unfinished_;
+    }
     multi_ = curl_multi_init();
     if (multi_ == nullptr) return kOutOfMemory;
     for (;;) {
         const Clock::time_point now = Clock::now();
         Clock::duration idle = std::chrono::seconds(1);
-        bool waiting = false;
-        for (const std::unique_ptr<Job>& entry : jobs_) {
-            Job& job = *entry;
-            if (!IsHttpAddress(job.d->address) || job.easy != nullptr || job.attempts > kAttempts) continue;
-            waiting = true;
-            if (job.notBefore > now) {
-                idle = std::min(idle, job.notBefore - now);
+        for (size_t i = 0; i < retrying_.size();) {
+            Job& job = *retrying_[i];
+            if (job.notBefore > now || busy_[job.host] >= kTransfersPerHost) {
+                if (job.notBefore > now) idle = std::min(idle, job.notBefore - now);
+                ++i;
                 continue;
             }
-            if (busy_[job.host] >= kTransfersPerHost) continue;
-            ZOVRELAY_Status status = job.fd < 0 ? OpenPart(job, true) : kSuccess;
-            if (status > 0) status = Begin(job);
-            if (status > 0 && job.attempts == 0 && job.have == job.d->size) {
-                // A previous run received it all: verify it, or fetch it again from the start.
-                if (job.digest->HexDigest() == job.d->sha256) {
-                    job.digestChecked = true;
-                    if ((status = Verified(job)) <= 0) return status;
-                    continue;
+            retrying_.erase(retrying_.begin() + long(i));
+            if (const ZOVRELAY_Status status = Start(job); status <= 0) return status;
+        }
+        for (auto& [host, queue] : queued_) {
+            while (!queue.empty() && busy_[host] < kTransfersPerHost) {
+                Job& job = *queue.front();
+                queue.pop_front();
+                ZOVRELAY_Status status = OpenPart(job, true);
+                if (status > 0) status = Begin(job);
+                if (status > 0 && job.have == job.d->size) {
+                    // A previous run received it all: verify it, or fetch it again from the start.
+                    if (job.digest->HexDigest() == job.d->sha256) {
+                        job.digestChecked = true;
+                        if ((status = Verified(job)) <= 0) return status;
+                        continue;
+                    }
+                    Restart(job);
                 }
-                Restart(job);
+                if (status > 0) status = Start(job);
+                if (status <= 0) return status;
             }
-            if (status > 0) status = Start(job);
-            if (status <= 0) return status;
         }
         int running = 0;
         if (curl_multi_perform(multi_, &running) != CURLM_OK) return kOutOfMemory;
@@ -692,17 +711,18 @@ ZOVRELAY_Status Engine::Run(std::vector<Download>& downloads) {
             const ZOVRELAY_Status status = Done(*static_cast<Job*>(job), message->data.result);
             if (status <= 0) return status;
         }
-        if (running == 0 && !waiting &&
-            std::none_of(jobs_.begin(), jobs_.end(), [](const auto& job) { return job->attempts <= kAttempts; })) {
-            for (; !ready_.empty(); ready_.erase(ready_.begin()))
+        if (running == 0 && unfinished_ == 0) {
+            for (; !ready_.empty(); ready_.pop_front())
                 if (const ZOVRELAY_Status status = done_(*ready_.front()); status <= 0) return status;
             return kSuccess;
         }
         // Transfers the budget paused go on once it refilled.
-        if (budget_.limited()) {
+        if (budget_.limited() && !paused_.empty()) {
             const Clock::duration wait = budget_.Wait();
             if (wait == Clock::duration::zero()) {
-                for (const std::unique_ptr<Job>& job : jobs_) {
+                std::vector<Job*> paused;
+                paused.swap(paused_);
+                for (Job* job : paused) {
                     if (job->easy == nullptr || !job->paused) continue;
                     job->paused = false;
                     curl_easy_pause(job->easy, CURLPAUSE_CONT);
@@ -715,7 +735,7 @@ ZOVRELAY_Status Engine::Run(std::vector<Download>& downloads) {
         if (finished) continue;
         if (!ready_.empty()) {  // the next requests are on their way: store one while they travel
             Download& d = *ready_.front();
-            ready_.erase(ready_.begin());
+            ready_.pop_front();
             if (const ZOVRELAY_Status status = done_(d); status <= 0) return status;
             continue;
         }
