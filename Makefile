@@ -4,7 +4,7 @@
 # benchmarks run beside the project: loopback HTTP(S) servers, proxies, certificates, curl; the
 # last, the quality gates' tools (valgrind, clang with libFuzzer).
 PACKAGES := g++ make cmake pkg-config lua5.2 liblua5.2-dev lua-busted googletest libgtest-dev \
-            libcurl4-openssl-dev libzip-dev libssl-dev lua-cjson \
+            libcurl4-openssl-dev libzip-dev libssl-dev lua-cjson luarocks \
             python3 openssl curl tinyproxy-bin microsocks \
             valgrind clang libclang-rt-14-dev
 
@@ -22,7 +22,7 @@ endif
 JOBS ?= $(shell nproc 2>/dev/null || echo 2)
 SUDO := $(shell [ "$$(id -u)" = 0 ] || echo sudo)
 
-.PHONY: all deps configure build test memcheck fuzz demo bench clean
+.PHONY: all deps configure build test memcheck fuzz demo bench install rock clean
 
 all: build
 
@@ -63,11 +63,26 @@ fuzz: deps
 	@sh fuzz/run.sh build/fuzz $(FUZZ_SECONDS)
 
 # A sample source under build/demo, served over loopback HTTP, mirrored twice by examples/mirror.lua.
-demo: build
+# Builds only what the demo runs, so that the first command shows its result soonest.
+demo: configure
+	@cmake --build $(BUILD_DIR) -j $(JOBS) --target update zovrelay makesource
 	@sh tools/demo.sh $(BUILD_DIR) $(BUILD_DIR)/demo
 
 bench: build
 	@sh bench/run.sh
+
+# The module, the relay beside it, the command update-mirror and its manual page, under
+# $(DESTDIR)$(PREFIX), from a Release build of its own without tests (build/install).
+PREFIX ?= /usr/local
+install: deps
+	@cmake -S . -B build/install -DCMAKE_BUILD_TYPE=Release -DUPDATE_TESTS=OFF -DCMAKE_INSTALL_PREFIX=$(PREFIX) >/dev/null
+	@cmake --build build/install -j $(JOBS)
+	@DESTDIR=$(DESTDIR) cmake --install build/install
+
+# The release rock build/dist/update-VERSION-1.src.rock from the committed tree (tools/rock.sh);
+# ROCK_CHECK=1 also builds it with luarocks in an empty directory and runs the command installed.
+rock: deps
+	@sh tools/rock.sh $(if $(ROCK_CHECK),--check) build/dist
 
 clean:
 	rm -rf $(BUILD_DIR)

@@ -4,11 +4,6 @@
 
 namespace {
 
-// The scan engines are 0x48000202 plus one of the offsets whose bit is set here (0, 1, 35 to 38).
-constexpr uint32_t kFirstScanEngine = 0x48000202u;
-constexpr uint32_t kLastScanEngineOffset = 38;
-constexpr uint64_t kScanEngineOffsets = 0x7800000003ull;
-
 constexpr int32_t kAnyLanguage = INT32_MIN;
 
 struct FriendlyName {
@@ -40,12 +35,6 @@ const FriendlyName kFriendlyNames[] = {
 };
 
 }  // namespace
-
-bool IsScanEngine(int klass, int type) {
-    // Unsigned, so types below the first engine wrap to large offsets and fail the range check.
-    const uint32_t offset = static_cast<uint32_t>(type) - kFirstScanEngine;
-    return klass == 2 && offset <= kLastScanEngineOffset && ((kScanEngineOffsets >> offset) & 1u) != 0;
-}
 
 const char* EntityFriendlyName(const ZOVRELAY_EntityItem& item) {
     for (const FriendlyName& row : kFriendlyNames) {

@@ -113,8 +113,9 @@ const char* LuaToSources(lua_State* L, int index, ZOVRELAY_Source** sources, uns
             lua_getfield(L, top + 1, "proxy");
             list[i].url = wideField(L, top + 2);
             if (lua_istable(L, top + 3)) {
-                readProxy(L, top + 3, proxies[i]);
+                // Linked before it is filled, so DestroySources frees what a raising conversion leaves.
                 list[i].proxy = &proxies[i];
+                readProxy(L, top + 3, proxies[i]);
             }
         }
         lua_settop(L, top);

@@ -15,9 +15,8 @@
 
 #include <string>
 
-#include "fake_control.h"
-
 extern "C" int luaopen_update(lua_State* L);
+extern "C" int luaopen_fakerelay(lua_State* L);
 
 namespace {
 
@@ -44,6 +43,7 @@ const char kPrelude[] = R"lua(
   }
 )lua";
 int helpers = LUA_NOREF;
+int fake = LUA_NOREF;  // the fake relay's Lua module
 
 void pushValue(FuzzedDataProvider& data, int depth);
 
@@ -117,46 +117,102 @@ void pushPath(FuzzedDataProvider& data) {
     if (lua_type(L, -1) == LUA_TSTRING && strchr(lua_tostring(L, -1), '/') == lua_tostring(L, -1)) lua_pushnil(L);
 }
 
-ZOVRELAY_EntityItem fuzzEntity(FuzzedDataProvider& data) {
-    static const int32_t kFields[] = {-1, -10, 0, 1, 2, 4, 7};
-    static const int32_t kKinds[][2] = {{3, 4}, {3, 2048}, {22, 2213}, {22, 2212}, {2, 1207960066}, {2, 7}, {1, 5}};
-    ZOVRELAY_EntityItem entity = FakeRelay_DefaultEntity();
-    const int32_t* kind = kKinds[data.ConsumeIntegralInRange<size_t>(0, 6)];
-    entity.klass = kind[0];
-    entity.type = kind[1];
-    entity.language = data.PickValueInArray(kFields);
-    entity.oem = data.PickValueInArray(kFields);
-    entity.version.major = data.ConsumeIntegral<uint64_t>();
-    entity.version.minor = data.ConsumeIntegralInRange<uint64_t>(0, 20000);
-    entity.version.build = data.ConsumeBool() ? 0 : data.ConsumeIntegral<uint64_t>();
-    return entity;
+void pushDecimal(uint64_t value) {  // 64-bit fields as decimal strings, which the fake reads exactly
+    char text[24];
+    snprintf(text, sizeof text, "%llu", static_cast<unsigned long long>(value));
+    lua_pushstring(L, text);
 }
 
+/* [-0, +1]: an entity table for the fake relay */
+void pushEntity(FuzzedDataProvider& data) {
+    static const int32_t kFields[] = {-1, -10, 0, 1, 2, 4, 7};
+    static const int32_t kKinds[][2] = {{3, 4}, {3, 2048}, {22, 2213}, {22, 2212}, {2, 1207960066}, {2, 7}, {1, 5}};
+    const int32_t* kind = kKinds[data.ConsumeIntegralInRange<size_t>(0, 6)];
+    const int32_t fields[] = {kind[0], kind[1], data.PickValueInArray(kFields), data.PickValueInArray(kFields)};
+    const char* const names[] = {"klass", "type", "language", "oem"};
+    lua_createtable(L, 0, 7);
+    for (int i = 0; i < 4; ++i) {
+        lua_pushinteger(L, fields[i]);
+        lua_setfield(L, -2, names[i]);
+    }
+    pushDecimal(data.ConsumeIntegral<uint64_t>());
+    lua_setfield(L, -2, "major");
+    pushDecimal(data.ConsumeIntegralInRange<uint64_t>(0, 20000));
+    lua_setfield(L, -2, "minor");
+    pushDecimal(data.ConsumeBool() ? 0 : data.ConsumeIntegral<uint64_t>());
+    lua_setfield(L, -2, "build");
+}
+
+// fake.script and fake.event from the fuzzer's bytes, through the fake relay's Lua module.
 void scriptRelay(FuzzedDataProvider& data) {
-    FakeRelay_Reset();
+    lua_rawgeti(L, LUA_REGISTRYINDEX, fake);
+    lua_getfield(L, -1, "reset");
+    lua_call(L, 0, 0);
     for (const char* call : {"CreateContext", "GetInformation", "Duplicate", "ExportComponent"}) {
         int status = data.ConsumeIntegralInRange(-11, 3);
         if (status == 0) status = 1;
-        if (call[0] == 'G' || call[0] == 'D') {
-            ZOVRELAY_EntityItem components[4];
-            FakeRelay_CraftedProduct products[3];
-            size_t count = data.ConsumeIntegralInRange<size_t>(0, 3);
-            for (size_t p = 0; p < count; ++p) {
-                size_t n = data.ConsumeIntegralInRange<size_t>(0, 4);
-                for (size_t c = 0; c < n; ++c) components[c] = fuzzEntity(data);
-                bool huge = data.ConsumeIntegralInRange(0, 15) == 0;
-                products[p] = {fuzzEntity(data), components, n, huge, huge ? ~0ul / 8 : 0};
+        const bool listing = call[0] == 'G' || call[0] == 'D';
+        if (!listing && !data.ConsumeBool()) continue;
+        lua_getfield(L, -1, "script");
+        lua_pushstring(L, call);
+        lua_pushinteger(L, status);
+        if (listing) {
+            lua_createtable(L, 0, 1);
+            const int count = data.ConsumeIntegralInRange(0, 3);
+            lua_createtable(L, count, 0);
+            for (int p = 1; p <= count; ++p) {
+                const int n = data.ConsumeIntegralInRange(0, 4);
+                lua_createtable(L, n, 0);
+                for (int c = 1; c <= n; ++c) {
+                    pushEntity(data);
+                    lua_rawseti(L, -2, c);
+                }
+                pushEntity(data);
+                lua_insert(L, -2);
+                lua_setfield(L, -2, "components");
+                if (data.ConsumeIntegralInRange(0, 15) == 0) {  // declares 2^61 components
+                    pushDecimal(~0ul / 8);
+                    lua_setfield(L, -2, "componentCount");
+                }
+                lua_rawseti(L, -2, p);
             }
-            FakeRelay_ScriptInformation(call, status, products, count);
-        } else if (data.ConsumeBool()) {
-            FakeRelay_ScriptStatus(call, status);
+            lua_setfield(L, -2, "products");
         }
+        lua_call(L, listing ? 3 : 2, 0);
     }
     for (int n = data.ConsumeIntegralInRange(0, 3); n > 0; --n) {
-        uint32_t text[3] = {233, 0xFFFFFFE9, 'a'};
-        FakeRelay_QueueEvent(data.ConsumeIntegralInRange(-1, 7), data.ConsumeBool(), data.ConsumeBool() ? text : nullptr,
-                             3, data.ConsumeIntegral<uint64_t>(), data.ConsumeIntegral<uint64_t>());
+        lua_getfield(L, -1, "event");
+        lua_pushinteger(L, data.ConsumeIntegralInRange(-1, 7));
+        if (data.ConsumeBool()) {
+            lua_createtable(L, 0, 3);
+            if (data.ConsumeBool()) {  // code points beyond a byte, one of them a sign-extended byte
+                const lua_Number codes[] = {233, 4294967273.0, 97};
+                lua_createtable(L, 3, 0);
+                for (int i = 0; i < 3; ++i) lua_pushnumber(L, codes[i]), lua_rawseti(L, -2, i + 1);
+                lua_setfield(L, -2, "information");
+            }
+            pushDecimal(data.ConsumeIntegral<uint64_t>());
+            lua_setfield(L, -2, "total");
+            pushDecimal(data.ConsumeIntegral<uint64_t>());
+            lua_setfield(L, -2, "finished");
+        } else {
+            lua_pushnil(L);
+        }
+        lua_call(L, 2, 0);
     }
+    lua_pop(L, 1);
+}
+
+/* [-0, +0]: open contexts plus records handed out and not destroyed */
+lua_Integer outstanding() {
+    lua_rawgeti(L, LUA_REGISTRYINDEX, fake);
+    lua_getfield(L, -1, "counts");
+    lua_call(L, 0, 1);
+    lua_getfield(L, -1, "contexts");
+    lua_getfield(L, -2, "records");
+    const lua_Integer n = lua_tointeger(L, -1) + lua_tointeger(L, -2);
+    lua_pop(L, 4);
+    return n;
 }
 
 }  // namespace
@@ -180,6 +236,8 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     atexit(removeWorkDirectory);
     L = luaL_newstate();
     luaL_openlibs(L);
+    luaL_requiref(L, "fakerelay", luaopen_fakerelay, 0);
+    fake = luaL_ref(L, LUA_REGISTRYINDEX);
     luaopen_update(L);
     lua_setglobal(L, "update");
     if (luaL_dostring(L, kPrelude) != LUA_OK) abort();
@@ -214,7 +272,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     }
     lua_pcall(L, arguments, LUA_MULTRET, 0);
     lua_settop(L, 0);
-    if (FakeRelay_OpenContexts() != 0 || FakeRelay_OutstandingRecords() != 0) __builtin_trap();
+    if (outstanding() != 0) __builtin_trap();
     lua_gc(L, LUA_GCSTEP, 0);
     return 0;
 }

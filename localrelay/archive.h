@@ -18,6 +18,19 @@
 
 namespace localrelay {
 
+// What tells one file from its replacement: a rename brings another inode, a rewrite in place
+// another size or modification time.
+struct FileIdentity {
+    uint64_t size = 0, inode = 0, device = 0;
+    int64_t modified = 0;  // nanoseconds since the epoch
+    bool operator==(const FileIdentity& o) const {
+        return size == o.size && inode == o.inode && device == o.device && modified == o.modified;
+    }
+};
+
+// The identity of the file open at `fd`; nullopt when it cannot be read.
+std::optional<FileIdentity> FileIdentityOf(int fd);
+
 struct HeldVersion {
     Version version;
     std::string path;  // the package's path in the catalog it came from
@@ -50,14 +63,17 @@ std::optional<Manifest> ParseManifest(std::string_view text);
 // An open merged archive, for reading.
 class MergedArchive {
 public:
-    // nullptr when the file is missing, is no zip archive, or has no valid manifest.
-    // `thorough` adds libzip's consistency checks of every entry's headers.
-    static std::unique_ptr<MergedArchive> Open(const std::string& path, bool thorough = false);
+    // The archive `name` under `directory`, opened once (never through a link): every later
+    // read sees this file, even when a writer renames another over the name meanwhile. nullptr
+    // when it is missing, no regular file, no zip archive, or has no valid manifest. `thorough`
+    // adds libzip's consistency checks of every entry's headers.
+    static std::unique_ptr<MergedArchive> Open(int directory, const std::string& name, bool thorough = false);
     MergedArchive(const MergedArchive&) = delete;
     MergedArchive& operator=(const MergedArchive&) = delete;
     ~MergedArchive();
 
     const Manifest& manifest() const { return manifest_; }
+    const FileIdentity& file() const { return file_; }
     zip_t* handle() const { return archive_; }
 
     // Streams the version's bytes into `sink`, then checks their size and SHA-256 against the
@@ -66,16 +82,20 @@ public:
     ZOVRELAY_Status Verify(const HeldVersion& held) const;
 
 private:
-    MergedArchive(zip_t* archive, Manifest manifest) : archive_(archive), manifest_(std::move(manifest)) {}
+    MergedArchive(zip_t* archive, Manifest manifest, FileIdentity file)
+        : archive_(archive), manifest_(std::move(manifest)), file_(file) {}
     zip_t* archive_;
     Manifest manifest_;
+    FileIdentity file_;
 };
 
-// Writes, at `temporary`, a merged archive of `manifest`: each version from `files` (a verified
-// package on disk) when listed there, otherwise copied from `previous`. The result is reopened
-// and every entry verified before this returns success; the caller then renames it into place.
-ZOVRELAY_Status WriteMergedArchive(const std::string& temporary, const Manifest& manifest,
-                                   const std::map<Version, std::string>& files, const MergedArchive* previous);
+// Writes a merged archive of `manifest` into the open, empty temporary file `temporary` (in
+// `directory`): each version from `files` (the name of a verified package in `directory`) when
+// listed there, otherwise copied from `previous`. The result is reopened and every entry verified
+// before this returns success; the caller then renames it into place.
+ZOVRELAY_Status WriteMergedArchive(int directory, int temporary, const std::string& temporaryName,
+                                   const Manifest& manifest, const std::map<Version, std::string>& files,
+                                   const MergedArchive* previous);
 
 }  // namespace localrelay
 

@@ -37,8 +37,8 @@ std::string_view Trim(std::string_view text) {
 
 std::optional<Component> ParseComponentLine(const std::vector<std::string_view>& fields, Section section,
                                             std::string& reason) {
-    if (fields.size() != 5) {
-        reason = "a component line has five fields";
+    if (fields.size() < 5 || fields.size() > 7) {
+        reason = "a component line has five fields (and an optional offset and package name)";
         return std::nullopt;
     }
     Component component;
@@ -51,7 +51,12 @@ std::optional<Component> ParseComponentLine(const std::vector<std::string_view>&
     else if (!IsPackagePath(fields[2])) reason = "bad package path";
     else if (!ParseNumber(fields[3], component.size) || component.size > uint64_t(INT64_MAX)) reason = "bad size";
     else if (!sha) reason = "bad SHA-256";
+    else if (fields.size() > 5 && (!ParseNumber(fields[5], component.offset) || component.offset > uint64_t(INT64_MAX) ||
+                                   component.size > uint64_t(INT64_MAX) - component.offset))
+        reason = "bad offset";
+    else if (fields.size() > 6 && !IsPackagePath(fields[6])) reason = "bad package name";
     if (!reason.empty()) return std::nullopt;
+    if (fields.size() > 6) component.name = std::string(fields[6]);
     component.identity = *identity;
     component.version = *version;
     component.path = std::string(fields[2]);
@@ -244,7 +249,10 @@ std::string FormatCatalog(const Catalog& catalog) {
         for (const Component& c : catalog.components) {
             if (c.section != section) continue;
             text += FormatIdentity(c.identity) + " " + FormatVersion(c.version) + " " + c.path + " " +
-                    std::to_string(c.size) + " " + c.sha256 + "\n";
+                    std::to_string(c.size) + " " + c.sha256;
+            if (c.offset != 0 || !c.name.empty()) text += " " + std::to_string(c.offset);
+            if (!c.name.empty()) text += " " + c.name;
+            text += "\n";
         }
         text += "\n";
     }

@@ -60,6 +60,11 @@ struct Component {
     // 0: the package is the whole file at `path`. Otherwise the package is the `size` bytes that
     // start at this byte of the file at `path` (a version stored inside a repository's merged archive).
     uint64_t offset = 0;
+    // The package's own path when `path` names a file that holds it among others (a merged
+    // archive); empty: `path` is the package's own. Its file name is what exports write.
+    std::string name;
+
+    const std::string& PackagePath() const { return name.empty() ? path : name; }
 };
 
 struct Product {

@@ -18,24 +18,6 @@
 
 namespace localrelay {
 
-FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
-    if (this != &other) {
-        if (fd_ >= 0) ::close(fd_);
-        fd_ = other.release();
-    }
-    return *this;
-}
-
-FileDescriptor::~FileDescriptor() {
-    if (fd_ >= 0) ::close(fd_);
-}
-
-int FileDescriptor::release() noexcept {
-    const int fd = fd_;
-    fd_ = -1;
-    return fd;
-}
-
 // Failing to open it costs nothing but the sharing: the context works without it.
 NamedSemaphore::NamedSemaphore() : handle_(sem_open("/zovrelay", O_CREAT, 0666, 1)) {}
 
@@ -48,18 +30,13 @@ ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository) 
     // Whatever went wrong shows again when the directory is opened.
     std::filesystem::create_directories(path, ignored);
 
+    // The path itself is the caller's to choose (a link to the real place is fine); what lies
+    // inside it is never followed.
     FileDescriptor directory(::open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     if (directory.get() < 0) return kRepositoryNotAccessible;
-    // flock, not fcntl locks: a second open of the directory conflicts within one process too.
-    if (::flock(directory.get(), LOCK_EX | LOCK_NB) != 0)
-        return errno == EWOULDBLOCK ? kRepositoryBusy : kRepositoryNotAccessible;
-
     if (::mkdirat(directory.get(), "packages", 0777) != 0 && errno != EEXIST) return kRepositoryNotAccessible;
-    struct stat packages {};
-    if (::fstatat(directory.get(), "packages", &packages, 0) != 0 || !S_ISDIR(packages.st_mode))
-        return kRepositoryNotAccessible;
-    // Under the lock, so no running mirror of another context can own them.
-    RemoveStaleTemporaries(directory.get());
+    FileDescriptor packages(OpenDirectoryAt(directory.get(), "packages"));
+    if (packages.get() < 0) return kRepositoryNotAccessible;
 
     // Absolute, so that a later change of working directory cannot move the repository.
     const std::unique_ptr<char, decltype(&std::free)> absolute(::realpath(path.c_str(), nullptr), &std::free);
@@ -67,8 +44,44 @@ ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository) 
 
     repository.path = absolute.get();
     repository.directory = std::move(directory);
+    repository.packages = std::move(packages);
+    // A killed run's leftovers go as soon as nobody writes: clean up if the lock is free now.
+    if (LockRepository(repository) > 0) UnlockRepository(repository);
     return kSuccess;
 }
+
+namespace {
+
+// Opens the lock file without following a link and without writing a byte: a link or an empty
+// directory planted under its name is removed and the file made afresh; a hard link to a file
+// elsewhere is harmless, since nothing is ever written to it.
+int OpenLockFile(int directory) {
+    for (int attempt = 0; attempt < 2; ++attempt) {
+        const int fd = ::openat(directory, kLockName, O_RDONLY | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0666);
+        struct stat info {};
+        if (fd >= 0 && ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode)) return fd;
+        if (fd >= 0) ::close(fd);
+        if (!RemoveAt(directory, kLockName)) break;
+    }
+    return -1;
+}
+
+}  // namespace
+
+ZOVRELAY_Status LockRepository(Repository& repository) {
+    if (repository.lock.get() >= 0) return kSuccess;
+    FileDescriptor lock(OpenLockFile(repository.directory.get()));
+    if (lock.get() < 0) return kRepositoryNotAccessible;
+    // flock, not fcntl locks: two contexts of one process conflict just as two processes do.
+    if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
+        return errno == EWOULDBLOCK ? kRepositoryBusy : kRepositoryNotAccessible;
+    repository.lock = std::move(lock);
+    // Under the lock, so no running writer can own them.
+    RemoveStaleTemporaries(repository.directory.get(), repository.packages.get());
+    return kSuccess;
+}
+
+void UnlockRepository(Repository& repository) { repository.lock = FileDescriptor(); }
 
 } // namespace localrelay
 

@@ -3,6 +3,7 @@
 #define LOCALRELAY_CONTEXT_H
 
 #include "events.h"
+#include "files.h"
 #include "options.h"
 #include "zovrelay.h"
 
@@ -12,24 +13,6 @@
 #include <utility>
 
 namespace localrelay {
-
-// Owns one open file descriptor; closing it drops any flock held through it.
-class FileDescriptor {
-public:
-    FileDescriptor() = default;
-    explicit FileDescriptor(int fd) : fd_(fd) {}
-    FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.release()) {}
-    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
-    FileDescriptor(const FileDescriptor&) = delete;
-    FileDescriptor& operator=(const FileDescriptor&) = delete;
-    ~FileDescriptor();
-
-    int get() const { return fd_; }
-    int release() noexcept;
-
-private:
-    int fd_ = -1;
-};
 
 // The machine-wide semaphore /zovrelay, held open (never unlinked) for a context's life.
 class NamedSemaphore {
@@ -43,14 +26,29 @@ private:
     sem_t* handle_ = SEM_FAILED;
 };
 
+// An opened repository. Every file operation goes through these descriptors, opened when the
+// context was made: renaming the repository or putting a link in its place later cannot redirect
+// a write.
 struct Repository {
-    std::string path;          // our own copy: the caller's string dies with the call
-    FileDescriptor directory;  // holds the exclusive flock; later work may openat() through it
+    std::string path;          // our own copy, absolute; for messages and event texts only
+    FileDescriptor directory;  // the repository directory
+    FileDescriptor packages;   // its packages/, a real directory
+    FileDescriptor lock;       // the lock file ".lock", flocked while a writing operation runs
 };
 
-// Creates the directory and its packages/ when missing, takes the lock, and removes the
-// temporaries a killed run left. kRepositoryNotAccessible or kRepositoryBusy when it cannot.
+// The lock file in the repository's root. Cron guards such as `flock -n REPO command` lock the
+// directory itself, so they and the relay never collide.
+inline constexpr const char* kLockName = ".lock";
+
+// Creates the directory and its packages/ when missing and opens both; a packages/ that is not a
+// real directory (a link to elsewhere, say) is refused. Takes no lock: readers never wait.
+// kRepositoryNotAccessible when it cannot.
 ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository);
+
+// For a writing operation: takes the lock file's flock without waiting, then removes the
+// temporaries a killed run left. kRepositoryBusy when another writer holds it.
+ZOVRELAY_Status LockRepository(Repository& repository);
+void UnlockRepository(Repository& repository);
 
 } // namespace localrelay
 

@@ -302,6 +302,14 @@ ZOVRELAY_Status Engine::OpenPart(Job& job, bool resumable) {
         ::unlinkat(directory_, d.part.c_str(), 0);
         job.fd = ::openat(directory_, d.part.c_str(), kCreate, 0644);
     }
+    if (job.fd < 0 && errno == EEXIST) {
+        // Something that cannot be removed has the name (a full directory): use a fresh one.
+        const std::string base = d.part.substr(0, d.part.size() - std::string(".part").size());
+        for (int attempt = 0; job.fd < 0 && errno == EEXIST && attempt < 16; ++attempt) {
+            job.d->part = base + "." + std::to_string(::getpid()) + "-" + std::to_string(Clock::now().time_since_epoch().count() % 1000000007) + ".part";
+            job.fd = ::openat(directory_, d.part.c_str(), kCreate, 0644);
+        }
+    }
     return job.fd >= 0 ? kSuccess : WriteFailure();
 }
 

@@ -2,13 +2,143 @@
 #include "status.h"
 
 #include <fcntl.h>
+#include <sys/random.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 
 namespace localrelay {
+
+FileDescriptor& FileDescriptor::operator=(FileDescriptor&& other) noexcept {
+    if (this != &other) {
+        if (fd_ >= 0) ::close(fd_);
+        fd_ = other.release();
+    }
+    return *this;
+}
+
+FileDescriptor::~FileDescriptor() {
+    if (fd_ >= 0) ::close(fd_);
+}
+
+int FileDescriptor::release() noexcept {
+    const int fd = fd_;
+    fd_ = -1;
+    return fd;
+}
+
+ZOVRELAY_Status FileStatus(int error) {
+    switch (error) {
+    case ENOSPC:
+    case EDQUOT: return kNoSpace;
+    case EACCES:
+    case EPERM:
+    case EROFS: return kPermissionDenied;
+    case ENOMEM: return kOutOfMemory;
+    default: return kIoError;
+    }
+}
+
+int OpenDirectoryAt(int directory, const std::string& name) {
+    return ::openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+}
+
+int OpenFileAt(int directory, const std::string& name) {
+    const int fd = ::openat(directory, name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return -1;
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode)) {
+        ::close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    return fd;
+}
+
+std::string RandomName(size_t length) {
+    static const char kHex[] = "0123456789abcdef";
+    // Without entropy yet (early boot) the clock and the process still vary the names; O_EXCL
+    // keeps a collision harmless either way.
+    static uint64_t state = uint64_t(std::chrono::steady_clock::now().time_since_epoch().count()) ^ (uint64_t(::getpid()) << 40);
+    std::string name;
+    while (name.size() < length) {
+        uint64_t word = 0;
+        if (::getrandom(&word, sizeof word, GRND_NONBLOCK) != ssize_t(sizeof word))
+            word = state = state * 6364136223846793005ull + 1442695040888963407ull;
+        for (int i = 0; i < 16 && name.size() < length; ++i, word >>= 4) name += kHex[word & 15];
+    }
+    return name;
+}
+
 TemporaryFile::~TemporaryFile() {
-    if (!path_.empty()) ::unlink(path_.c_str());
+    if (!name_.empty()) ::unlinkat(directory_, name_.c_str(), 0);
+}
+
+ZOVRELAY_Status TemporaryFile::Create(int directory, std::string_view prefix, std::string_view suffix) {
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        std::string name = std::string(prefix) + RandomName() + std::string(suffix);
+        const int fd = ::openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+        if (fd >= 0) {
+            directory_ = directory;
+            name_ = std::move(name);
+            fd_ = FileDescriptor(fd);
+            return kSuccess;
+        }
+        if (errno != EEXIST) return FileStatus(errno);
+    }
+    return kIoError;
+}
+
+ZOVRELAY_Status TemporaryFile::Write(const char* data, size_t size) {
+    for (size_t written = 0; written < size;) {
+        const ssize_t n = ::write(fd_.get(), data + written, size - written);
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return n < 0 ? FileStatus(errno) : kIoError;
+        written += size_t(n);
+    }
+    return kSuccess;
+}
+
+ZOVRELAY_Status TemporaryFile::Close() {
+    if (fd_.get() < 0) return kSuccess;
+    const int fd = fd_.release();
+    return ::close(fd) == 0 ? kSuccess : FileStatus(errno);
+}
+
+// No fsync: a killed run cannot leave a half-written file behind a rename, since the kernel keeps
+// what was written. Against power loss the next run re-verifies what changed and replaces what
+// fails, so syncing each package (which forces every byte to disk within the mirror) buys little.
+ZOVRELAY_Status TemporaryFile::ReplaceInto(const std::string& target) {
+    ZOVRELAY_Status status = Close();
+    if (status > 0) status = ReplaceAt(directory_, name_, target);
+    if (status > 0) Keep();
+    return status;
+}
+
+ZOVRELAY_Status ReplaceAt(int directory, const std::string& from, const std::string& to) {
+    if (::renameat(directory, from.c_str(), directory, to.c_str()) == 0) return kSuccess;
+    const int error = errno;
+    // A directory planted under the target's name: out of the way when empty, else refused.
+    if ((error == EISDIR || error == ENOTEMPTY || error == EEXIST) &&
+        ::unlinkat(directory, to.c_str(), AT_REMOVEDIR) == 0 &&
+        ::renameat(directory, from.c_str(), directory, to.c_str()) == 0)
+        return kSuccess;
+    return FileStatus(error);
+}
+
+ZOVRELAY_Status WriteWholeFileAt(int directory, const std::string& name, const std::string& text) {
+    TemporaryFile temporary;
+    ZOVRELAY_Status status = temporary.Create(directory, "." + name + ".", ".tmp");
+    if (status > 0) status = temporary.Write(text.data(), text.size());
+    if (status > 0) status = temporary.ReplaceInto(name);
+    return status;
+}
+
+bool RemoveAt(int directory, const std::string& name) {
+    if (::unlinkat(directory, name.c_str(), 0) == 0 || errno == ENOENT) return true;
+    return (errno == EISDIR || errno == EPERM) && ::unlinkat(directory, name.c_str(), AT_REMOVEDIR) == 0;
 }
 
 std::string DirectoryOf(const std::string& path) {
@@ -20,28 +150,6 @@ std::string DirectoryOf(const std::string& path) {
 std::string NameOf(const std::string& path) {
     const size_t slash = path.rfind('/');
     return slash == std::string::npos ? path : path.substr(slash + 1);
-}
-
-// No fsync: a killed run cannot leave a half-written file behind a rename, since the kernel keeps
-// what was written. Against power loss the next run re-verifies every archive it touches and
-// replaces what fails, so syncing each package (which forces every byte to disk within the mirror)
-// buys little for its cost.
-ZOVRELAY_Status ReplaceFile(const std::string& from, const std::string& to) {
-    return ::rename(from.c_str(), to.c_str()) == 0 ? kSuccess : kIoError;
-}
-
-ZOVRELAY_Status WriteWholeFile(const std::string& path, const std::string& text) {
-    const int fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666);
-    if (fd < 0) return kIoError;
-    size_t written = 0;
-    while (written < text.size()) {
-        const ssize_t n = ::write(fd, text.data() + written, text.size() - written);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) break;
-        written += static_cast<size_t>(n);
-    }
-    const bool closed = ::close(fd) == 0;
-    return written == text.size() && closed ? kSuccess : kIoError;
 }
 
 }  // namespace localrelay

@@ -1,39 +1,94 @@
-// File operations that make a repository change all at once: temporaries that vanish unless
-// kept, and replacement by rename after the data reached the disk.
+// Safe file operations inside a directory we opened: every name is resolved relative to a
+// directory descriptor and never through a symbolic link, temporaries are created exclusively
+// under fresh random names, and complete files replace old ones by rename. Nothing here follows
+// a link or reuses a name someone else planted, so a repository's content cannot redirect a write
+// or a removal outside it.
 #ifndef LOCALRELAY_FILES_H
 #define LOCALRELAY_FILES_H
 
 #include "zovrelay.h"
 
+#include <sys/types.h>
+
 #include <string>
+#include <string_view>
 
 namespace localrelay {
 
-// A path that is removed when this goes out of scope, unless Release()d first (after a rename).
+// Owns one open file descriptor; closing it drops any flock held through it.
+class FileDescriptor {
+public:
+    FileDescriptor() = default;
+    explicit FileDescriptor(int fd) : fd_(fd) {}
+    FileDescriptor(FileDescriptor&& other) noexcept : fd_(other.release()) {}
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor();
+
+    int get() const { return fd_; }
+    int release() noexcept;
+
+private:
+    int fd_ = -1;
+};
+
+// The status for a failed file operation's errno: no space and refused access are told apart
+// because their remedies differ; anything else is an i/o error.
+ZOVRELAY_Status FileStatus(int error);
+
+// Opens the real directory `name` under `directory` (a symbolic link or anything else is
+// refused): -1 with errno set otherwise.
+int OpenDirectoryAt(int directory, const std::string& name);
+// Opens the regular file `name` under `directory` for reading, without following a link and
+// without blocking on a FIFO: -1 with errno set otherwise (ELOOP, EINVAL for no regular file).
+int OpenFileAt(int directory, const std::string& name);
+
+// A fresh temporary file "<prefix><random><suffix>" created exclusively (O_EXCL, mode 0666 less
+// the umask) in `directory`, open for writing. A name that exists (planted, or a link) is never
+// reused: another random name is drawn. Removed when this goes out of scope unless Keep() is
+// called after it was renamed into place.
 class TemporaryFile {
 public:
-    explicit TemporaryFile(std::string path) : path_(std::move(path)) {}
+    TemporaryFile() = default;
     TemporaryFile(const TemporaryFile&) = delete;
     TemporaryFile& operator=(const TemporaryFile&) = delete;
     ~TemporaryFile();
 
-    const std::string& path() const { return path_; }
-    void Release() { path_.clear(); }
+    ZOVRELAY_Status Create(int directory, std::string_view prefix, std::string_view suffix);
+    int fd() const { return fd_.get(); }
+    const std::string& name() const { return name_; }
+    // Writes all of `data`; a status from FileStatus on failure.
+    ZOVRELAY_Status Write(const char* data, size_t size);
+    ZOVRELAY_Status Close();  // kIoError (or a FileStatus) when the kernel reports a late error
+    // Renames the complete file over `target` in the same directory and keeps it.
+    ZOVRELAY_Status ReplaceInto(const std::string& target);
+    void Keep() { name_.clear(); }
 
 private:
-    std::string path_;
+    int directory_ = -1;
+    std::string name_;
+    FileDescriptor fd_;
 };
+
+// Renames `from` over `to`, both under `directory`: readers see the old file or the new one. A
+// directory in the way (planted) is removed when empty; otherwise the rename fails.
+ZOVRELAY_Status ReplaceAt(int directory, const std::string& from, const std::string& to);
+
+// Writes `text` as the file `name` of `directory` through a fresh temporary
+// ".<name>.<random>.tmp" and a rename: readers see the old content or the new, whole.
+ZOVRELAY_Status WriteWholeFileAt(int directory, const std::string& name, const std::string& text);
+
+// Removes the name `name` under `directory`: a file, a link (never its target), or an empty
+// directory. False when it stays.
+bool RemoveAt(int directory, const std::string& name);
+
+// Random lower-case hexadecimal characters for temporary names.
+std::string RandomName(size_t length = 12);
 
 // Directory part and name of a path ("/a/b" gives "/a" and "b").
 std::string DirectoryOf(const std::string& path);
 std::string NameOf(const std::string& path);
-
-// Renames the complete file `from` over `to`: readers see the old file or the new one, never a
-// part. kIoError when the rename fails.
-ZOVRELAY_Status ReplaceFile(const std::string& from, const std::string& to);
-
-// Creates or truncates `path` and writes `text` whole.
-ZOVRELAY_Status WriteWholeFile(const std::string& path, const std::string& text);
 
 }  // namespace localrelay
 

@@ -6,10 +6,14 @@
 #include "repository.h"
 #include "status.h"
 
+#include "verification.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
 #include <unistd.h>
+
+#include <ctime>
 
 #include <algorithm>
 #include <memory>
@@ -45,6 +49,17 @@ void AddWanted(Plan& plan, const Catalog& catalog, const Product& product, const
     if (plan.listed.emplace(productIndex, index).second) plan.perProduct[productIndex].push_back(index);
 }
 
+// A component named at its newest catalog version brings the catalog's older versions along: a
+// mirror keeps what its source keeps (as many as maxmerge allows), so a chain of repositories
+// passes every held version on, not only the newest.
+void AddWithOlder(Plan& plan, const Catalog& catalog, const ComponentIndex& index, const Product& product,
+                  const Component* component) {
+    AddWanted(plan, catalog, product, component);
+    if (component != FindComponent(index, component->identity, Version{})) return;
+    for (const Component* older : index.at(component->identity))
+        if (older != component) AddWanted(plan, catalog, product, older);
+}
+
 // Fails (kNotFound) before anything is downloaded when any part of the request names nothing.
 ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* products, size_t count, Plan& plan) {
     const ComponentIndex index = IndexComponents(catalog);
@@ -55,7 +70,7 @@ ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* product
         if (products[r].componentCount == 0) {
             for (const Product* product : matched)
                 for (const Identity& identity : product->components)
-                    AddWanted(plan, catalog, *product, FindComponent(index, identity, Version{}));
+                    AddWithOlder(plan, catalog, index, *product, FindComponent(index, identity, Version{}));
             continue;
         }
         std::vector<std::set<Identity>> contents;  // of each matched product
@@ -68,7 +83,7 @@ ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* product
                 if (contents[m].count(IdentityOf(requested)) == 0) continue;
                 const Component* component = FindComponent(index, IdentityOf(requested), VersionOf(requested));
                 if (component == nullptr) continue;
-                AddWanted(plan, catalog, *product, component);
+                AddWithOlder(plan, catalog, index, *product, component);
                 found = true;
             }
             if (!found) return kNotFound;
@@ -88,62 +103,107 @@ void SortNewestFirst(std::vector<HeldVersion>& versions) {
               [](const HeldVersion& a, const HeldVersion& b) { return b.version < a.version; });
 }
 
+// A verified part file in packages/, removed unless Release()d (after it was renamed).
+class Part {
+public:
+    Part(int directory, std::string name) : packages_(directory), name_(std::move(name)) {}
+    Part(const Part&) = delete;
+    Part& operator=(const Part&) = delete;
+    ~Part() {
+        if (!name_.empty()) ::unlinkat(packages_, name_.c_str(), 0);
+    }
+    const std::string& name() const { return name_; }
+    void Release() { name_.clear(); }
+
+private:
+    int packages_;
+    std::string name_;
+};
+
 class Mirrorer {
 public:
-    Mirrorer(const std::string& repository, const Options& options, const Events& events, const LoadedSource& source,
-             Alternates* alternates)
-        : repository_(repository), packages_(repository + "/packages"), options_(options), events_(events),
-          source_(source), alternates_(alternates) {}
-    ~Mirrorer() {
-        if (directory_ >= 0) ::close(directory_);
-    }
+    Mirrorer(const Repository& repository, const Options& options, const Events& events, const LoadedSource& source,
+             RunLog* log, Alternates* alternates)
+        : log_(log), root_(repository.directory.get()), packages_(repository.packages.get()),
+          packagesPath_(repository.path + "/packages"), options_(options), events_(events), source_(source),
+          alternates_(alternates), verified_(ReadVerification(root_)), now_(int64_t(std::time(nullptr))) {}
 
     ZOVRELAY_Status Run(const Plan& plan);
     const std::map<Identity, Manifest>& held() const { return final_; }
+    const std::vector<std::string>& leaving() const { return leaving_; }
 
 private:
     struct Group {
         Identity identity;
         std::vector<const Wanted*> wanted;
         std::vector<const Component*> downloads;
+        std::vector<Version> damaged;  // held versions that no longer verify: the archive is rewritten
     };
 
-    std::string Packages(const std::string& name) const { return packages_ + "/" + name; }
     // The component's merged archive; nullptr when there is none we can trust, which is then replaced.
     std::unique_ptr<MergedArchive> OpenMerged(const Identity& identity) const {
-        std::unique_ptr<MergedArchive> archive = MergedArchive::Open(Packages(MergedArchiveName(identity)));
+        std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages_, MergedArchiveName(identity));
         return archive != nullptr && archive->manifest().identity == identity ? std::move(archive) : nullptr;
     }
     void Note(ZOVRELAY_Status status) {
         if (failure_ > 0) failure_ = status;
     }
-    bool Blacklisted(const Component& component) const { return IsBlacklisted(options_, component.path); }
-    void Decide(Group& group) const;
+    bool Blacklisted(const Component& component) const { return IsBlacklisted(options_, component.PackagePath()); }
+    void Decide(Group& group);
     ZOVRELAY_Status Download(const std::vector<Group>& groups);
     ZOVRELAY_Status CheckSpace(const std::vector<Group>& groups) const;
     ZOVRELAY_Status Store(const Group& group);
     ZOVRELAY_Status KeepVersionArchives(const Group& group, const Manifest& manifest,
-                                        std::map<Version, std::unique_ptr<TemporaryFile>>& parts);
+                                        std::map<Version, std::unique_ptr<Part>>& parts);
+    void CheckVersionArchives();
+    void Log(const Identity& identity, const HeldVersion& held, const char* action, ZOVRELAY_Status status,
+             const localrelay::Download* d = nullptr) {
+        if (log_ == nullptr) return;
+        log_->packages.push_back(PackageOutcome{held.path, FormatIdentity(identity), FormatVersion(held.version),
+                                                d != nullptr ? d->address : source_.address, action, held.size,
+                                                d != nullptr ? d->received : 0, d != nullptr ? d->seconds : 0, status,
+                                                d != nullptr && status <= 0 ? d->reason : std::string()});
+    }
 
-    std::string repository_, packages_;
+    RunLog* log_;
+    int root_, packages_;
+    std::string packagesPath_;
     const Options& options_;
     const Events& events_;
     const LoadedSource& source_;
     Alternates* alternates_;
+    std::optional<Catalog> reloaded_;  // the source's catalog read again after a byte range failed
+    bool reloadTried_ = false;
+    VerificationRecord verified_;
+    int64_t now_;
     std::map<Identity, Manifest> final_;
+    ServedCatalog served_;  // what source.ini says now
+    std::vector<std::string> leaving_;
     ZOVRELAY_Status failure_ = kSuccess;
-    int directory_ = -1;  // packages/
     std::vector<localrelay::Download> downloads_;
     std::map<const Component*, const localrelay::Download*> downloaded_;  // verified parts
 };
 
 // What to download: the wanted versions that will be among the newest kept and that the merged
 // archive does not hold with the same digest. An older version would be dropped again at once.
-void Mirrorer::Decide(Group& group) const {
+// An archive that changed since it was last read back in full, or was not read for a week, is
+// verified now: a version that fails counts as not held, so it is downloaded again (healed).
+void Mirrorer::Decide(Group& group) {
     const std::unique_ptr<MergedArchive> archive = OpenMerged(group.identity);
     std::vector<Version> candidates;
-    if (archive != nullptr)
-        for (const HeldVersion& held : archive->manifest().versions) candidates.push_back(held.version);
+    std::vector<Version>& damaged = group.damaged;
+    if (archive != nullptr) {
+        const std::string name = MergedArchiveName(group.identity);
+        const bool verify = NeedsVerification(verified_, name, archive->file(), now_);
+        for (const HeldVersion& held : archive->manifest().versions) {
+            if (verify && archive->Verify(held) <= 0) {
+                damaged.push_back(held.version);
+                continue;
+            }
+            candidates.push_back(held.version);
+        }
+        if (verify && damaged.empty()) verified_[name] = Verified{archive->file(), now_};
+    }
     for (const Wanted* wanted : group.wanted)
         if (!Blacklisted(*wanted->component)) candidates.push_back(wanted->component->version);
     std::sort(candidates.rbegin(), candidates.rend());
@@ -156,27 +216,28 @@ void Mirrorer::Decide(Group& group) const {
             std::find(candidates.begin(), candidates.end(), component.version) == candidates.end())
             continue;
         const HeldVersion* held = archive != nullptr ? archive->manifest().Find(component.version) : nullptr;
-        if (held == nullptr || held->sha256 != component.sha256 || held->size != component.size)
+        const bool broken = std::find(damaged.begin(), damaged.end(), component.version) != damaged.end();
+        if (held == nullptr || broken || held->sha256 != component.sha256 || held->size != component.size)
             group.downloads.push_back(&component);
     }
 }
 
 ZOVRELAY_Status Mirrorer::Store(const Group& group) {
     const Identity& identity = group.identity;
-    const std::string merged = Packages(MergedArchiveName(identity));
+    const std::string merged = MergedArchiveName(identity);
     std::unique_ptr<MergedArchive> previous = OpenMerged(identity);
     Manifest manifest;
     if (previous != nullptr) manifest = previous->manifest();
     manifest.identity = identity;
 
     // The verified downloads, in hidden part files that go unless kept.
-    std::map<Version, std::unique_ptr<TemporaryFile>> parts;
+    std::map<Version, std::unique_ptr<Part>> parts;
     std::map<Version, std::string> files;
     for (const Component* component : group.downloads) {
         const auto done = downloaded_.find(component);
         if (done == downloaded_.end()) continue;
-        files[component->version] = Packages(done->second->part);
-        parts[component->version] = std::make_unique<TemporaryFile>(Packages(done->second->part));
+        files[component->version] = done->second->part;
+        parts[component->version] = std::make_unique<Part>(packages_, done->second->part);
     }
 
     Manifest next = manifest;
@@ -186,7 +247,8 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
         next.versions.erase(std::remove_if(next.versions.begin(), next.versions.end(),
                                            [&](const HeldVersion& h) { return h.version == component->version; }),
                             next.versions.end());
-        next.versions.push_back(HeldVersion{component->version, component->path, component->size, component->sha256});
+        next.versions.push_back(
+            HeldVersion{component->version, component->PackagePath(), component->size, component->sha256});
     }
     SortNewestFirst(next.versions);
     if (next.versions.size() > options_.VersionsKept()) next.versions.resize(options_.VersionsKept());
@@ -202,7 +264,8 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
     std::sort(next.products.begin(), next.products.end(),
               [](const ProductRef& a, const ProductRef& b) { return a.identity < b.identity; });
 
-    if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest))) {
+    if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest) ||
+                                   !files.empty() || !group.damaged.empty())) {
         // Copies of versions that no longer verify would fail the new archive's own check:
         // leave them out, so a damaged repository heals on the next run.
         for (auto held = next.versions.begin(); held != next.versions.end();) {
@@ -216,51 +279,85 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
             held = next.versions.erase(held);
         }
         if (next.versions.empty()) return kSuccess;
-        TemporaryFile temporary(Packages(MergedTemporaryName(identity)));
-        ZOVRELAY_Status status = WriteMergedArchive(temporary.path(), next, files, previous.get());
+        TemporaryFile temporary;
+        ZOVRELAY_Status status = temporary.Create(packages_, TemporaryPrefix(merged), kTemporarySuffix);
+        if (status > 0) status = WriteMergedArchive(packages_, temporary.fd(), temporary.name(), next, files, previous.get());
+        // source.ini must never name a range of the archive being replaced: it stops listing the
+        // component first, and lists its new ranges once the new archive is in place.
+        if (status > 0 && served_.erase(identity) != 0)
+            status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
         if (status > 0) {
             previous.reset();
-            status = ReplaceFile(temporary.path(), merged);
+            status = temporary.ReplaceInto(merged);
+        }
+        if (status > 0) {
+            served_[identity] = Served(packages_, next);
+            status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
         }
         if (status <= 0) {
             if (StopsTheRun(status)) return status;
             Note(status);
             return kSuccess;
         }
-        temporary.Release();
+        // Every entry was read back before the rename: the archive is verified as it is now.
+        if (const std::unique_ptr<MergedArchive> written = OpenMerged(identity))
+            verified_[merged] = Verified{written->file(), now_};
     }
     final_[identity] = next;
     return KeepVersionArchives(group, next, parts);
 }
 
+// Per-version archives are made only for versions this run downloaded: a version held already is
+// served from its merged archive, and rebuilding the copies the module's clean-up deletes would
+// write and delete the same files every night. Pruning beyond keepcount happens after the index
+// stops naming the files (see Mirror's caller).
 ZOVRELAY_Status Mirrorer::KeepVersionArchives(const Group& group, const Manifest& manifest,
-                                              std::map<Version, std::unique_ptr<TemporaryFile>>& parts) {
+                                              std::map<Version, std::unique_ptr<Part>>& parts) {
     if (options_.buildPatch != 0) {
-        std::unique_ptr<MergedArchive> merged;
-        for (const Wanted* wanted : group.wanted) {
-            const Version& version = wanted->component->version;
-            const HeldVersion* held = manifest.Find(version);
-            if (held == nullptr || Blacklisted(*wanted->component)) continue;
-            const std::string target = Packages(VersionArchiveName(group.identity, version));
-            ZOVRELAY_Status status = kSuccess;
-            const auto part = parts.find(version);
-            if (part != parts.end()) {
-                status = ReplaceFile(part->second->path(), target);
-                if (status > 0) part->second->Release();
-            } else if (::access(target.c_str(), F_OK) != 0) {
-                // Held already (the module's clean-up removes these copies): rebuild it locally.
-                if (merged == nullptr) merged = OpenMerged(group.identity);
-                status = merged == nullptr ? kIntegrityFailed
-                                           : ExtractToFile(*merged, *held, Packages(PartName(group.identity, version)),
-                                                           target);
-            }
+        for (auto& [version, part] : parts) {
+            if (manifest.Find(version) == nullptr) continue;
+            const std::string target = VersionArchiveName(group.identity, version);
+            struct stat info {};
+            // Republished (or healed) bytes replace a file the index may name: it stops naming it first.
+            if (::fstatat(packages_, target.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+                WriteCatalogs(root_, packages_, ReadHeld(packages_), {target});
+            const ZOVRELAY_Status status = ReplaceAt(packages_, part->name(), target);
+            if (status > 0) part->Release();
             if (StopsTheRun(status)) return status;
             if (status <= 0) Note(status);
         }
     }
-    if (options_.keepCount > 0)
-        return PruneVersionArchives(packages_, group.identity, size_t(options_.keepCount), events_);
+    if (options_.keepCount > 0) {
+        const std::vector<std::pair<Version, std::string>> archives = VersionArchives(packages_, group.identity);
+        for (size_t i = 0; i + size_t(options_.keepCount) < archives.size(); ++i) leaving_.push_back(archives[i].second);
+    }
     return kSuccess;
+}
+
+// Per-version archives follow the same verification policy, checked against their merged
+// archive's manifest: one whose bytes differ is written again from the merged archive (removed when
+// that fails), so the index never names garbage.
+void Mirrorer::CheckVersionArchives() {
+    for (const auto& [identity, archives] : AllVersionArchives(packages_)) {
+        const auto served = served_.find(identity);
+        std::unique_ptr<MergedArchive> merged;
+        for (const auto& [version, name] : archives) {
+            const HeldVersion* held = served != served_.end() ? served->second.manifest.Find(version) : nullptr;
+            const FileDescriptor fd(OpenFileAt(packages_, name));
+            const std::optional<FileIdentity> file = fd.get() >= 0 ? FileIdentityOf(fd.get()) : std::nullopt;
+            if (held == nullptr || !file || !NeedsVerification(verified_, name, *file, now_)) continue;
+            if (FileMatches(fd.get(), held->size, held->sha256)) {
+                verified_[name] = Verified{*file, now_};
+                continue;
+            }
+            if (merged == nullptr) merged = OpenMerged(identity);
+            const ZOVRELAY_Status status =
+                merged != nullptr ? ExtractInto(*merged, *held, packages_, TemporaryPrefix(name), kTemporarySuffix, name)
+                                  : kIntegrityFailed;
+            if (status <= 0) RemoveAt(packages_, name);
+            Log(identity, *held, "heal", status);
+        }
+    }
 }
 
 ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
@@ -269,9 +366,10 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
     for (const Wanted& wanted : plan.wanted) {
         const Identity& identity = wanted.component->identity;
         const auto [at, added] = groupOf.emplace(identity, groups.size());
-        if (added) groups.push_back(Group{identity, {}, {}});
+        if (added) groups.push_back(Group{identity, {}, {}, {}});
         groups[at->second].wanted.push_back(&wanted);
     }
+    served_ = ServedOf(packages_, ReadHeld(packages_));
     uint64_t planned = 0;
     for (Group& group : groups) {
         Decide(group);
@@ -279,24 +377,31 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
     }
     if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOAD, source_.address, planned, 0)) return kCancelled;
     ZOVRELAY_Status status = Download(groups);
-    if (status <= 0) return status;
-    // Parts of packages this run still wants stay for the next run to continue; others go.
-    RemoveUnplannedParts(directory_, downloads_);
-    return failure_;
+    if (status > 0) {
+        // Parts of packages this run still wants stay for the next run to continue; others go.
+        RemoveUnplannedParts(packages_, downloads_);
+        CheckVersionArchives();
+    }
+    // Archives gone since they were recorded need no record.
+    for (auto record = verified_.begin(); record != verified_.end();) {
+        struct stat info {};
+        if (::fstatat(packages_, record->first.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) record = verified_.erase(record);
+        else ++record;
+    }
+    WriteVerification(root_, verified_);  // without it the next run verifies again: no harm
+    return status <= 0 ? status : failure_;
 }
 
 // Every package the plan lacks, from one queue. A component's merged archive is written as soon
 // as its last download ended, so that a run cut short keeps every component it completed.
 ZOVRELAY_Status Mirrorer::Download(const std::vector<Group>& groups) {
-    directory_ = ::open(packages_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
-    if (directory_ < 0) return kRepositoryNotAccessible;
     std::vector<const Component*> components;
     std::vector<size_t> groupOf, pending(groups.size());
     for (const Group& group : groups) {
         pending[size_t(&group - groups.data())] = group.downloads.size();
         for (const Component* component : group.downloads) {
             localrelay::Download d;
-            d.information = component->path;
+            d.information = component->PackagePath();
             d.address = JoinAddress(source_.address, component->path);
             d.settings = &source_.settings;
             d.offset = component->offset;
@@ -316,32 +421,55 @@ ZOVRELAY_Status Mirrorer::Download(const std::vector<Group>& groups) {
     }
     // A package the serving source could not deliver is taken from the next source that lists
     // the same version with the same size and SHA-256, in further rounds.
+    // A byte range of a repository source that does not match its catalog means the source
+    // replaced that archive since we read its catalog: the catalog is read again, once per run,
+    // and the range it names now is tried instead.
     std::vector<size_t> sourceOf(downloads_.size(), 0);
+    std::vector<bool> rangeRetried(downloads_.size(), false);
     std::vector<std::pair<size_t, localrelay::Download>> again;
+    auto retry = [&](size_t i, const LoadedSource& from, const Component& listed) {
+        localrelay::Download next = downloads_[i];
+        next.address = JoinAddress(from.address, listed.path);
+        next.settings = &from.settings;
+        next.offset = listed.offset;
+        again.emplace_back(i, std::move(next));
+        return kSuccess;
+    };
     auto settle = [&](size_t i) -> ZOVRELAY_Status {
         localrelay::Download& d = downloads_[i];
+        const Component& component = *components[i];
+        if (d.status == kIntegrityFailed && d.offset != 0 && sourceOf[i] == 0 && !rangeRetried[i]) {
+            rangeRetried[i] = true;
+            if (!reloadTried_) {
+                reloadTried_ = true;
+                reloaded_ = ReloadCatalog(source_);
+            }
+            if (reloaded_)
+                for (const Component& fresh : reloaded_->components)
+                    if (fresh.identity == component.identity && fresh.version == component.version &&
+                        fresh.sha256 == component.sha256 && fresh.size == component.size)
+                        return retry(i, source_, fresh);
+        }
         const LoadedSource* other = nullptr;
         const Component* listed = nullptr;
-        if (d.status <= 0 && alternates_ != nullptr && alternates_->Find(*components[i], sourceOf[i], other, listed)) {
-            localrelay::Download next = d;
-            next.address = JoinAddress(other->address, listed->path);
-            next.settings = &other->settings;
-            next.offset = listed->offset;
-            again.emplace_back(i, std::move(next));
-            return kSuccess;
-        }
-        if (d.status > 0) downloaded_[components[i]] = &d;
+        if (d.status <= 0 && alternates_ != nullptr && alternates_->Find(component, sourceOf[i], other, listed))
+            return retry(i, *other, *listed);
+        const Group& group = groups[groupOf[i]];
+        const bool heal = std::find(group.damaged.begin(), group.damaged.end(), component.version) != group.damaged.end();
+        Log(group.identity, HeldVersion{component.version, component.PackagePath(), component.size, component.sha256},
+            heal ? "heal" : "download", d.status, &d);
+        if (d.status > 0) downloaded_[&component] = &d;
         else Note(d.status);
-        return --pending[groupOf[i]] == 0 ? Store(groups[groupOf[i]]) : kSuccess;
+        return --pending[groupOf[i]] == 0 ? Store(group) : kSuccess;
     };
-    status = DownloadAll(downloads_, directory_, options_.maxBandwidth, events_,
+    status = DownloadAll(downloads_, packages_, options_.maxBandwidth, events_,
                          [&](localrelay::Download& d) { return settle(size_t(&d - downloads_.data())); });
     while (status > 0 && !again.empty()) {
         std::vector<size_t> original;
         std::vector<localrelay::Download> round;
         for (auto& [i, d] : again) original.push_back(i), round.push_back(std::move(d));
         again.clear();
-        status = DownloadAll(round, directory_, options_.maxBandwidth, events_, [&](localrelay::Download& d) {
+        status = DownloadAll(round, packages_, options_.maxBandwidth, events_, [&](localrelay::Download& d) {
             const size_t i = original[size_t(&d - round.data())];
             downloads_[i] = d;
             return settle(i);
@@ -355,30 +483,32 @@ ZOVRELAY_Status Mirrorer::Download(const std::vector<Group>& groups) {
 // the old one.
 ZOVRELAY_Status Mirrorer::CheckSpace(const std::vector<Group>& groups) const {
     uint64_t needed = 0;
-    for (const localrelay::Download& d : downloads_) needed += 2 * d.size - ResumableBytes(directory_, d);
+    for (const localrelay::Download& d : downloads_) needed += 2 * d.size - ResumableBytes(packages_, d);
     for (const Group& group : groups) {
         struct stat info {};
         if (!group.downloads.empty() &&
-            ::fstatat(directory_, MergedArchiveName(group.identity).c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+            ::fstatat(packages_, MergedArchiveName(group.identity).c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
             needed += uint64_t(info.st_size);
     }
     struct statvfs space {};
-    if (::fstatvfs(directory_, &space) != 0) return kSuccess;  // unknown: the writes will tell
+    if (::fstatvfs(packages_, &space) != 0) return kSuccess;  // unknown: the writes will tell
     const uint64_t available = uint64_t(space.f_bavail) * uint64_t(space.f_frsize);
     return needed <= available ? kSuccess : kNoSpace;
 }
 
 }  // namespace
 
-ZOVRELAY_Status Mirror(const std::string& repository, const Options& options, const Events& events,
+ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result, Alternates* alternates) {
+                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log,
+                       Alternates* alternates) {
     Plan plan;
     ZOVRELAY_Status status = MakePlan(source.catalog, products, count, plan);
     if (status <= 0) return status;
 
-    Mirrorer mirrorer(repository, options, events, source, alternates);
+    Mirrorer mirrorer(repository, options, events, source, log, alternates);
     status = mirrorer.Run(plan);
+    leaving = mirrorer.leaving();
     if (status <= 0) return status;
 
     for (const auto& [index, wanted] : plan.perProduct) {
@@ -388,7 +518,7 @@ ZOVRELAY_Status Mirror(const std::string& repository, const Options& options, co
         for (size_t w : wanted) {
             const Component& component = *plan.wanted[w].component;
             const auto held = mirrorer.held().find(component.identity);
-            if (IsBlacklisted(options, component.path) || held == mirrorer.held().end() ||
+            if (IsBlacklisted(options, component.PackagePath()) || held == mirrorer.held().end() ||
                 held->second.Find(component.version) == nullptr)
                 continue;
             item.components.push_back(EntityOf(component.identity, component.version));

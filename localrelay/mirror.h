@@ -3,9 +3,11 @@
 #ifndef LOCALRELAY_MIRROR_H
 #define LOCALRELAY_MIRROR_H
 
+#include "context.h"
 #include "events.h"
 #include "options.h"
 #include "records.h"
+#include "runlog.h"
 #include "sources.h"
 
 #include <string>
@@ -13,12 +15,16 @@
 
 namespace localrelay {
 
-// `repository` is the context's absolute path. On success `result` holds each selected product
-// with the requested components it now holds. A product carrying components mirrors exactly
-// those; one without mirrors all its components at their newest catalog version.
-ZOVRELAY_Status Mirror(const std::string& repository, const Options& options, const Events& events,
+// Works through the repository's descriptors, under its lock. On success `result` holds each
+// selected product with the requested components it now holds. A product carrying components
+// mirrors exactly those; one without mirrors all its components at their newest catalog version.
+// `log`, when given, gets each package downloaded or healed (action "download" or "heal").
+// `leaving` gets the per-version archives beyond keepcount: the caller removes them once the
+// index no longer names them.
+ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result, Alternates* alternates = nullptr);
+                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log = nullptr,
+                       Alternates* alternates = nullptr);
 
 }  // namespace localrelay
 

@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <set>
 #include <filesystem>
 
 namespace localrelay {
@@ -28,28 +29,30 @@ namespace {
 class Operation {
 public:
     explicit Operation(ZOVRELAY_Context* context)
-        : context_(context), busy_(context->running), repository_(context->repository.path),
-          options_(context->options), events_(context->events) {
+        : context_(context), busy_(context->running), options_(context->options), events_(context->events) {
         context_->running = true;
     }
     Operation(const Operation&) = delete;
     Operation& operator=(const Operation&) = delete;
     ~Operation() {
         if (busy_) return;
+        UnlockRepository(context_->repository);
         context_->running = false;
         if (context_->destroyPending) delete context_;
     }
 
     bool busy() const { return busy_; }
-    const std::string& repository() const { return repository_; }
-    std::string packages() const { return repository_ + "/packages"; }
+    // Writers take the repository's lock for the operation; readers never do.
+    ZOVRELAY_Status Lock() const { return LockRepository(context_->repository); }
+    const Repository& repository() const { return context_->repository; }
+    int root() const { return context_->repository.directory.get(); }
+    int packages() const { return context_->repository.packages.get(); }
     const Options& options() const { return options_; }
     const Events& events() const { return events_; }
 
 private:
     ZOVRELAY_Context* context_;
     bool busy_;
-    const std::string repository_;
     const Options options_;
     const Events events_;
 };
@@ -69,10 +72,10 @@ ZOVRELAY_Status HandOut(const std::vector<ListedProduct>& listed, ZOVRELAY_Infor
     return kSuccess;
 }
 
+// Takes no lock: the archive is opened once, and writers only ever replace it by rename.
 ZOVRELAY_Status Export(const Operation& operation, const std::string& destination, const ZOVRELAY_EntityItem& entity) {
     const Identity identity = IdentityOf(entity);
-    const std::unique_ptr<MergedArchive> archive =
-        MergedArchive::Open(operation.packages() + "/" + MergedArchiveName(identity));
+    const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(operation.packages(), MergedArchiveName(identity));
     if (archive == nullptr || archive->manifest().identity != identity) return kNotFound;
     const HeldVersion* chosen = nullptr;
     for (const HeldVersion& held : archive->manifest().versions) {  // newest first
@@ -85,14 +88,13 @@ ZOVRELAY_Status Export(const Operation& operation, const std::string& destinatio
 
     std::error_code error;
     std::filesystem::create_directories(destination, error);
-    if (!std::filesystem::is_directory(destination, error)) return kIoError;
+    // The destination is the caller's path, links and all; within it we create only our own
+    // exclusive temporary and rename it to the package's name.
+    const FileDescriptor directory(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.get() < 0) return kIoError;
+    RemoveAbandonedExports(directory.get());
     const std::string name = NameOf(chosen->path);
-    // The destination is not ours to lock: a unique temporary keeps concurrent exports apart.
-    std::string temporary = destination + "/." + name + ".XXXXXX";
-    const int fd = ::mkostemp(temporary.data(), O_CLOEXEC);
-    if (fd < 0) return kIoError;
-    ::close(fd);
-    return ExtractToFile(*archive, *chosen, temporary, destination + "/" + name);
+    return ExtractInto(*archive, *chosen, directory.get(), "." + name + ".", kExportSuffix, name, true);
 }
 
 }  // namespace
@@ -114,7 +116,7 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
         std::vector<ListedProduct> listed;
         ZOVRELAY_Status status;
         if (sourceCount == 0) {
-            status = ListRepository(ReadHeld(operation.packages()), products, productCount, listed);
+            status = ListRepository(ReadHeld(operation.packages()), products, productCount, listed);  // no lock
         } else {
             LoadedSource source;
             status = LoadSource(sources, sourceCount, operation.options(), source);
@@ -133,10 +135,12 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
     return Guard([&]() -> ZOVRELAY_Status {
         const Operation operation(context);
         if (operation.busy()) return kRepositoryBusy;
+        ZOVRELAY_Status status = operation.Lock();
+        if (status <= 0) return status;
         std::vector<ListedProduct> result;
+        std::vector<std::string> leaving;
         // Zero products mirror nothing: a filtered mirror that kept nothing must never become a
         // full mirror.
-        ZOVRELAY_Status status = kSuccess;
         if (productCount > 0) {
             Pool pool;  // the catalog's connection serves the packages too
             LoadedSource source;
@@ -145,11 +149,19 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
             Alternates alternates(sources, sourceCount, served, operation.options(), &pool);
             if (status > 0)
                 status = Mirror(operation.repository(), operation.options(), operation.events(), source, products,
-                                productCount, result, &alternates);
+                                productCount, result, leaving, nullptr, &alternates);
         }
-        // The index follows the archives whatever happened: what was stored before a failure stays.
-        const ZOVRELAY_Status indexed = WriteIndex(operation.repository(), ReadHeld(operation.packages()));
+        // The catalogs follow the archives whatever happened: what was stored before a failure
+        // stays. Per-version archives beyond keepcount go only once the index no longer names them.
+        const ZOVRELAY_Status indexed = WriteCatalogs(operation.root(), operation.packages(),
+                                                      ReadHeld(operation.packages()),
+                                                      std::set<std::string>(leaving.begin(), leaving.end()));
         if (status > 0 && indexed <= 0) status = indexed;
+        if (indexed > 0 && status != kCancelled) {
+            const ZOVRELAY_Status pruned = RemoveVersionArchives(operation.packages(), operation.repository().path + "/packages",
+                                                                 leaving, operation.events());
+            if (status > 0 && pruned <= 0) status = pruned;
+        }
         return status > 0 ? HandOut(result, information) : status;
     });
 }

@@ -1,4 +1,5 @@
 #include "package.h"
+#include "files.h"
 #include "status.h"
 
 #include <fcntl.h>
@@ -54,17 +55,25 @@ ZOVRELAY_Status CheckingSink::Check(const std::string& sha256) {
     return digest_.HexDigest() == sha256 ? kSuccess : kIntegrityFailed;
 }
 
-PackageSink::PackageSink(std::string path, uint64_t expectedSize, const Events& events, std::string information)
-    : CheckingSink(expectedSize), path_(std::move(path)), events_(events), information_(std::move(information)) {}
+PackageSink::PackageSink(int directory, std::string name, uint64_t expectedSize, const Events& events,
+                         std::string information)
+    : CheckingSink(expectedSize), directory_(directory), name_(std::move(name)), events_(events),
+      information_(std::move(information)) {}
 
 PackageSink::~PackageSink() {
     if (fd_ >= 0) ::close(fd_);
-    if (!keep_) ::unlink(path_.c_str());
+    if (created_ && !keep_) ::unlinkat(directory_, name_.c_str(), 0);
 }
 
 ZOVRELAY_Status PackageSink::Open() {
-    fd_ = ::open(path_.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOFOLLOW, 0666);
-    return fd_ >= 0 ? kSuccess : kIoError;
+    RemoveAt(directory_, name_);
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        fd_ = ::openat(directory_, name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
+        if (fd_ >= 0) return created_ = true, kSuccess;
+        if (errno != EEXIST) break;
+        name_ = "." + RandomName() + name_;  // something we cannot remove is in the way
+    }
+    return FileStatus(errno);
 }
 
 bool PackageSink::Write(const char* data, size_t size) {

@@ -42,12 +42,14 @@ protected:
     Sha256 digest_;
 };
 
-// The package sink: writes to `path` (created, or truncated when a stale one is there), raises
+// The package sink: writes to the file `name` of `directory`, created exclusively (whatever was
+// under that name, a stale part, a link or a hard link, is removed first and never written
+// through; a name that cannot be cleared is passed over for a fresh random one), raises
 // "progress" at most every 64 KiB and once at the end, and removes the file unless Finish()
 // succeeded and the caller took it with Release().
 class PackageSink : public CheckingSink {
 public:
-    PackageSink(std::string path, uint64_t expectedSize, const Events& events, std::string information);
+    PackageSink(int directory, std::string name, uint64_t expectedSize, const Events& events, std::string information);
     PackageSink(const PackageSink&) = delete;
     PackageSink& operator=(const PackageSink&) = delete;
     ~PackageSink() override;
@@ -56,17 +58,19 @@ public:
     bool Write(const char* data, size_t size) override;
     // After a complete transfer: the last progress event, the checks, and the data on disk.
     ZOVRELAY_Status Finish(const std::string& sha256);
-    const std::string& path() const { return path_; }
+    const std::string& name() const { return name_; }
     void Release() { keep_ = true; }
 
 private:
-    std::string path_;
+    int directory_;
+    std::string name_;
     const Events& events_;
     std::string information_;
     int fd_ = -1;
     uint64_t reported_ = 0;
     bool reportedOnce_ = false;
     bool keep_ = false;
+    bool created_ = false;  // the file is ours to remove
 };
 
 }  // namespace localrelay

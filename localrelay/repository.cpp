@@ -3,32 +3,55 @@
 #include "files.h"
 #include "package.h"
 #include "status.h"
+#include "ziplayout.h"
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <set>
+#include <ctime>
 
 namespace localrelay {
 namespace {
 
-constexpr std::string_view kIndexTemporary = ".server.ini.tmp";
 constexpr std::string_view kMergedSuffix = "_merged.zip";
 
 bool EndsWith(std::string_view text, std::string_view suffix) {
     return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
 }
 
-// Calls `visit` with the name of every entry of a directory; quietly nothing when it cannot be read.
+// Calls `visit` with the name of every entry of `directory`, read through a fresh open of it (a
+// dup would share, and move, the descriptor's position); quietly nothing when it cannot be read.
 template <class Visit>
-void ForEachEntry(DIR* directory, Visit&& visit) {
-    if (directory == nullptr) return;
-    while (const dirent* entry = ::readdir(directory)) visit(std::string_view(entry->d_name));
-    ::closedir(directory);
+void ForEachEntry(int directory, Visit&& visit) {
+    const int fd = OpenDirectoryAt(directory, ".");
+    DIR* listing = fd >= 0 ? ::fdopendir(fd) : nullptr;
+    if (listing == nullptr) {
+        if (fd >= 0) ::close(fd);
+        return;
+    }
+    while (const dirent* entry = ::readdir(listing)) {
+        const std::string_view name(entry->d_name);
+        if (name != "." && name != "..") visit(name);
+    }
+    ::closedir(listing);
 }
+
+// Hands the package's bytes to a temporary file (the archive checks them on the way).
+class FileSink : public ChunkSink {
+public:
+    explicit FileSink(TemporaryFile& file) : file_(file) {}
+    bool Write(const char* data, size_t size) override {
+        stopStatus = file_.Write(data, size);
+        return stopStatus > 0;
+    }
+
+private:
+    TemporaryFile& file_;
+};
 
 }  // namespace
 
@@ -44,62 +67,139 @@ std::string PartName(const Identity& identity, const Version& version) {
     return "." + FormatIdentity(identity) + "_" + FormatVersion(version) + ".part";
 }
 
-std::string MergedTemporaryName(const Identity& identity) { return "." + FormatIdentity(identity) + "_merged.tmp"; }
+std::string TemporaryPrefix(std::string_view name) { return "." + std::string(name) + "."; }
 
-void RemoveStaleTemporaries(int repositoryDirectory) {
-    ::unlinkat(repositoryDirectory, std::string(kIndexTemporary).c_str(), 0);
-    const int packages = ::openat(repositoryDirectory, "packages", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (packages < 0) return;
-    const int listing = ::dup(packages);
-    ForEachEntry(listing >= 0 ? ::fdopendir(listing) : nullptr, [&](std::string_view name) {
-        const std::string file(name);
-        struct stat info {};
-        // A part with its resume record is kept: the next mirror continues it, and removes it
-        // when it no longer wants it.
-        if (IsTemporaryName(name) && !IsResumablePart(packages, file) && ::fstatat(packages, file.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
-            S_ISREG(info.st_mode))
-            ::unlinkat(packages, file.c_str(), 0);
-    });
-    ::close(packages);
+namespace {
+
+// In the root only the temporaries of our own files count: someone else's ".notes.tmp" stays.
+bool IsRootTemporaryName(std::string_view name) {
+    for (const std::string_view file : {kIndexName, kSourceCatalogName, ".verified"}) {
+        const std::string prefix = TemporaryPrefix(file);
+        if (name.size() > prefix.size() && name.substr(0, prefix.size()) == prefix && EndsWith(name, kTemporarySuffix))
+            return true;
+    }
+    return name == ".server.ini.tmp";  // from earlier versions
 }
 
-std::map<Identity, Manifest> ReadHeld(const std::string& packages) {
+}  // namespace
+
+void RemoveStaleTemporaries(int root, int packages) {
+    for (const int directory : {root, packages}) {
+        std::vector<std::string> stale;
+        ForEachEntry(directory, [&](std::string_view name) {
+            // A part with its resume record is kept: the next mirror continues it, and removes it
+            // when it no longer wants it.
+            if (directory == root ? IsRootTemporaryName(name)
+                                  : IsTemporaryName(name) && !IsResumablePart(packages, std::string(name)))
+                stale.emplace_back(name);
+        });
+        // What cannot be removed (a full directory planted under such a name) stays: temporaries
+        // are always created under fresh names, so it is in nobody's way.
+        for (const std::string& name : stale) RemoveAt(directory, name);
+    }
+}
+
+std::map<Identity, Manifest> ReadHeld(int packages) {
     std::map<Identity, Manifest> held;
-    ForEachEntry(::opendir(packages.c_str()), [&](std::string_view name) {
+    ForEachEntry(packages, [&](std::string_view name) {
         if (!EndsWith(name, kMergedSuffix)) return;
         const std::optional<Identity> identity = ParseIdentity(name.substr(0, name.size() - kMergedSuffix.size()));
         if (!identity) return;
-        const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages + "/" + std::string(name));
+        const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages, std::string(name));
         if (archive != nullptr && archive->manifest().identity == *identity && !archive->manifest().versions.empty())
             held.emplace(*identity, archive->manifest());
     });
     return held;
 }
 
-ZOVRELAY_Status WriteIndex(const std::string& repository, const std::map<Identity, Manifest>& held) {
-    Catalog index;
-    std::map<std::pair<Identity, Version>, std::vector<Identity>> products;
-    for (const auto& [identity, manifest] : held) {
-        const HeldVersion& newest = manifest.versions.front();
-        index.components.push_back(Component{manifest.section, identity, newest.version,
-                                             "packages/" + VersionArchiveName(identity, newest.version), newest.size,
-                                             newest.sha256});
-        for (const ProductRef& product : manifest.products)
-            products[{product.identity, product.version}].push_back(identity);
+ServedComponent Served(int packages, const Manifest& manifest) {
+    ServedComponent served{manifest, {}};
+    const std::string merged = MergedArchiveName(manifest.identity);
+    const int fd = OpenFileAt(packages, merged);
+    const std::optional<std::map<std::string, EntryRange>> ranges = fd >= 0 ? ReadEntryRanges(fd) : std::nullopt;
+    if (fd >= 0) ::close(fd);
+    if (!ranges) return served;  // an archive we cannot read the layout of serves nothing
+    for (const HeldVersion& held : manifest.versions) {
+        const auto range = ranges->find(EntryName(held));
+        if (range == ranges->end() || !range->second.stored || range->second.size != held.size) continue;
+        served.versions.push_back(Component{manifest.section, manifest.identity, held.version, "packages/" + merged,
+                                            held.size, held.sha256, range->second.offset, held.path});
     }
-    for (auto& [product, components] : products) index.products.push_back(Product{product.first, product.second, components});
-
-    TemporaryFile temporary(repository + "/" + std::string(kIndexTemporary));
-    ZOVRELAY_Status status = WriteWholeFile(temporary.path(), FormatCatalog(index));
-    if (status > 0) status = ReplaceFile(temporary.path(), repository + "/server.ini");
-    if (status > 0) temporary.Release();
-    return status;
+    return served;
 }
 
-std::vector<std::pair<Version, std::string>> VersionArchives(const std::string& packages, const Identity& identity) {
+ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held) {
+    ServedCatalog served;
+    for (const auto& [identity, manifest] : held) served.emplace(identity, Served(packages, manifest));
+    return served;
+}
+
+namespace {
+
+// Every recorded product, naming those of its components that the catalog lists.
+void AddProducts(Catalog& catalog, const std::vector<const Manifest*>& manifests) {
+    std::map<std::pair<Identity, Version>, std::vector<Identity>> products;
+    for (const Manifest* manifest : manifests)
+        for (const ProductRef& product : manifest->products) products[{product.identity, product.version}];
+    for (const Manifest* manifest : manifests)
+        if (std::any_of(catalog.components.begin(), catalog.components.end(),
+                        [&](const Component& c) { return c.identity == manifest->identity; }))
+            for (const ProductRef& product : manifest->products)
+                products[{product.identity, product.version}].push_back(manifest->identity);
+    for (auto& [product, components] : products) catalog.products.push_back(Product{product.first, product.second, components});
+}
+
+}  // namespace
+
+std::string FormatSourceCatalog(const ServedCatalog& served) {
+    Catalog catalog;
+    std::vector<const Manifest*> manifests;
+    for (const auto& [identity, component] : served) {
+        catalog.components.insert(catalog.components.end(), component.versions.begin(), component.versions.end());
+        manifests.push_back(&component.manifest);
+    }
+    AddProducts(catalog, manifests);
+    return FormatCatalog(catalog);
+}
+
+ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
+                              const std::set<std::string>& leaving) {
+    ZOVRELAY_Status status = WriteWholeFileAt(root, kSourceCatalogName, FormatSourceCatalog(ServedOf(packages, held)));
+    if (status <= 0) return status;
+    Catalog index;
+    std::vector<const Manifest*> manifests;
+    for (const auto& [identity, manifest] : held) {
+        manifests.push_back(&manifest);
+        const HeldVersion& newest = manifest.versions.front();
+        const std::string file = VersionArchiveName(identity, newest.version);
+        struct stat info {};
+        if (leaving.count(file) != 0 || ::fstatat(packages, file.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+            !S_ISREG(info.st_mode) || uint64_t(info.st_size) != newest.size)
+            continue;
+        index.components.push_back(Component{manifest.section, identity, newest.version, "packages/" + file,
+                                             newest.size, newest.sha256, 0, {}});
+    }
+    AddProducts(index, manifests);
+    return WriteWholeFileAt(root, kIndexName, FormatCatalog(index));
+}
+
+std::map<Identity, std::vector<std::pair<Version, std::string>>> AllVersionArchives(int packages) {
+    std::map<Identity, std::vector<std::pair<Version, std::string>>> archives;
+    ForEachEntry(packages, [&](std::string_view name) {
+        const size_t cut = name.find('_');
+        if (cut == std::string_view::npos || !EndsWith(name, ".zip") || EndsWith(name, kMergedSuffix)) return;
+        const std::optional<Identity> identity = ParseIdentity(name.substr(0, cut));
+        const std::optional<Version> version = ParseVersion(name.substr(cut + 1, name.size() - cut - 5));
+        if (identity && version) archives[*identity].emplace_back(*version, std::string(name));
+    });
+    for (auto& [identity, list] : archives) std::sort(list.begin(), list.end());
+    return archives;
+}
+
+std::vector<std::pair<Version, std::string>> VersionArchives(int packages, const Identity& identity) {
     const std::string prefix = FormatIdentity(identity) + "_";
     std::vector<std::pair<Version, std::string>> archives;
-    ForEachEntry(::opendir(packages.c_str()), [&](std::string_view name) {
+    ForEachEntry(packages, [&](std::string_view name) {
         if (name.substr(0, prefix.size()) != prefix || !EndsWith(name, ".zip") || EndsWith(name, kMergedSuffix)) return;
         const std::optional<Version> version = ParseVersion(name.substr(prefix.size(), name.size() - prefix.size() - 4));
         if (version) archives.emplace_back(*version, std::string(name));
@@ -108,30 +208,46 @@ std::vector<std::pair<Version, std::string>> VersionArchives(const std::string& 
     return archives;
 }
 
-ZOVRELAY_Status PruneVersionArchives(const std::string& packages, const Identity& identity, size_t keep,
-                                     const Events& events) {
-    const std::vector<std::pair<Version, std::string>> archives = VersionArchives(packages, identity);
-    for (size_t i = 0; i + keep < archives.size(); ++i) {
-        const std::string path = packages + "/" + archives[i].second;
+ZOVRELAY_Status RemoveVersionArchives(int packages, const std::string& packagesPath, const std::vector<std::string>& names,
+                                      const Events& events) {
+    for (const std::string& name : names) {
+        const std::string path = packagesPath + "/" + name;
         struct stat info {};
-        const uint64_t size = ::stat(path.c_str(), &info) == 0 ? uint64_t(info.st_size) : 0;
+        const uint64_t size = ::fstatat(packages, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 ? uint64_t(info.st_size) : 0;
         if (!events.Raise(ZOVRELAY_EVENT_REMOVEBEGIN, path, size, 0)) return kCancelled;
-        if (::unlink(path.c_str()) != 0 && !events.Raise(ZOVRELAY_EVENT_REMOVEFAILED, path, size, 0))
+        if (::unlinkat(packages, name.c_str(), 0) != 0 && !events.Raise(ZOVRELAY_EVENT_REMOVEFAILED, path, size, 0))
             return kCancelled;
     }
     return kSuccess;
 }
 
-ZOVRELAY_Status ExtractToFile(const MergedArchive& archive, const HeldVersion& held, const std::string& temporary,
-                              const std::string& target) {
-    const Events none;
-    PackageSink sink(temporary, held.size, none, held.path);
-    ZOVRELAY_Status status = sink.Open();
-    if (status > 0) status = archive.Extract(held, sink);
-    if (status > 0) status = sink.Finish(held.sha256);
-    if (status > 0) status = ReplaceFile(temporary, target);
-    if (status > 0) sink.Release();
+ZOVRELAY_Status ExtractInto(const MergedArchive& archive, const HeldVersion& held, int directory,
+                            std::string_view prefix, std::string_view suffix, const std::string& target, bool lock) {
+    TemporaryFile temporary;
+    ZOVRELAY_Status status = temporary.Create(directory, prefix, suffix);
+    if (status <= 0) return status;
+    if (lock) ::flock(temporary.fd(), LOCK_EX | LOCK_NB);
+    FileSink sink(temporary);
+    status = archive.Extract(held, sink);
+    if (status > 0) status = temporary.ReplaceInto(target);
     return status;
+}
+
+void RemoveAbandonedExports(int directory) {
+    std::vector<std::string> candidates;
+    ForEachEntry(directory, [&](std::string_view name) {
+        if (name.size() > kExportSuffix.size() + 1 && name[0] == '.' && EndsWith(name, kExportSuffix))
+            candidates.emplace_back(name);
+    });
+    const int64_t now = int64_t(::time(nullptr));
+    for (const std::string& name : candidates) {
+        const FileDescriptor fd(OpenFileAt(directory, name));
+        struct stat info {};
+        if (fd.get() < 0 || ::fstat(fd.get(), &info) != 0 || now - int64_t(info.st_mtime) < 60 ||
+            ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0)
+            continue;
+        ::unlinkat(directory, name.c_str(), 0);
+    }
 }
 
 }  // namespace localrelay

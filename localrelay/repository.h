@@ -1,5 +1,6 @@
 // The repository directory beyond its lock: temporaries, the merged archives it holds, the client
-// index server.ini, per-version archives, and export.
+// index server.ini, the source catalog source.ini, per-version archives, and extraction. Every
+// function works through the directory descriptors the context opened, never through a path.
 #ifndef LOCALRELAY_REPOSITORY_H
 #define LOCALRELAY_REPOSITORY_H
 
@@ -7,6 +8,7 @@
 #include "events.h"
 
 #include <map>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -14,36 +16,71 @@
 
 namespace localrelay {
 
+// The catalog a repository serves to other relays, in the catalog format with byte ranges into
+// the merged archives. The module's clean-up never touches it (it resets server.ini and deletes
+// per-version archives only), so a cleaned repository still serves every version it holds.
+inline constexpr const char* kSourceCatalogName = "source.ini";
+inline constexpr const char* kIndexName = "server.ini";
+
 // Our temporaries are hidden and never end in ".zip", so the module's clean-up, which runs
-// without the lock, never takes one for an archive: ".<name>.part" for packages, ".<name>.tmp"
-// for archives and the index, and libzip's own ".<name>.tmp.XXXXXX" beside them.
+// without the lock, never takes one for an archive: ".<name>.part" for downloads,
+// ".<name>.<random>.tmp" for archives, catalogs and per-version archives (libzip's own
+// ".<name>.tmp.XXXXXX" from earlier versions is recognised too).
 bool IsTemporaryName(std::string_view name);
 std::string PartName(const Identity& identity, const Version& version);  // ".<identity>_<version>.part"
-std::string MergedTemporaryName(const Identity& identity);              // ".<identity>_merged.tmp"
+std::string TemporaryPrefix(std::string_view name);                       // ".<name>."; add the random part and ".tmp"
+inline constexpr std::string_view kTemporarySuffix = ".tmp";
 
-// Removes what a killed run left behind: temporaries in packages/ and the index's in the root.
-void RemoveStaleTemporaries(int repositoryDirectory);
+// Removes what a killed run left behind: our temporaries in packages/ and in the root (files,
+// links, and empty directories planted under such names; a link's target is never touched).
+void RemoveStaleTemporaries(int root, int packages);
 
 // The manifests of every readable merged archive in packages/, by identity. An archive that does
 // not open, or whose manifest names another identity than its file name, is not held.
-std::map<Identity, Manifest> ReadHeld(const std::string& packages);
+std::map<Identity, Manifest> ReadHeld(int packages);
 
-// Rewrites server.ini (by rename) from the held manifests: each component at its newest version,
-// named by its per-version archive, and every recorded product with its held components.
-ZOVRELAY_Status WriteIndex(const std::string& repository, const std::map<Identity, Manifest>& held);
+// What source.ini lists of one held component: each version as its byte range of the merged
+// archive (read from the archive's layout), with the manifest for the products that name it.
+struct ServedComponent {
+    Manifest manifest;
+    std::vector<Component> versions;
+};
+using ServedCatalog = std::map<Identity, ServedComponent>;
+ServedComponent Served(int packages, const Manifest& manifest);
+ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held);
+std::string FormatSourceCatalog(const ServedCatalog& served);
+
+// Rewrites source.ini and then server.ini (each by rename) from the held manifests. source.ini
+// lists every held version as its byte range of the merged archive; server.ini lists each
+// component's newest version by its per-version archive, only where that file exists with the
+// right size and is not in `leaving` (about to be pruned), with every recorded product.
+ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
+                              const std::set<std::string>& leaving = {});
 
 // Per-version archives of one component in packages/, oldest first: (version, file name).
-std::vector<std::pair<Version, std::string>> VersionArchives(const std::string& packages, const Identity& identity);
+std::vector<std::pair<Version, std::string>> VersionArchives(int packages, const Identity& identity);
 
-// Removes the oldest per-version archives of a component beyond `keep`, raising "removebegin"
-// before each and "removefailed" when one stays. kCancelled when a handler answers 0.
-ZOVRELAY_Status PruneVersionArchives(const std::string& packages, const Identity& identity, size_t keep,
-                                     const Events& events);
+// Every per-version archive in packages/, by identity, oldest first: one listing of the directory.
+std::map<Identity, std::vector<std::pair<Version, std::string>>> AllVersionArchives(int packages);
 
-// Writes the held version's package to `target` through a temporary beside it, checked against
-// the manifest before the rename.
-ZOVRELAY_Status ExtractToFile(const MergedArchive& archive, const HeldVersion& held, const std::string& temporary,
-                              const std::string& target);
+// Removes the named per-version archives, raising "removebegin" before each and "removefailed"
+// when one stays (event texts name `packagesPath`/<name>). kCancelled when a handler answers 0.
+ZOVRELAY_Status RemoveVersionArchives(int packages, const std::string& packagesPath, const std::vector<std::string>& names,
+                                      const Events& events);
+
+// Writes the held version's package to `target` in `directory` through a fresh exclusive
+// temporary "<prefix><random><suffix>" beside it, checked against the manifest before the rename.
+// The file gets 0666 less the umask. `lock` flocks the temporary while it is written, which tells
+// a concurrent clean-up of stale temporaries that it is alive.
+ZOVRELAY_Status ExtractInto(const MergedArchive& archive, const HeldVersion& held, int directory,
+                            std::string_view prefix, std::string_view suffix, const std::string& target,
+                            bool lock = false);
+
+// Exports are written to ".<name>.<random>.zovrelay-export" beside their target, flocked while
+// written. A run killed meanwhile leaves one behind; the next export into the same directory
+// removes those that nobody holds and that are older than a minute.
+inline constexpr std::string_view kExportSuffix = ".zovrelay-export";
+void RemoveAbandonedExports(int directory);
 
 }  // namespace localrelay
 

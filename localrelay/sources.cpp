@@ -1,4 +1,5 @@
 #include "sources.h"
+#include "repository.h"
 #include "status.h"
 #include "wide.h"
 
@@ -40,21 +41,23 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
             settings.type = proxy->type;
             settings.port = proxy->port;
         }
-        std::string text;
-        const ZOVRELAY_Status status =
-            FetchText(JoinAddress(candidate.address, "server.ini"), candidate.settings, text);
-        if (status == kOutOfMemory) return status;
-        if (status == kInvalidCatalog) failure = kInvalidCatalog;
-        if (status <= 0) continue;
-        std::optional<Catalog> catalog = ParseCatalog(text);
-        if (!catalog) {
-            failure = kInvalidCatalog;
-            continue;
+        for (const char* name : {kSourceCatalogName, kIndexName}) {
+            std::string text;
+            const ZOVRELAY_Status status = FetchText(JoinAddress(candidate.address, name), candidate.settings, text);
+            if (status == kOutOfMemory) return status;
+            if (status == kInvalidCatalog) failure = kInvalidCatalog;
+            if (status <= 0) continue;
+            std::optional<Catalog> catalog = ParseCatalog(text);
+            if (!catalog) {
+                failure = kInvalidCatalog;
+                continue;
+            }
+            candidate.catalog = std::move(*catalog);
+            candidate.catalogName = name;
+            loaded = std::move(candidate);
+            if (served != nullptr) *served = i;
+            return kSuccess;
         }
-        candidate.catalog = std::move(*catalog);
-        loaded = std::move(candidate);
-        if (served != nullptr) *served = i;
-        return kSuccess;
     }
     return failure;
 }
@@ -83,6 +86,12 @@ bool Alternates::Find(const Component& component, size_t& after, const LoadedSou
         return true;
     }
     return false;
+}
+
+std::optional<Catalog> ReloadCatalog(const LoadedSource& source) {
+    std::string text;
+    if (FetchText(JoinAddress(source.address, source.catalogName), source.settings, text) <= 0) return std::nullopt;
+    return ParseCatalog(text);
 }
 
 }  // namespace localrelay

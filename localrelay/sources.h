@@ -17,11 +17,14 @@ struct LoadedSource {
     std::string address;
     TransferSettings settings;  // the context's limits with this source's proxy
     Catalog catalog;
+    std::string catalogName;  // the file it came from: source.ini of a repository, else server.ini
 };
 
 // Sources with a null address are skipped. kInvalidArgument for a string that names no
 // characters; otherwise, when no catalog loads, kInvalidCatalog if some source answered with a
 // malformed one, else kNoSourceReachable.
+// A source's catalog is its source.ini when it has one that parses (a repository written by this
+// relay), otherwise its server.ini.
 // Transfers go through `pool` when given; `served`, when given, receives the serving source's index.
 ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options, LoadedSource& loaded,
                            Pool* pool = nullptr, size_t* served = nullptr);
@@ -47,6 +50,10 @@ private:
     Pool* pool_;
     std::map<size_t, Loaded> loaded_;
 };
+
+// The serving source's catalog read again (from the same file): after a package's byte range no
+// longer matched, the source's archives may have been replaced since it was first read.
+std::optional<Catalog> ReloadCatalog(const LoadedSource& source);
 
 }  // namespace localrelay
 

@@ -79,16 +79,23 @@ ZOVRELAY_Status FetchLocal(const std::string& path, const TransferSettings& sett
         SetError(error, path + ": not a file");
         return kNoSourceReachable;
     }
+    if (settings.length > 0 && ::lseek(fd, off_t(settings.offset), SEEK_SET) < 0) {
+        SetError(error, path + ": " + std::strerror(errno));
+        return kIoError;
+    }
+    uint64_t left = settings.length > 0 ? settings.length : UINT64_MAX;
     Pacer pacer(settings.maxBandwidth);
     std::vector<char> buffer(pacer.ChunkSize());
     for (;;) {
-        const ssize_t got = ::read(fd, buffer.data(), buffer.size());
+        if (left == 0) return kSuccess;
+        const ssize_t got = ::read(fd, buffer.data(), size_t(std::min<uint64_t>(buffer.size(), left)));
         if (got < 0 && errno == EINTR) continue;
         if (got < 0) {
             SetError(error, path + ": " + std::strerror(errno));
             return kIoError;
         }
         if (got == 0) return kSuccess;
+        if (left != UINT64_MAX) left -= uint64_t(got);
         if (!sink.Write(buffer.data(), static_cast<size_t>(got))) return sink.stopStatus;
         pacer.Sent(static_cast<size_t>(got));
     }

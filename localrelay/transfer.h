@@ -28,6 +28,9 @@ struct TransferSettings {
     int64_t httpsLevel = 2;    // 0 no certificate check, 1 peer certificate, 2 (and any other) peer and host
     ProxySettings proxy;
     Pool* pool = nullptr;  // the operation's connections, when it has a pool
+    // A byte range of the file: `length` bytes from `offset` (a version inside a merged archive).
+    // length 0: the whole file.
+    uint64_t offset = 0, length = 0;
 };
 
 // Receives the file's bytes in order. Answering false stops the transfer at once; Fetch then

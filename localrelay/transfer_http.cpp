@@ -85,6 +85,7 @@ struct Transfer {
     Pacer pacer;
     std::vector<char> batch;  // its capacity is fixed at the start
     bool statusChecked = false;
+    bool partial = false;    // a byte range was asked for: only 206 brings it
     long refusedStatus = 0;  // a final response that is not 2xx
     bool sinkStopped = false;
     std::exception_ptr failure;  // thrown by the sink; must not unwind through libcurl's C frames
@@ -99,7 +100,8 @@ size_t Receive(char* data, size_t, size_t size, void* user) noexcept {
         // location, say): its body must not reach the sink as if it were the file.
         long code = 0;
         curl_easy_getinfo(transfer.curl, CURLINFO_RESPONSE_CODE, &code);
-        if (!IsSuccess(code)) {
+        // A range asked for must come as one: a whole file from a server ignoring Range is refused.
+        if (!IsSuccess(code) || (transfer.partial && code != 206)) {
             transfer.refusedStatus = code;
             return 0;
         }
@@ -229,6 +231,10 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
     CURL* curl = handle.get();
 
     Transfer transfer(curl, sink, settings.maxBandwidth);
+    const std::string range = settings.length > 0 ? std::to_string(settings.offset) + "-" +
+                                                        std::to_string(settings.offset + settings.length - 1)
+                                                  : std::string();
+    transfer.partial = !range.empty();
     char curlError[CURL_ERROR_SIZE] = "";
     const ZOVRELAY_Status common = SetCommonOptions(curl, settings, curlError, error);
     if (common <= 0) return common;
@@ -238,6 +244,7 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
     options.Set(CURLOPT_WRITEFUNCTION, static_cast<curl_write_callback>(&Receive));
     options.Set(CURLOPT_WRITEDATA, static_cast<void*>(&transfer));
     options.Set(CURLOPT_BUFFERSIZE, transfer.pacer.ChunkSize(kReceiveBufferSize));
+    if (!range.empty()) options.Set(CURLOPT_RANGE, range.c_str());
     if (settings.maxBandwidth > 0) {
         constexpr int64_t kMaxKiB = std::numeric_limits<curl_off_t>::max() / 1024;
         const int64_t kib = settings.maxBandwidth < kMaxKiB ? settings.maxBandwidth : kMaxKiB;

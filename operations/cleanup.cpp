@@ -76,14 +76,14 @@ int l_removeke(lua_State* L) {
     if (!lua_isnoneornil(L, 2) && !lua_isfunction(L, 2)) return luaL_argerror(L, 2, "expected function");
     lua_settop(L, 2);
 
-    // Joined with "/" unless the path already ends in one; an empty path names files relative
-    // to the working directory, so it joins with nothing.
+    // An empty path is no repository: it would name the working directory's files, and the relay
+    // refuses it as a repository too. Others are joined with "/" unless they already end in one.
     size_t length = strlen(path);
-    const char* separator = length == 0 || path[length - 1] == '/' ? "" : "/";
+    const char* separator = length != 0 && path[length - 1] == '/' ? "" : "/";
     const char* index = lua_pushfstring(L, "%s%sserver.ini", path, separator);  // 3
 
-    openIndex(L, index, "r");
-    if (lua_isnil(L, -1)) {
+    if (length != 0) openIndex(L, index, "r");
+    if (length == 0 || lua_isnil(L, -1)) {
         lua_pushnil(L);
         lua_pushfstring(L, "%s is not a repository", path);
         return 2;

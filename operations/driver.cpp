@@ -95,12 +95,24 @@ void finish(lua_State* L, Held& held, ZOVRELAY_Status status, ZOVRELAY_Informati
     lua_pushstatus(L, status);
 }
 
-/* [-0, +0 or +1]: removeke on the repository, protected; the caller drops what it leaves */
-void cleanUp(lua_State* L, int cleanupMode) {
+/* [-3, +0]: (repository, options, mode) -> removeke(repository [, options.removeke]); the option
+   is read here, inside the protected call, because its lookup may raise too */
+int cleanUpProtected(lua_State* L) {
+    int mode = static_cast<int>(lua_tointeger(L, 3));
     lua_pushcfunction(L, l_removeke);
     lua_pushvalue(L, 1);
-    if (cleanupMode == 2) lua_getfield(L, 4, "removeke");
-    lua_pcall(L, cleanupMode, 0, 0);
+    if (mode == 2) lua_getfield(L, 2, "removeke");
+    lua_call(L, mode, 0);
+    return 0;
+}
+
+/* [-0, +0 or +1]: removeke on the repository, protected; the caller drops what it leaves */
+void cleanUp(lua_State* L, int cleanupMode) {
+    lua_pushcfunction(L, cleanUpProtected);
+    lua_pushvalue(L, 1);
+    lua_pushvalue(L, 4);
+    lua_pushinteger(L, cleanupMode);
+    lua_pcall(L, 3, 0, 0);
 }
 
 }  // namespace

@@ -58,7 +58,7 @@ ZOVRELAY_Status filterAndDownload(SelectionFilter filter, ZOVRELAY_Context* cont
            sizeFor(1, componentBytes, productBytes, blockSize);
     void* block = fits ? malloc(blockSize != 0 ? blockSize : 1) : nullptr;
     if (block == nullptr) {
-        ZOVRELAY_DestroyData(listing);
+        if (listing != nullptr) ZOVRELAY_DestroyData(listing);
         *information = nullptr;
         return kModuleOutOfMemory;
     }
@@ -84,7 +84,7 @@ ZOVRELAY_Status filterAndDownload(SelectionFilter filter, ZOVRELAY_Context* cont
             ++kept;
         }
     }
-    ZOVRELAY_DestroyData(listing);
+    if (listing != nullptr) ZOVRELAY_DestroyData(listing);
     *information = nullptr;
 
     status = ZOVRELAY_Duplicate(context, filtered, kept, sources, sourceCount, information);

@@ -18,18 +18,18 @@ top=$(cd "$(dirname "$0")/.." && pwd)
 rm -rf "$work/source" "$work/repository" "$work/export"
 "$build/tools/makesource" --products 2 --components 6 --size "$size" "$work/source" >/dev/null
 
-# Port 0: the server takes a free port and names it on its first line.
-python3 -u -m http.server 0 --bind 127.0.0.1 --directory "$work/source" >"$work/server.log" 2>&1 &
+# The server takes a free port and names it in a file it creates once it listens.
+rm -f "$work/port"
+python3 "$top/tools/serve.py" "$work/source" "$work/port" >"$work/server.log" 2>&1 &
 server=$!
 stop() { kill "$server" 2>/dev/null || true; wait "$server" 2>/dev/null || true; }
 trap stop EXIT
 trap 'exit 130' INT TERM
-port=
-while [ -z "$port" ]; do
+while [ ! -s "$work/port" ]; do
   kill -0 "$server" 2>/dev/null || { cat "$work/server.log" >&2; echo "demo: the HTTP server did not start" >&2; exit 1; }
-  port=$(sed -n 's/^Serving HTTP on .* port \([0-9]*\) .*/\1/p' "$work/server.log")
-  [ -n "$port" ] || sleep 0.05
+  sleep 0.05
 done
+port=$(cat "$work/port")
 url=http://127.0.0.1:$port
 
 mirror() {

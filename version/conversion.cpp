@@ -4,8 +4,8 @@
 #include <stdint.h>
 #include <string.h>
 
-#include "entities/kinds.h"
 #include "version/digits.h"
+#include "version/engines.h"
 
 namespace {
 

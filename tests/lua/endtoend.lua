@@ -18,22 +18,22 @@ function e.makeSource(directory, options)
   assert(os.execute(table.concat(command, " ")))
 end
 
--- Serves directory over HTTP on a free port of 127.0.0.1, logging into work; returns the URL and
--- a function that stops the server.
+-- Serves directory over HTTP on a free port of 127.0.0.1 (tools/serve.py), logging into work;
+-- returns the URL and a function that stops the server.
 function e.serve(directory, work)
-  local log = work .. "/http.log"
-  local pipe = io.popen(string.format("python3 -u -m http.server 0 --bind 127.0.0.1 --directory %s >%s 2>&1 & echo $!",
-                                      e.quote(directory), e.quote(log)))
+  local serve = debug.getinfo(1, "S").source:match("^@(.*)/tests/lua/[^/]*$") .. "/tools/serve.py"
+  local pipe = io.popen(string.format("python3 %s %s %s >%s 2>&1 & echo $!", e.quote(serve), e.quote(directory),
+                                      e.quote(work .. "/http.port"), e.quote(work .. "/http.log")))
   local pid = assert(pipe:read("*n"))
   pipe:close()
   local function stop() os.execute("kill " .. pid .. " 2>/dev/null") end
   for _ = 1, 600 do
-    local port = (h.read(log) or ""):match("port (%d+)")
-    if port then return "http://127.0.0.1:" .. port, stop end
+    local port = h.read(work .. "/http.port")
+    if port then return "http://127.0.0.1:" .. port:match("%d+"), stop end
     os.execute("sleep 0.05")
   end
   stop()
-  error("the HTTP server did not start: " .. (h.read(log) or ""))
+  error("the HTTP server did not start: " .. (h.read(work .. "/http.log") or ""))
 end
 
 -- The entries of a directory (dot files included), sorted; {} when it does not exist.

@@ -1,7 +1,7 @@
 // Shared by the local relay's tests: a temporary directory per test, sample sources made
 // in-process, the relay's calls wrapped for C++, and an independent check of a repository.
-// Contexts open the machine-wide semaphore (/dev/shm/sem.zovrelay), which RelayTest leaves as it
-// found it: every test that uses RelayTest takes CTest's lock on it by naming the file in a comment.
+// Contexts open the machine-wide semaphore (/dev/shm/sem.zovrelay): CTest runs these tests with a
+// /dev/shm of their own (tests/gates/isolated.sh).
 #ifndef TESTS_UNIT_LOCALRELAY_FIXTURE_H
 #define TESTS_UNIT_LOCALRELAY_FIXTURE_H
 
@@ -177,12 +177,11 @@ inline Lines CheckRepository(const fs::path& repository, bool killed = false) {
     return problems;
 }
 
-// A started library, a temporary directory removed afterwards, and the semaphore file as it was.
+// A started library and a temporary directory removed afterwards.
 class RelayTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(ZOVRELAY_Startup(nullptr), kSuccess);
-        semaphoreExisted = fs::exists("/dev/shm/sem.zovrelay");
         std::string pattern = (fs::temp_directory_path() / "localrelay-XXXXXX").string();
         ASSERT_NE(mkdtemp(pattern.data()), nullptr);
         root = pattern;
@@ -190,7 +189,6 @@ protected:
     void TearDown() override {
         ZOVRELAY_Startup(nullptr);  // a failed shutdown test must not leave the library stopped
         if (!root.empty()) fs::remove_all(root);
-        if (!semaphoreExisted) fs::remove("/dev/shm/sem.zovrelay");
     }
     std::string Path(const std::string& relative) const { return (root / relative).string(); }
     // Two products of `components` each, the first three (pattern, engine, rule package) shared;
@@ -200,7 +198,6 @@ protected:
         return Path(name);
     }
     fs::path root;
-    bool semaphoreExisted = true;
 };
 
 }  // namespace relaytest

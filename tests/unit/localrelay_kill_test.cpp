@@ -81,7 +81,7 @@ TEST_F(Kill, TheNextContextRemovesStaleTemporaries) {
     for (const std::string& name : stale) WriteFile(packages / name, "partial");
     for (const std::string& name : kept) WriteFile(packages / name, "mine");
     WriteFile(root / "repo/.server.ini.tmp", "[PATTERN]\n");
-    fs::create_directory(packages / ".d.part");  // not a file of ours: left alone
+    WriteFile(packages / ".d.part/x", "not ours");  // a full directory: left alone
     ASSERT_EQ(Context(Path("repo")).status, kSuccess);
     for (const std::string& name : stale) EXPECT_FALSE(fs::exists(packages / name)) << name;
     for (const std::string& name : kept) EXPECT_TRUE(fs::exists(packages / name)) << name;

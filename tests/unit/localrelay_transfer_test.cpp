@@ -1,5 +1,5 @@
 // Local transfers: paths and file URLs, the catalog size limit, and the reads maxbandwidth paces.
-// No context is opened, but the shared fixture restores /dev/shm/sem.zovrelay, so this takes its lock.
+// No context is opened.
 #include "localrelay_fixture.h"
 #include "transfer.h"
 

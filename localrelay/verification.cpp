@@ -1,0 +1,68 @@
+#include "verification.h"
+#include "files.h"
+#include "status.h"
+
+#include "package.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <vector>
+
+#include <sstream>
+
+namespace localrelay {
+
+VerificationRecord ReadVerification(int root) {
+    VerificationRecord record;
+    const int fd = OpenFileAt(root, kVerificationName);
+    if (fd < 0) return record;
+    std::string text;
+    char buffer[65536];
+    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0 && text.size() < (64u << 20);) text.append(buffer, size_t(n));
+    ::close(fd);
+    std::istringstream lines(text);
+    std::string line;
+    while (std::getline(lines, line)) {
+        std::istringstream fields(line);
+        std::string name;
+        Verified verified;
+        if (fields >> name >> verified.file.size >> verified.file.inode >> verified.file.device >>
+            verified.file.modified >> verified.at)
+            record[name] = verified;
+    }
+    return record;
+}
+
+ZOVRELAY_Status WriteVerification(int root, const VerificationRecord& record) {
+    std::string text;
+    for (const auto& [name, v] : record)
+        text += name + " " + std::to_string(v.file.size) + " " + std::to_string(v.file.inode) + " " +
+                std::to_string(v.file.device) + " " + std::to_string(v.file.modified) + " " + std::to_string(v.at) + "\n";
+    return WriteWholeFileAt(root, kVerificationName, text);
+}
+
+bool FileMatches(int fd, uint64_t size, const std::string& sha256) {
+    CheckingSink checking(size);
+    std::vector<char> buffer(64 * 1024);
+    for (off_t at = 0;;) {
+        const ssize_t n = ::pread(fd, buffer.data(), buffer.size(), at);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) return checking.Check(sha256) > 0;
+        if (!checking.Write(buffer.data(), size_t(n))) return false;
+        at += n;
+    }
+}
+
+bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now) {
+    const auto found = record.find(name);
+    if (found == record.end() || !(found->second.file == file)) return true;
+    // File times move in clock ticks: a change made within a second of the modification we
+    // recorded could leave the same time behind. Such a record proves nothing; verify again.
+    const int64_t modified = found->second.file.modified / 1000000000;
+    return modified + 1 >= found->second.at || now - found->second.at >= kVerificationInterval ||
+           found->second.at > now;  // a clock set back must not postpone it for years
+}
+
+}  // namespace localrelay

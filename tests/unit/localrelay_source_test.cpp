@@ -1,0 +1,183 @@
+// A repository the relay wrote serves other relays, after the module's clean-up too; damage in it
+// is found and healed; readers run beside a writer. Contexts share /dev/shm/sem.zovrelay.
+#include "localrelay_fixture.h"
+#include "ziplayout.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+namespace relaytest {
+namespace {
+
+class Source : public RelayTest {
+protected:
+    // A repository of the source's releases 1 and 2 (maxmerge 3, buildpatch), then cleaned up as
+    // the module does: server.ini reset, per-version archives deleted.
+    std::string Central() {
+        Context context(Path("central"));
+        Configure(context.handle);
+        for (uint64_t release : {1, 2}) {
+            MakeSource("source", release);
+            EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kSuccess);
+        }
+        WriteFile(root / "central/server.ini", "[PATTERN]\n\n[ENGINE]\n\n[All_Product]\n\n");
+        for (const auto& entry : fs::directory_iterator(root / "central/packages"))
+            if (entry.path().string().find("_merged.zip") == std::string::npos) fs::remove(entry);
+        return Path("central");
+    }
+    static void Configure(ZOVRELAY_Context* context) {
+        ZOVRELAY_SetOption(context, 9, 1);
+        ZOVRELAY_SetOption(context, 10, 3);
+    }
+};
+
+TEST_F(Source, ACleanedRepositoryServesEveryVersionItHolds) {
+    const std::string central = Central();
+    Context view(central);
+    const Lines held = Held(view.handle);
+    ASSERT_EQ(Versions(held), 6u);
+    EXPECT_EQ(Call(ZOVRELAY_GetInformation, view.handle, Request().Source(central)).lines.size(), 1u) << "the products it holds";
+    for (const std::string& address : {central, "file://" + central}) {
+        const std::string branch = Path("branch" + std::to_string(address.size()));
+        Context context(branch);
+        Configure(context.handle);
+        EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(address).Product(kProduct0)).status, kSuccess) << address;
+        EXPECT_EQ(Held(context.handle), held) << address;
+        EXPECT_EQ(CheckRepository(branch), Lines()) << address;
+        // Exports write the package under its own name, not the archive's.
+        EXPECT_EQ(ZOVRELAY_ExportComponent(context.handle, Wide(branch + "/out").c_str(), Entity(kPattern)), kSuccess);
+        EXPECT_TRUE(fs::exists(branch + "/out/" + kPattern + "-1.100.2.0.zip")) << address;
+    }
+}
+
+// A source that rewrites its archives between our catalog read and the downloads: the ranges no
+// longer match, so the catalog is read again and the new ranges are taken; nothing wrong is stored.
+TEST_F(Source, ARangeReplacedMeanwhileIsReadAgainFromAFreshCatalog) {
+    const std::string central = Central();
+    Context context(Path("branch"));
+    Configure(context.handle);
+    Recorder recorder(context.handle);
+    recorder.answer = [&](const Event& e) {
+        if (e.type != ZOVRELAY_EVENT_DOWNLOAD) return 1;
+        MakeSource("source", 3);
+        Context writer(central);
+        Configure(writer.handle);
+        return int(Call(ZOVRELAY_Duplicate, writer.handle, Request().Source(Path("source")).Product(kProduct0)).status == kSuccess);
+    };
+    EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(central).Product(kProduct0)).status, kSuccess);
+    EXPECT_EQ(Versions(Held(context.handle)), 6u);
+    EXPECT_EQ(CheckRepository(Path("branch")), Lines());
+}
+
+// A flipped byte in a held version is found by the next run when the archive changed, or when its
+// last full verification is a week old, and the version is downloaded again.
+TEST_F(Source, DamageIsFoundAndHealed) {
+    const std::string central = Central();
+    const std::string archive = central + "/packages/" + kPattern + "_merged.zip";
+    auto flip = [&](bool keepTimes) {  // the file's times as they were, or as a write leaves them
+        const int fd = open(archive.c_str(), O_RDWR);
+        const uint64_t offset = ReadEntryRanges(fd).value()[std::string("1.100.2.0/") + kPattern + "-1.100.2.0.zip"].offset + 7;
+        struct stat before {};
+        fstat(fd, &before);
+        char byte = 0;
+        pread(fd, &byte, 1, off_t(offset));
+        byte = char(byte ^ 1);
+        pwrite(fd, &byte, 1, off_t(offset));
+        const timespec times[2] = {before.st_atim, before.st_mtim};
+        if (keepTimes) futimens(fd, times);
+        close(fd);
+    };
+    const struct { const char* what; bool keepTimes; bool ageRecord; bool healed; } cases[] = {
+        {"a changed archive", false, false, true},
+        {"an unchanged-looking archive verified recently", true, false, false},
+        {"an unchanged-looking archive verified a week ago", true, true, true},
+    };
+    for (const auto& c : cases) {
+        Context context(central);
+        Configure(context.handle);
+        Recorder recorder(context.handle);
+        const auto mirror = [&] { return Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status; };
+        const timespec hourAgo[2] = {{0, UTIME_OMIT}, {time(nullptr) - 3600, 0}};
+        utimensat(AT_FDCWD, archive.c_str(), hourAgo, 0);
+        ASSERT_EQ(mirror(), kSuccess) << c.what;  // records the verification
+        flip(c.keepTimes);
+        if (c.ageRecord) {
+            std::string aged;
+            std::istringstream lines(ReadFile(central + "/.verified"));
+            for (std::string line; std::getline(lines, line);) aged += line.substr(0, line.rfind(' ')) + " 1\n";
+            WriteFile(central + "/.verified", aged);
+        }
+        recorder.events.clear();
+        EXPECT_EQ(mirror(), kSuccess) << c.what;
+        EXPECT_EQ(recorder.Count(ZOVRELAY_EVENT_DOWNLOADBEGIN), c.healed ? 1u : 0u) << c.what;
+        EXPECT_EQ(CheckRepository(central).empty(), c.healed) << c.what;
+        if (!c.healed) flip(false);  // undo, so the next case starts sound
+    }
+    // A per-version archive is checked the same way and written again from its merged archive.
+    Context context(Path("repo"));
+    ZOVRELAY_SetOption(context.handle, 9, 1);
+    const Request request = Request().Source(Path("source")).Product(kProduct0);
+    ASSERT_EQ(Call(ZOVRELAY_Duplicate, context.handle, request).status, kSuccess);
+    const fs::path file = root / "repo/packages" / (std::string(kEngine) + "_1.200.2.0.zip");
+    std::string bytes = ReadFile(file);
+    bytes[100] ^= 1;
+    WriteFile(file, bytes);
+    EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, request).status, kSuccess);
+    EXPECT_EQ(CheckRepository(Path("repo")), Lines());
+}
+
+// While a mirror writes, other contexts list, export and read the source catalog; another writer is
+// refused at once; a cron guard's flock on the repository directory does not collide.
+TEST_F(Source, ReadersRunBesideAWriter) {
+    const std::string central = Central();
+    MakeSource("source", 3);
+    Context context(central);
+    Configure(context.handle);
+    Recorder recorder(context.handle);
+    std::vector<ZOVRELAY_Status> inner;
+    recorder.answer = [&](const Event& e) {
+        if (e.type != ZOVRELAY_EVENT_DOWNLOADBEGIN) return 1;
+        Context other(central);
+        inner.insert(inner.end(), {Call(ZOVRELAY_GetInformation, other.handle, Request()).status, Call(ZOVRELAY_GetInformation, other.handle, Request().Source(central)).status,
+                                   ZOVRELAY_ExportComponent(other.handle, Wide(Path("out")).c_str(), Entity(kEngine)),
+                                   Call(ZOVRELAY_Duplicate, other.handle, Request().Source(Path("source")).Product(kProduct0)).status,
+                                   system(("flock -n " + central + " true").c_str()) == 0 ? kSuccess : kRepositoryBusy,
+                                   system(("flock -n " + central + "/.lock true").c_str()) == 0 ? kSuccess : kRepositoryBusy});
+        return 1;
+    };
+    EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kSuccess);
+    const std::vector<ZOVRELAY_Status> each = {kSuccess, kSuccess, kSuccess, kRepositoryBusy, kSuccess, kRepositoryBusy};
+    ASSERT_EQ(inner.size(), 3 * each.size()) << "one round per download";
+    for (size_t i = 0; i < inner.size(); ++i) EXPECT_EQ(inner[i], each[i % each.size()]) << i;
+}
+
+// At every event of runs that replace versions, write per-version archives and prune them, the index
+// names only files that exist with the size and SHA-256 it states, and source.ini only true ranges.
+TEST_F(Source, TheCatalogsNeverLie) {
+    Lines lies;
+    const auto check = [&](const std::string& when) {
+        for (const char* name : {"server.ini", "source.ini"}) {
+            const std::optional<Catalog> catalog = ParseCatalog(ReadFile(root / "repo" / name));
+            for (const Component& c : catalog ? catalog->components : std::vector<Component>{}) {
+                const std::string bytes = ReadFile(root / "repo" / c.path);
+                if ((c.offset == 0 && bytes.size() != c.size) || Digest(bytes.substr(std::min<size_t>(c.offset, bytes.size()), c.size)) != c.sha256)
+                    lies.push_back(when + ": " + name + " " + c.path);
+            }
+        }
+        return 1;
+    };
+    Context context(Path("repo"));
+    for (const auto& [option, value] : {std::pair<int, int64_t>{9, 1}, {10, 2}, {12, 1}}) ZOVRELAY_SetOption(context.handle, option, value);
+    Recorder recorder(context.handle);
+    recorder.answer = [&](const Event& e) { return check("event " + std::to_string(recorder.events.size()) + " type " + std::to_string(e.type)); };
+    for (uint64_t release : {1, 2, 3}) {
+        MakeSource("source", release);
+        EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kSuccess);
+        check("after release " + std::to_string(release));
+    }
+    EXPECT_EQ(lies, Lines());
+    EXPECT_GT(recorder.Count(ZOVRELAY_EVENT_REMOVEBEGIN), 0u);
+}
+
+}  // namespace
+}  // namespace relaytest
