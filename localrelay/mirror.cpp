@@ -284,15 +284,18 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
         if (status > 0) status = WriteMergedArchive(packages_, temporary.fd(), temporary.name(), next, files, previous.get());
         // source.ini must never name a range of the archive being replaced: it stops listing the
         // component first, and lists its new ranges once the new archive is in place.
-        if (status > 0 && served_.erase(identity) != 0)
-            status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
+        // A component it did not list yet is added when the run ends (the caller rewrites both
+        // catalogs): rewriting source.ini after every new component made a first mirror of many
+        // small components quadratic in bytes written.
+        const bool listed = status > 0 && served_.erase(identity) != 0;
+        if (status > 0 && listed) status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
         if (status > 0) {
             previous.reset();
             status = temporary.ReplaceInto(merged);
         }
         if (status > 0) {
             served_[identity] = Served(packages_, next);
-            status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
+            if (listed) status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
         }
         if (status <= 0) {
             if (StopsTheRun(status)) return status;
