@@ -283,12 +283,13 @@ void FileServer::Serve(int connection) const {
 }
 
 ZOVRELAY_Status Mirror(const std::string& repository, const std::string& source, const std::string& catalog,
-                       int64_t maxBandwidth) {
+                       int64_t maxBandwidth, int64_t httpsLevel) {
     std::vector<ZOVRELAY_Product> products = CatalogProducts(catalog);
     ZOVRELAY_Context* context = nullptr;
     ZOVRELAY_Status status = ZOVRELAY_CreateContext(&context, Wide(repository).c_str());
     if (status <= 0) return status;
     if (maxBandwidth > 0) status = ZOVRELAY_SetOption(context, 0, maxBandwidth);
+    if (status > 0 && httpsLevel != 2) status = ZOVRELAY_SetOption(context, 15, httpsLevel);
     std::wstring url = Wide(source);
     ZOVRELAY_Source from{};
     from.url = url.data();

@@ -86,7 +86,7 @@ private:
 // Mirrors every product of the catalog at `catalog` (a local server.ini) from `source` into a new
 // repository at `repository`, through ZOVRELAY_Duplicate.
 ZOVRELAY_Status Mirror(const std::string& repository, const std::string& source, const std::string& catalog,
-                       int64_t maxBandwidth = 0);
+                       int64_t maxBandwidth = 0, int64_t httpsLevel = 2);
 
 // Prints one figure beside its peer's, the ratio, and whether the target is met.
 void Report(const std::string& figure, double value, const std::string& peerName, double peer, double ratio,

@@ -50,16 +50,33 @@ const Component* FindComponent(const Catalog& catalog, const Identity& identity,
     return newest;
 }
 
+ComponentIndex IndexComponents(const Catalog& catalog) {
+    ComponentIndex index;
+    for (const Component& component : catalog.components) index[component.identity].push_back(&component);
+    return index;
+}
+
+const Component* FindComponent(const ComponentIndex& index, const Identity& identity, const Version& requested) {
+    const auto listed = index.find(identity);
+    if (listed == index.end()) return nullptr;
+    const Component* newest = nullptr;
+    for (const Component* component : listed->second)
+        if (VersionNames(requested, component->version) && (newest == nullptr || newest->version < component->version))
+            newest = component;
+    return newest;
+}
+
 ZOVRELAY_Status ListCatalog(const Catalog& catalog, const ZOVRELAY_Product* products, size_t count,
                             std::vector<ListedProduct>& listed) {
     std::vector<const Product*> selected;
     const ZOVRELAY_Status status = SelectProducts(catalog, products, count, selected);
     if (status <= 0) return status;
+    const ComponentIndex index = IndexComponents(catalog);
     for (const Product* product : selected) {
         ListedProduct item;
         item.entity = EntityOf(product->identity, product->version);
         for (const Identity& identity : product->components) {
-            const Component* newest = FindComponent(catalog, identity, Version{});
+            const Component* newest = FindComponent(index, identity, Version{});
             item.components.push_back(EntityOf(identity, newest->version));  // the parser checked it exists
         }
         listed.push_back(std::move(item));

@@ -25,6 +25,11 @@ ZOVRELAY_Status SelectProducts(const Catalog& catalog, const ZOVRELAY_Product* p
 
 // The newest catalog entry of a component that `requested` names; nullptr when there is none.
 const Component* FindComponent(const Catalog& catalog, const Identity& identity, const Version& requested);
+// The catalog's components by identity, so that a plan over many components looks each up in
+// logarithmic time instead of walking the catalog for every one.
+using ComponentIndex = std::map<Identity, std::vector<const Component*>>;
+ComponentIndex IndexComponents(const Catalog& catalog);
+const Component* FindComponent(const ComponentIndex& index, const Identity& identity, const Version& requested);
 
 // Listing a source: each selected product with its components at their newest catalog version.
 ZOVRELAY_Status ListCatalog(const Catalog& catalog, const ZOVRELAY_Product* products, size_t count,

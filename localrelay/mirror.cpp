@@ -1,5 +1,6 @@
 #include "mirror.h"
 #include "failure.h"
+#include "downloader.h"
 #include "files.h"
 #include "listing.h"
 #include "package.h"
@@ -10,6 +11,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -18,6 +20,7 @@
 #include <cerrno>
 #include <chrono>
 #include <memory>
+#include <set>
 
 namespace localrelay {
 namespace {
@@ -31,33 +34,38 @@ struct Wanted {
 struct Plan {
     std::vector<Wanted> wanted;                         // in the order first named
     std::map<size_t, std::vector<size_t>> perProduct;  // catalog product index -> indexes into wanted
+    // Lookups that keep planning linear in the catalog's size (give or take a logarithm).
+    std::map<const Component*, size_t> position;  // index into wanted
+    std::set<std::pair<size_t, size_t>> listed;   // (product index, wanted index) in perProduct
 };
 
 void AddWanted(Plan& plan, const Catalog& catalog, const Product& product, const Component* component) {
-    size_t index = 0;
-    while (index < plan.wanted.size() && plan.wanted[index].component != component) ++index;
-    if (index == plan.wanted.size()) plan.wanted.push_back(Wanted{component, {}});
+    const auto [at, added] = plan.position.emplace(component, plan.wanted.size());
+    const size_t index = at->second;
+    if (added) plan.wanted.push_back(Wanted{component, {}});
     std::vector<ProductRef>& products = plan.wanted[index].products;
     if (std::none_of(products.begin(), products.end(), [&](const ProductRef& p) {
             return p.identity == product.identity && p.version == product.version;
         }))
         products.push_back(ProductRef{product.identity, product.version});
-    std::vector<size_t>& list = plan.perProduct[size_t(&product - catalog.products.data())];
-    if (std::find(list.begin(), list.end(), index) == list.end()) list.push_back(index);
+    const size_t productIndex = size_t(&product - catalog.products.data());
+    if (plan.listed.emplace(productIndex, index).second) plan.perProduct[productIndex].push_back(index);
 }
 
 // A component named at its newest catalog version brings the catalog's older versions along: a
 // mirror keeps what its source keeps (as many as maxmerge allows), so a chain of repositories
 // passes every held version on, not only the newest.
-void AddWithOlder(Plan& plan, const Catalog& catalog, const Product& product, const Component* component) {
+void AddWithOlder(Plan& plan, const Catalog& catalog, const ComponentIndex& index, const Product& product,
+                  const Component* component) {
     AddWanted(plan, catalog, product, component);
-    if (component != FindComponent(catalog, component->identity, Version{})) return;
-    for (const Component& older : catalog.components)
-        if (older.identity == component->identity && &older != component) AddWanted(plan, catalog, product, &older);
+    if (component != FindComponent(index, component->identity, Version{})) return;
+    for (const Component* older : index.at(component->identity))
+        if (older != component) AddWanted(plan, catalog, product, older);
 }
 
 // Fails (kNotFound) before anything is downloaded when any part of the request names nothing.
 ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* products, size_t count, Plan& plan) {
+    const ComponentIndex index = IndexComponents(catalog);
     for (size_t r = 0; r < count; ++r) {
         std::vector<const Product*> matched;
         const ZOVRELAY_Status status = SelectProducts(catalog, &products[r], 1, matched);
@@ -65,18 +73,20 @@ ZOVRELAY_Status MakePlan(const Catalog& catalog, const ZOVRELAY_Product* product
         if (products[r].componentCount == 0) {
             for (const Product* product : matched)
                 for (const Identity& identity : product->components)
-                    AddWithOlder(plan, catalog, *product, FindComponent(catalog, identity, Version{}));
+                    AddWithOlder(plan, catalog, index, *product, FindComponent(index, identity, Version{}));
             continue;
         }
+        std::vector<std::set<Identity>> contents;  // of each matched product
+        for (const Product* product : matched) contents.emplace_back(product->components.begin(), product->components.end());
         for (size_t c = 0; c < products[r].componentCount; ++c) {
             const ZOVRELAY_EntityItem& requested = products[r].components[c];
             bool found = false;
-            for (const Product* product : matched) {
-                const std::vector<Identity>& list = product->components;
-                if (std::find(list.begin(), list.end(), IdentityOf(requested)) == list.end()) continue;
-                const Component* component = FindComponent(catalog, IdentityOf(requested), VersionOf(requested));
+            for (size_t m = 0; m < matched.size(); ++m) {
+                const Product* product = matched[m];
+                if (contents[m].count(IdentityOf(requested)) == 0) continue;
+                const Component* component = FindComponent(index, IdentityOf(requested), VersionOf(requested));
                 if (component == nullptr) continue;
-                AddWithOlder(plan, catalog, *product, component);
+                AddWithOlder(plan, catalog, index, *product, component);
                 found = true;
             }
             if (!found) return Fail(kNotFound, "not found", "component " + FormatIdentity(IdentityOf(requested)));
@@ -97,22 +107,35 @@ bool RepositoryFailure(ZOVRELAY_Status status) {
     return status == kIoError || status == kNoSpace || status == kPermissionDenied;
 }
 
-double SecondsSince(std::chrono::steady_clock::time_point start) {
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
 void SortNewestFirst(std::vector<HeldVersion>& versions) {
     std::sort(versions.begin(), versions.end(),
               [](const HeldVersion& a, const HeldVersion& b) { return b.version < a.version; });
 }
 
+// A verified part file in packages/, removed unless Release()d (after it was renamed).
+class Part {
+public:
+    Part(int directory, std::string name) : packages_(directory), name_(std::move(name)) {}
+    Part(const Part&) = delete;
+    Part& operator=(const Part&) = delete;
+    ~Part() {
+        if (!name_.empty()) ::unlinkat(packages_, name_.c_str(), 0);
+    }
+    const std::string& name() const { return name_; }
+    void Release() { name_.clear(); }
+
+private:
+    int packages_;
+    std::string name_;
+};
+
 class Mirrorer {
 public:
     Mirrorer(const Repository& repository, const Options& options, const Events& events, const LoadedSource& source,
-             RunLog* log)
+             RunLog* log, Alternates* alternates)
         : log_(log), root_(repository.directory.get()), packages_(repository.packages.get()),
           packagesPath_(repository.path + "/packages"), options_(options), events_(events), source_(source),
-          verified_(ReadVerification(root_)), now_(int64_t(std::time(nullptr))) {}
+          alternates_(alternates), verified_(ReadVerification(root_)), now_(int64_t(std::time(nullptr))) {}
 
     ZOVRELAY_Status Run(const Plan& plan);
     const std::map<Identity, Manifest>& held() const { return final_; }
@@ -137,22 +160,26 @@ private:
     }
     bool Blacklisted(const Component& component) const { return IsBlacklisted(options_, component.PackagePath()); }
     void Decide(Group& group);
-    ZOVRELAY_Status Download(const Component& component, std::unique_ptr<PackageSink>& sink, std::string& reason);
+    ZOVRELAY_Status Download(const std::vector<Group>& groups);
+    ZOVRELAY_Status CheckSpace(const std::vector<Group>& groups) const;
     PackageOutcome Outcome(const Component& component, const char* action) const {
         return PackageOutcome{component.PackagePath(), FormatIdentity(component.identity),
                               FormatVersion(component.version), source_.address, action, component.size, 0, 0,
                               kSuccess, ""};
     }
     ZOVRELAY_Status Failed(PackageOutcome outcome, ZOVRELAY_Status status, std::string reason,
-                           const std::string& object);
+                           const std::string& object, bool raise = true);
     ZOVRELAY_Status Store(const Group& group);
     ZOVRELAY_Status KeepVersionArchives(const Group& group, const Manifest& manifest,
-                                        std::map<Version, std::unique_ptr<PackageSink>>& parts);
+                                        std::map<Version, std::unique_ptr<Part>>& parts);
     void CheckVersionArchives();
-    void Log(const Identity& identity, const HeldVersion& held, const char* action, ZOVRELAY_Status status) {
-        if (log_ != nullptr)
-            log_->packages.push_back(PackageOutcome{held.path, FormatIdentity(identity), FormatVersion(held.version),
-                                                    source_.address, action, held.size, 0, 0, status, {}});
+    void Log(const Identity& identity, const HeldVersion& held, const char* action, ZOVRELAY_Status status,
+             const localrelay::Download* d = nullptr) {
+        if (log_ == nullptr) return;
+        log_->packages.push_back(PackageOutcome{held.path, FormatIdentity(identity), FormatVersion(held.version),
+                                                d != nullptr ? d->address : source_.address, action, held.size,
+                                                d != nullptr ? d->received : 0, d != nullptr ? d->seconds : 0, status,
+                                                d != nullptr && status <= 0 ? d->reason : std::string()});
     }
 
     RunLog* log_;
@@ -161,6 +188,7 @@ private:
     const Options& options_;
     const Events& events_;
     const LoadedSource& source_;
+    Alternates* alternates_;
     std::optional<Catalog> reloaded_;  // the source's catalog read again after a byte range failed
     bool reloadTried_ = false;
     VerificationRecord verified_;
@@ -169,6 +197,8 @@ private:
     ServedCatalog served_;  // what source.ini says now
     std::vector<std::string> leaving_;
     ZOVRELAY_Status failure_ = kSuccess;
+    std::vector<localrelay::Download> downloads_;
+    std::map<const Component*, const localrelay::Download*> downloaded_;  // verified parts
 };
 
 // What to download: the wanted versions that will be among the newest kept and that the merged
@@ -211,53 +241,19 @@ void Mirrorer::Decide(Group& group) {
     }
 }
 
-// Fetches one package into its part file. A byte range of a repository source that does not
-// match its catalog means the source replaced that archive since we read its catalog: the
-// catalog is read again, once per run, and the range it names now is tried instead.
-ZOVRELAY_Status Mirrorer::Download(const Component& component, std::unique_ptr<PackageSink>& sink,
-                                   std::string& reason) {
-    const Component* attempt = &component;
-    for (int round = 0;; ++round) {
-        sink = std::make_unique<PackageSink>(packages_, PartName(component.identity, component.version),
-                                             component.size, events_, component.PackagePath());
-        TransferSettings settings = source_.settings;
-        if (attempt->offset != 0) {
-            settings.offset = attempt->offset;
-            settings.length = attempt->size;
-        }
-        ZOVRELAY_Status status = sink->Open();
-        reason.clear();
-        if (status > 0) status = Fetch(JoinAddress(source_.address, attempt->path), settings, *sink, &reason);
-        if (status > 0) status = sink->Finish(component.sha256);
-        if (status <= 0 && reason.empty()) reason = sink->stopReason;
-        if (status != kIntegrityFailed || attempt->offset == 0 || round > 0) return status;
-        if (!reloadTried_) {
-            reloadTried_ = true;
-            reloaded_ = ReloadCatalog(source_);
-        }
-        attempt = nullptr;
-        if (reloaded_)
-            for (const Component& fresh : reloaded_->components)
-                if (fresh.identity == component.identity && fresh.version == component.version &&
-                    fresh.sha256 == component.sha256 && fresh.size == component.size)
-                    attempt = &fresh;
-        if (attempt == nullptr) return status;
-        sink.reset();
-    }
-}
-
 // A package that failed is reported as it happens, by a "downloadend" whose `finished` (the bytes
 // verified, 0) differs from `total` and whose information is "<path>: <reason>", and goes into the
 // run log. The run goes on unless the failure stops it; the first failure is the run's status.
 ZOVRELAY_Status Mirrorer::Failed(PackageOutcome outcome, ZOVRELAY_Status status, std::string reason,
-                                 const std::string& object) {
+                                 const std::string& object, bool raise) {
     if (reason.empty()) reason = StatusText(status);
     outcome.status = status;
     outcome.reason = reason;
     if (log_ != nullptr) log_->packages.push_back(outcome);
     if (status == kCancelled) return status;
     // The event first: a handler may run relay calls of its own, which settle the thread's record.
-    if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADEND, outcome.path + ": " + reason, outcome.size, 0)) return kCancelled;
+    if (raise && !events_.Raise(ZOVRELAY_EVENT_DOWNLOADEND, outcome.path + ": " + reason, outcome.size, 0))
+        return kCancelled;
     if (failure_ > 0 || StopsTheRun(status)) Fail(status, reason, object);
     Note(status);
     return StopsTheRun(status) ? status : kSuccess;
@@ -271,31 +267,14 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
     if (previous != nullptr) manifest = previous->manifest();
     manifest.identity = identity;
 
-    // Downloads go to hidden temporaries, checked before anything else sees them.
-    std::map<Version, std::unique_ptr<PackageSink>> parts;
+    // The verified downloads, in hidden part files that go unless kept.
+    std::map<Version, std::unique_ptr<Part>> parts;
     std::map<Version, std::string> files;
     for (const Component* component : group.downloads) {
-        if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADBEGIN, component->PackagePath(), component->size, 0))
-            return kCancelled;
-        std::unique_ptr<PackageSink> sink;
-        std::string reason;
-        const auto started = std::chrono::steady_clock::now();
-        ZOVRELAY_Status status = Download(*component, sink, reason);
-        const bool heal = std::find(group.damaged.begin(), group.damaged.end(), component->version) != group.damaged.end();
-        PackageOutcome outcome = Outcome(*component, heal ? "heal" : "download");
-        outcome.bytes = sink != nullptr ? sink->received() : 0;
-        outcome.seconds = SecondsSince(started);
-        if (status <= 0) {
-            const std::string part = "packages/" + PartName(identity, component->version);
-            status = Failed(outcome, status, reason, RepositoryFailure(status) ? part : component->PackagePath());
-            if (status <= 0) return status;
-            continue;
-        }
-        if (log_ != nullptr) log_->packages.push_back(outcome);
-        if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOADEND, component->PackagePath(), component->size, component->size))
-            return kCancelled;
-        files[component->version] = sink->name();
-        parts[component->version] = std::move(sink);
+        const auto done = downloaded_.find(component);
+        if (done == downloaded_.end()) continue;
+        files[component->version] = done->second->part;
+        parts[component->version] = std::make_unique<Part>(packages_, done->second->part);
     }
 
     Manifest next = manifest;
@@ -348,15 +327,18 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
         if (status > 0) status = WriteMergedArchive(packages_, temporary.fd(), temporary.name(), next, files, previous.get());
         // source.ini must never name a range of the archive being replaced: it stops listing the
         // component first, and lists its new ranges once the new archive is in place.
-        if (status > 0 && served_.erase(identity) != 0)
-            status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
+        // A component it did not list yet is added when the run ends (the caller rewrites both
+        // catalogs): rewriting source.ini after every new component made a first mirror of many
+        // small components quadratic in bytes written.
+        const bool listed = status > 0 && served_.erase(identity) != 0;
+        if (status > 0 && listed) status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
         if (status > 0) {
             previous.reset();
             status = temporary.ReplaceInto(merged);
         }
         if (status > 0) {
             served_[identity] = Served(packages_, next);
-            status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
+            if (listed) status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
         }
         if (status <= 0) {
             // libzip leaves the failing write's errno: a full disk is worth saying so.
@@ -387,7 +369,7 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
 // write and delete the same files every night. Pruning beyond keepcount happens after the index
 // stops naming the files (see Mirror's caller).
 ZOVRELAY_Status Mirrorer::KeepVersionArchives(const Group& group, const Manifest& manifest,
-                                              std::map<Version, std::unique_ptr<PackageSink>>& parts) {
+                                              std::map<Version, std::unique_ptr<Part>>& parts) {
     if (options_.buildPatch != 0) {
         for (auto& [version, part] : parts) {
             if (manifest.Find(version) == nullptr) continue;
@@ -437,11 +419,12 @@ void Mirrorer::CheckVersionArchives() {
 
 ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
     std::vector<Group> groups;
+    std::map<Identity, size_t> groupOf;
     for (const Wanted& wanted : plan.wanted) {
         const Identity& identity = wanted.component->identity;
-        auto group = std::find_if(groups.begin(), groups.end(), [&](const Group& g) { return g.identity == identity; });
-        if (group == groups.end()) group = groups.insert(groups.end(), Group{identity, {}, {}, {}, {}});
-        group->wanted.push_back(&wanted);
+        const auto [at, added] = groupOf.emplace(identity, groups.size());
+        if (added) groups.push_back(Group{identity, {}, {}, {}, {}});
+        groups[at->second].wanted.push_back(&wanted);
     }
     served_ = ServedOf(packages_, ReadHeld(packages_));
     uint64_t planned = 0;
@@ -460,12 +443,12 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
         }
     }
     if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOAD, source_.address, planned, 0)) return kCancelled;
-    ZOVRELAY_Status status = kSuccess;
-    for (const Group& group : groups) {
-        status = Store(group);
-        if (status <= 0) break;
+    ZOVRELAY_Status status = Download(groups);
+    if (status > 0) {
+        // Parts of packages this run still wants stay for the next run to continue; others go.
+        RemoveUnplannedParts(packages_, downloads_);
+        CheckVersionArchives();
     }
-    if (status > 0) CheckVersionArchives();
     // Archives gone since they were recorded need no record.
     for (auto record = verified_.begin(); record != verified_.end();) {
         struct stat info {};
@@ -476,16 +459,135 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
     return status <= 0 ? status : failure_;
 }
 
+// Every package the plan lacks, from one queue. A component's merged archive is written as soon
+// as its last download ended, so that a run cut short keeps every component it completed.
+ZOVRELAY_Status Mirrorer::Download(const std::vector<Group>& groups) {
+    std::vector<const Component*> components;
+    std::vector<size_t> groupOf, pending(groups.size());
+    for (const Group& group : groups) {
+        pending[size_t(&group - groups.data())] = group.downloads.size();
+        for (const Component* component : group.downloads) {
+            localrelay::Download d;
+            d.information = component->PackagePath();
+            d.address = JoinAddress(source_.address, component->path);
+            d.settings = &source_.settings;
+            d.offset = component->offset;
+            d.size = component->size;
+            d.sha256 = component->sha256;
+            d.part = PartName(group.identity, component->version);
+            downloads_.push_back(std::move(d));
+            components.push_back(component);
+            groupOf.push_back(size_t(&group - groups.data()));
+        }
+    }
+    ZOVRELAY_Status status = CheckSpace(groups);
+    if (status <= 0) return status;
+    for (const Group& group : groups) {
+        if (!group.downloads.empty()) continue;
+        if ((status = Store(group)) <= 0) return status;
+    }
+    // A package the serving source could not deliver is taken from the next source that lists
+    // the same version with the same size and SHA-256, in further rounds.
+    // A byte range of a repository source that does not match its catalog means the source
+    // replaced that archive since we read its catalog: the catalog is read again, once per run,
+    // and the range it names now is tried instead.
+    std::vector<size_t> sourceOf(downloads_.size(), 0);
+    std::vector<bool> rangeRetried(downloads_.size(), false);
+    std::vector<std::pair<size_t, localrelay::Download>> again;
+    auto retry = [&](size_t i, const LoadedSource& from, const Component& listed) {
+        localrelay::Download next = downloads_[i];
+        next.address = JoinAddress(from.address, listed.path);
+        next.settings = &from.settings;
+        next.offset = listed.offset;
+        again.emplace_back(i, std::move(next));
+        return kSuccess;
+    };
+    auto settle = [&](size_t i) -> ZOVRELAY_Status {
+        localrelay::Download& d = downloads_[i];
+        const Component& component = *components[i];
+        if (d.status == kIntegrityFailed && d.offset != 0 && sourceOf[i] == 0 && !rangeRetried[i]) {
+            rangeRetried[i] = true;
+            if (!reloadTried_) {
+                reloadTried_ = true;
+                reloaded_ = ReloadCatalog(source_);
+            }
+            if (reloaded_)
+                for (const Component& fresh : reloaded_->components)
+                    if (fresh.identity == component.identity && fresh.version == component.version &&
+                        fresh.sha256 == component.sha256 && fresh.size == component.size)
+                        return retry(i, source_, fresh);
+        }
+        const LoadedSource* other = nullptr;
+        const Component* listed = nullptr;
+        if (d.status <= 0 && alternates_ != nullptr && alternates_->Find(component, sourceOf[i], other, listed))
+            return retry(i, *other, *listed);
+        const Group& group = groups[groupOf[i]];
+        const bool heal = std::find(group.damaged.begin(), group.damaged.end(), component.version) != group.damaged.end();
+        if (d.status > 0) {
+            Log(group.identity, HeldVersion{component.version, component.PackagePath(), component.size, component.sha256},
+                heal ? "heal" : "download", d.status, &d);
+            downloaded_[&component] = &d;
+        } else {
+            PackageOutcome outcome = Outcome(component, heal ? "heal" : "download");
+            outcome.source = d.address;
+            outcome.bytes = d.received;
+            outcome.seconds = d.seconds;
+            // The downloader raised the failed "downloadend" already.
+            const std::string object = RepositoryFailure(d.status) ? "packages/" + d.part : component.PackagePath();
+            const ZOVRELAY_Status stop = Failed(outcome, d.status, d.reason, object, false);
+            if (stop <= 0) return stop;
+        }
+        return --pending[groupOf[i]] == 0 ? Store(group) : kSuccess;
+    };
+    status = DownloadAll(downloads_, packages_, options_.maxBandwidth, events_,
+                         [&](localrelay::Download& d) { return settle(size_t(&d - downloads_.data())); });
+    while (status > 0 && !again.empty()) {
+        std::vector<size_t> original;
+        std::vector<localrelay::Download> round;
+        for (auto& [i, d] : again) original.push_back(i), round.push_back(std::move(d));
+        again.clear();
+        status = DownloadAll(round, packages_, options_.maxBandwidth, events_, [&](localrelay::Download& d) {
+            const size_t i = original[size_t(&d - round.data())];
+            downloads_[i] = d;
+            return settle(i);
+        });
+    }
+    return status;
+}
+
+// Fails early, before a byte is fetched, when the repository's file system cannot hold what the
+// plan needs: the packages still to fetch, and each touched merged archive written anew beside
+// the old one.
+ZOVRELAY_Status Mirrorer::CheckSpace(const std::vector<Group>& groups) const {
+    uint64_t needed = 0;
+    for (const localrelay::Download& d : downloads_) needed += 2 * d.size - ResumableBytes(packages_, d);
+    for (const Group& group : groups) {
+        struct stat info {};
+        if (!group.downloads.empty() &&
+            ::fstatat(packages_, MergedArchiveName(group.identity).c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+            needed += uint64_t(info.st_size);
+    }
+    struct statvfs space {};
+    if (::fstatvfs(packages_, &space) != 0) return kSuccess;  // unknown: the writes will tell
+    const uint64_t available = uint64_t(space.f_bavail) * uint64_t(space.f_frsize);
+    if (needed <= available) return kSuccess;
+    constexpr uint64_t kMiB = 1 << 20;
+    return Fail(kNoSpace, "no space left (needs " + std::to_string((needed + kMiB - 1) / kMiB) + " MiB, " +
+                              std::to_string(available / kMiB) + " MiB free)",
+                "packages/");
+}
+
 }  // namespace
 
 ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log) {
+                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log,
+                       Alternates* alternates) {
     Plan plan;
     ZOVRELAY_Status status = MakePlan(source.catalog, products, count, plan);
     if (status <= 0) return status;
 
-    Mirrorer mirrorer(repository, options, events, source, log);
+    Mirrorer mirrorer(repository, options, events, source, log, alternates);
     status = mirrorer.Run(plan);
     leaving = mirrorer.leaving();
     if (status <= 0) return status;

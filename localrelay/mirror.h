@@ -24,7 +24,8 @@ namespace localrelay {
 // index no longer names them.
 ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log = nullptr);
+                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log = nullptr,
+                       Alternates* alternates = nullptr);
 
 }  // namespace localrelay
 

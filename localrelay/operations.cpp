@@ -3,6 +3,7 @@
 // repository.
 #include "context.h"
 #include "failure.h"
+#include "http.h"
 #include "files.h"
 #include "library.h"
 #include "listing.h"
@@ -139,7 +140,7 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
             RunSummary summary;
             summary.started = std::chrono::system_clock::now();
             LoadedSource source;
-            status = LoadSource(sources, sourceCount, operation.options(), source, &log);
+            status = LoadSource(sources, sourceCount, operation.options(), source, nullptr, nullptr, &log);
             if (status > 0) status = ListCatalog(source.catalog, products, productCount, listed);
             // The filtered mirrors begin by listing the source: a mirror job that fails there is
             // on record too. A listing that succeeds leaves the last run's report alone.
@@ -169,11 +170,14 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
         RunSummary summary;
         summary.started = std::chrono::system_clock::now();
         if (productCount > 0) {
+            Pool pool;  // the catalog's connection serves the packages too
             LoadedSource source;
-            status = LoadSource(sources, sourceCount, operation.options(), source, &log);
+            size_t served = 0;
+            status = LoadSource(sources, sourceCount, operation.options(), source, &pool, &served, &log);
+            Alternates alternates(sources, sourceCount, served, operation.options(), &pool);
             if (status > 0)
                 status = Mirror(operation.repository(), operation.options(), operation.events(), source, products,
-                                productCount, result, leaving, &log);
+                                productCount, result, leaving, &log, &alternates);
         }
         // The catalogs follow the archives whatever happened: what was stored before a failure
         // stays. Per-version archives beyond keepcount go only once the index no longer names them.

@@ -1,4 +1,5 @@
 #include "repository.h"
+#include "downloader.h"
 #include "files.h"
 #include "package.h"
 #include "status.h"
@@ -86,7 +87,11 @@ void RemoveStaleTemporaries(int root, int packages) {
     for (const int directory : {root, packages}) {
         std::vector<std::string> stale;
         ForEachEntry(directory, [&](std::string_view name) {
-            if (directory == root ? IsRootTemporaryName(name) : IsTemporaryName(name)) stale.emplace_back(name);
+            // A part with its resume record is kept: the next mirror continues it, and removes it
+            // when it no longer wants it.
+            if (directory == root ? IsRootTemporaryName(name)
+                                  : IsTemporaryName(name) && !IsResumablePart(packages, std::string(name)))
+                stale.emplace_back(name);
         });
         // What cannot be removed (a full directory planted under such a name) stays: temporaries
         // are always created under fresh names, so it is in nobody's way.

@@ -4,6 +4,8 @@
 #include "status.h"
 #include "wide.h"
 
+#include <algorithm>
+
 namespace localrelay {
 namespace {
 
@@ -21,7 +23,7 @@ bool Narrow(const wchar_t* text, std::string& bytes) {
 }  // namespace
 
 ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options,
-                           LoadedSource& loaded, RunLog* log) {
+                           LoadedSource& loaded, Pool* pool, size_t* served, RunLog* log) {
     Failure failure{kNoSourceReachable, "no source address given"};
     std::string failed;  // the catalog's address
     auto refused = [&](const std::string& address, const std::string& catalog, ZOVRELAY_Status status,
@@ -38,6 +40,7 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
         LoadedSource candidate;
         candidate.settings.maxBandwidth = options.maxBandwidth;
         candidate.settings.httpsLevel = options.httpsLevel;
+        candidate.settings.pool = pool;
         if (!Narrow(source.url, candidate.address)) return kInvalidArgument;
         if (const ZOVRELAY_Proxy* proxy = source.proxy) {
             ProxySettings& settings = candidate.settings.proxy;
@@ -78,11 +81,38 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
             candidate.catalog = std::move(*catalog);
             candidate.catalogName = name;
             loaded = std::move(candidate);
+            if (served != nullptr) *served = i;
             return kSuccess;
         }
         refused(candidate.address, refusedAt, refusal.status, refusal.reason);
     }
     return Fail(failure.status, failure.reason, failed);
+}
+
+bool Alternates::Find(const Component& component, size_t& after, const LoadedSource*& source,
+                      const Component*& listed) {
+    for (size_t i = std::max(after + 1, next_); i < count_; ++i) {
+        Loaded& entry = loaded_[i];
+        if (entry.source == nullptr && entry.index.empty()) {
+            auto candidate = std::make_unique<LoadedSource>();
+            if (LoadSource(&sources_[i], 1, options_, *candidate, pool_) > 0) {
+                for (const Component& c : candidate->catalog.components) entry.index[{c.identity, c.version}] = &c;
+                entry.source = std::move(candidate);
+            } else {
+                entry.index[{}] = nullptr;  // tried: never loaded again
+            }
+        }
+        if (entry.source == nullptr) continue;
+        const auto found = entry.index.find({component.identity, component.version});
+        if (found == entry.index.end() || found->second->size != component.size ||
+            found->second->sha256 != component.sha256)
+            continue;
+        after = i;
+        source = entry.source.get();
+        listed = found->second;
+        return true;
+    }
+    return false;
 }
 
 std::optional<Catalog> ReloadCatalog(const LoadedSource& source) {

@@ -38,41 +38,6 @@ int HexValue(char c) {
     return -1;
 }
 
-// The file system path an address names; false for addresses no local read can serve.
-bool LocalPath(const std::string& address, std::string& path, std::string* error) {
-    if (!StartsWithNoCase(address, "file://")) {
-        if (address.find("://") != std::string::npos) {
-            SetError(error, "unsupported address");
-            return false;
-        }
-        path = address;  // a plain path; a relative one is taken from the working directory
-        if (path.empty()) SetError(error, "empty address");
-        return !path.empty();
-    }
-    std::string rest = address.substr(7);
-    if (StartsWithNoCase(rest, "localhost/")) rest.erase(0, 9);
-    if (rest.empty() || rest[0] != '/') {
-        SetError(error, "a file URL names no remote host: " + address);
-        return false;
-    }
-    path.clear();
-    for (size_t i = 0; i < rest.size(); ++i) {
-        if (rest[i] != '%') {
-            path += rest[i];
-            continue;
-        }
-        const int high = i + 2 < rest.size() ? HexValue(rest[i + 1]) : -1;
-        const int low = high >= 0 ? HexValue(rest[i + 2]) : -1;
-        if (low < 0 || (high == 0 && low == 0)) {
-            SetError(error, "bad escape in " + address);
-            return false;
-        }
-        path += static_cast<char>(high * 16 + low);
-        i += 2;
-    }
-    return true;
-}
-
 // Holds transfers to maxBandwidth KiB/s on average: after each chunk, waits until the bytes so
 // far are due.
 class Pacer {
@@ -154,6 +119,44 @@ private:
 };
 
 }  // namespace
+
+bool LocalPath(const std::string& address, std::string& path, std::string* error) {
+    if (!StartsWithNoCase(address, "file://")) {
+        if (address.find("://") != std::string::npos) {
+            SetError(error, "unsupported address");
+            return false;
+        }
+        path = address;  // a plain path; a relative one is taken from the working directory
+        if (path.empty()) SetError(error, "empty address");
+        return !path.empty();
+    }
+    std::string rest = address.substr(7);
+    if (StartsWithNoCase(rest, "localhost/")) rest.erase(0, 9);
+    if (rest.empty() || rest[0] != '/') {
+        SetError(error, "a file URL names no remote host: " + address);
+        return false;
+    }
+    path.clear();
+    for (size_t i = 0; i < rest.size(); ++i) {
+        if (rest[i] != '%') {
+            path += rest[i];
+            continue;
+        }
+        const int high = i + 2 < rest.size() ? HexValue(rest[i + 1]) : -1;
+        const int low = high >= 0 ? HexValue(rest[i + 2]) : -1;
+        if (low < 0 || (high == 0 && low == 0)) {
+            SetError(error, "bad escape in " + address);
+            return false;
+        }
+        path += static_cast<char>(high * 16 + low);
+        i += 2;
+    }
+    return true;
+}
+
+bool IsHttpAddress(const std::string& address) {
+    return StartsWithNoCase(address, "http://") || StartsWithNoCase(address, "https://");
+}
 
 std::string JoinAddress(const std::string& address, const std::string& relative) {
     size_t skip = 0;

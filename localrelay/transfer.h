@@ -21,10 +21,13 @@ struct ProxySettings {
     std::string password;  // empty: none
 };
 
+class Pool;
+
 struct TransferSettings {
     int64_t maxBandwidth = 0;  // KiB/s; 0 or less: no limit
     int64_t httpsLevel = 2;    // 0 no certificate check, 1 peer certificate, 2 (and any other) peer and host
     ProxySettings proxy;
+    Pool* pool = nullptr;  // the operation's connections, when it has a pool
     // A byte range of the file: `length` bytes from `offset` (a version inside a merged archive).
     // length 0: the whole file.
     uint64_t offset = 0, length = 0;
@@ -39,6 +42,13 @@ public:
     ZOVRELAY_Status stopStatus = -10;
     std::string stopReason;  // why, on one line ("no space left"); Fetch hands it out as its error
 };
+
+// The file system path a local address (a path or file:// URL) names; false, with `error`, for
+// addresses no local read can serve.
+bool LocalPath(const std::string& address, std::string& path, std::string* error);
+
+// Whether the address is an http:// or https:// URL.
+bool IsHttpAddress(const std::string& address);
 
 // The address of `relative` under a source address: "<address>/<relative>", with one "/".
 std::string JoinAddress(const std::string& address, const std::string& relative);

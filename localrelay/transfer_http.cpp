@@ -1,8 +1,7 @@
 // HTTP and HTTPS transfers through libcurl.
 #include "failure.h"
+#include "http.h"
 #include "transfer.h"
-
-#include <curl/curl.h>
 
 #include <algorithm>
 #include <chrono>
@@ -216,6 +215,29 @@ bool SetProxy(Options& options, const ProxySettings& proxy, std::string* reason)
 
 }  // namespace
 
+ZOVRELAY_Status SetCommonOptions(CURL* curl, const TransferSettings& settings, char* errorBuffer,
+                                 std::string* reason) {
+    if (!CurlReady()) return Unreachable(reason, "libcurl could not be initialised");
+    Options options(curl);
+    options.Set(CURLOPT_ERRORBUFFER, errorBuffer);
+    options.Set(CURLOPT_NOSIGNAL, 1L);  // no SIGALRM: other threads of the host may be transferring too
+    SetProtocols(options);
+    options.Set(CURLOPT_FOLLOWLOCATION, 1L);
+    options.Set(CURLOPT_MAXREDIRS, 10L);
+    options.Set(CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
+    options.Set(CURLOPT_LOW_SPEED_LIMIT, 1L);
+    options.Set(CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+    options.Set(CURLOPT_USERAGENT, "zovrelay-local/1.0");
+    SetCertificateCheck(options, settings.httpsLevel);
+    if (settings.pool != nullptr && settings.pool->share() != nullptr) options.Set(CURLOPT_SHARE, settings.pool->share());
+    std::string proxyProblem;
+    if (!SetProxy(options, settings.proxy, &proxyProblem)) return Unreachable(reason, proxyProblem);
+    if (options.Result() == CURLE_OUT_OF_MEMORY) return kOutOfMemory;
+    if (options.Result() != CURLE_OK)
+        return Unreachable(reason, std::string("libcurl refused a setting: ") + curl_easy_strerror(options.Result()));
+    return kSuccess;
+}
+
 ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settings, ChunkSink& sink,
                           std::string* error) {
     if (!CurlReady()) return Unreachable(error, "libcurl could not be initialised");
@@ -229,30 +251,20 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
                                                   : std::string();
     transfer.partial = !range.empty();
     char curlError[CURL_ERROR_SIZE] = "";
+    const ZOVRELAY_Status common = SetCommonOptions(curl, settings, curlError, error);
+    if (common <= 0) return common;
     Options options(curl);
     options.Set(CURLOPT_URL, url.c_str());
-    options.Set(CURLOPT_ERRORBUFFER, curlError);
-    options.Set(CURLOPT_NOSIGNAL, 1L);  // no SIGALRM: other threads of the host may be transferring too
-    SetProtocols(options);
-    options.Set(CURLOPT_FOLLOWLOCATION, 1L);
-    options.Set(CURLOPT_MAXREDIRS, 10L);
     options.Set(CURLOPT_FAILONERROR, 1L);
     options.Set(CURLOPT_WRITEFUNCTION, static_cast<curl_write_callback>(&Receive));
     options.Set(CURLOPT_WRITEDATA, static_cast<void*>(&transfer));
     options.Set(CURLOPT_BUFFERSIZE, transfer.pacer.ChunkSize(kReceiveBufferSize));
-    options.Set(CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-    options.Set(CURLOPT_LOW_SPEED_LIMIT, 1L);
-    options.Set(CURLOPT_LOW_SPEED_TIME, kStallSeconds);
-    options.Set(CURLOPT_USERAGENT, "zovrelay-local/1.0");
-    SetCertificateCheck(options, settings.httpsLevel);
     if (!range.empty()) options.Set(CURLOPT_RANGE, range.c_str());
     if (settings.maxBandwidth > 0) {
         constexpr int64_t kMaxKiB = std::numeric_limits<curl_off_t>::max() / 1024;
         const int64_t kib = settings.maxBandwidth < kMaxKiB ? settings.maxBandwidth : kMaxKiB;
         options.Set(CURLOPT_MAX_RECV_SPEED_LARGE, static_cast<curl_off_t>(kib * 1024));
     }
-    std::string proxyProblem;
-    if (!SetProxy(options, settings.proxy, &proxyProblem)) return Unreachable(error, proxyProblem);
     if (options.Result() == CURLE_OUT_OF_MEMORY) return kOutOfMemory;
     if (options.Result() != CURLE_OK) {
         return Unreachable(error, std::string("libcurl refused a setting: ") + curl_easy_strerror(options.Result()));
@@ -282,6 +294,22 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
                                      settings.proxy.used && !settings.proxy.user.empty(), curlError);
     if (error != nullptr) *error = failure.reason;
     return failure.status;
+}
+
+}  // namespace localrelay
+
+namespace localrelay {
+
+// Connections, TLS sessions and DNS answers shared by every handle of the operation. All use is
+// on the operation's thread, so the share needs no lock callbacks.
+Pool::Pool() : share_(CurlReady() ? curl_share_init() : nullptr) {
+    if (share_ == nullptr) return;
+    for (const curl_lock_data data : {CURL_LOCK_DATA_DNS, CURL_LOCK_DATA_SSL_SESSION, CURL_LOCK_DATA_CONNECT})
+        curl_share_setopt(share_, CURLSHOPT_SHARE, data);
+}
+
+Pool::~Pool() {
+    if (share_ != nullptr) curl_share_cleanup(share_);
 }
 
 }  // namespace localrelay

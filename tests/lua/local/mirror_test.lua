@@ -70,8 +70,13 @@ describe("mirroring from", function()
       local first = mirror()
       assert.are.same({"download", source(), 0}, {first[1].type, first[1].information, first[1].finished})
       local planned = first[1].total
-      for i = 2, #first, 3 do  -- per package: downloadbegin, one progress (small packages), downloadend
-        local begin, progress, finish = first[i], first[i + 1], first[i + 2]
+      local per = {}  -- packages transfer in parallel: their events interleave, each in order
+      for i = 2, #first do
+        per[first[i].information] = per[first[i].information] or {}
+        table.insert(per[first[i].information], first[i])
+      end
+      for _, events in pairs(per) do  -- per package: downloadbegin, one progress (small packages), downloadend
+        local begin, progress, finish = events[1], events[2], events[3]
         assert.are.same({"downloadbegin", "progress", "downloadend", begin.information, 0, begin.total, begin.total},
                         {begin.type, progress.type, finish.type, finish.information, begin.finished,
                          progress.finished, finish.finished})
