@@ -10,6 +10,11 @@ e.INDEX = "[PATTERN]\n\n[ENGINE]\n\n[All_Product]\n\n"  -- server.ini after a cl
 
 function e.quote(text) return "'" .. text:gsub("'", "'\\''") .. "'" end
 
+-- The interpreter for scripts a suite runs as processes of their own: a sanitized build's update.so
+-- loads only where its runtimes come first, so they are preloaded there too.
+local preload = os.getenv("UPDATE_PRELOAD")
+e.LUA = preload and "env LD_PRELOAD=" .. e.quote(preload) .. " lua5.2" or "lua5.2"
+
 -- Writes a sample source into directory; options are makesource's (products, components, size...).
 function e.makeSource(directory, options)
   local command = {e.quote(build .. "/tools/makesource")}

@@ -16,7 +16,7 @@ end
 
 local function mirror(repository, source)
   assert(os.execute("mkdir -p " .. e.quote(repository)))  -- flock(1) would make a missing path a file
-  return run(string.format("flock -n %s env LUA_CPATH=%s lua5.2 %s %s %s", e.quote(repository), e.quote(build .. "/lua/?.so;;"),
+  return run(string.format("flock -n %s env LUA_CPATH=%s %s %s %s %s", e.quote(repository), e.quote(build .. "/lua/?.so;;"), e.LUA,
                            e.quote(top .. "/examples/mirror.lua"), e.quote(repository), e.quote(source)))
 end
 

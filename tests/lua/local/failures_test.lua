@@ -144,7 +144,7 @@ describe("a failure", function()
     local code = string.format("local _, s, m = require'update'.patterns(%q, {}, %q, {ke = true}) print(s) print(m)"
                                .. " io.write(io.open(%q):read('*a'))", full, big, full .. "/report.json")
     out = sh(string.format("unshare --mount sh -c %s", e.quote(string.format(
-      "mount -t tmpfs -o size=256k tmpfs %s && lua5.2 -e %s", e.quote(full), e.quote(code)))))
+      "mount -t tmpfs -o size=256k tmpfs %s && %s -e %s", e.quote(full), e.LUA, e.quote(code)))))
     local status, message, report = out:match("^(%-?%d+)\n([^\n]*)\n(.*)$")
     assert.are.equal("-17", status, out)
     assert.truthy(message:match("^no space left.*: packages/"), message)
@@ -165,7 +165,7 @@ describe("a failure", function()
       local code = string.format("print(select(2, require'update'.list(%q, {}, 'https://127.0.0.1:%d', {httpslevel = %d})))",
                                  repository(), ports[case[2]], case[3])
       local clean = "-u CURL_CA_BUNDLE -u SSL_CERT_FILE -u SSL_CERT_DIR"  -- as the machine may set them
-      local out = sh(string.format("env %s %s lua5.2 -e %s", clean, case[1], e.quote(code)))
+      local out = sh(string.format("env %s %s %s -e %s", clean, case[1], e.LUA, e.quote(code)))
       assert.are.equal(tostring(case[4]), out:match("^%-?%d+"), "case " .. i .. ": " .. out)
     end
     local metrics = e.read(work .. "/update" .. (work .. "/repository" .. serial - 1):gsub("%W+", "_") .. ".prom")
