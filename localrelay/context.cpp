@@ -77,8 +77,10 @@ ZOVRELAY_Status LockRepository(Repository& repository) {
     FileDescriptor lock(OpenLockFile(repository.directory.get()));
     if (lock.get() < 0) return kRepositoryNotAccessible;
     // flock, not fcntl locks: two contexts of one process conflict just as two processes do.
+    // Another writer holds it: the message names the lock, which tools such as lsof trace to it.
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) != 0)
-        return errno == EWOULDBLOCK ? kRepositoryBusy : kRepositoryNotAccessible;
+        return errno == EWOULDBLOCK ? Fail(kRepositoryBusy, "repository is busy", repository.path + "/" + kLockName)
+                                    : kRepositoryNotAccessible;
     repository.lock = std::move(lock);
     // Under the lock, so no running writer can own them.
     RemoveStaleTemporaries(repository.directory.get(), repository.packages.get());

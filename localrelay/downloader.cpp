@@ -73,8 +73,6 @@ bool WriteAll(int fd, const char* data, size_t size, uint64_t at) {
     return true;
 }
 
-ZOVRELAY_Status WriteFailure() { return errno == ENOSPC || errno == EDQUOT ? kNoSpace : kIoError; }
-
 // The resume record beside a part: which file and which catalog entry its bytes belong to, and
 // the server's validators. A part is continued only when all of these still match.
 std::string ResumeRecord(const Download& d, const std::string& etag, const std::string& modified) {
@@ -215,6 +213,7 @@ private:
     bool Progress(Job& job, bool force);
     ZOVRELAY_Status Finish(Job& job, ZOVRELAY_Status status, std::string reason, bool transient);
     ZOVRELAY_Status Verified(Job& job);
+    ZOVRELAY_Status Stopped(Job& job, const Failure& failure);
     ZOVRELAY_Status ReadLocal(Job& job);
     ZOVRELAY_Status Start(Job& job);
     ZOVRELAY_Status Done(Job& job, CURLcode result);
@@ -311,7 +310,7 @@ ZOVRELAY_Status Engine::OpenPart(Job& job, bool resumable) {
             job.fd = ::openat(directory_, d.part.c_str(), kCreate, 0644);
         }
     }
-    return job.fd >= 0 ? kSuccess : WriteFailure();
+    return job.fd >= 0 ? kSuccess : Stopped(job, FromErrno(errno));
 }
 
 // Writes the part's resume record, when the server named the file's version: a killed run then
@@ -359,8 +358,21 @@ ZOVRELAY_Status Engine::Verified(Job& job) {
     ::unlinkat(directory_, ResumeName(job.d->part).c_str(), 0);
     const bool closed = ::close(job.fd) == 0;
     job.fd = -1;
-    if (!closed) return kIoError;
+    if (!closed) return Stopped(job, FromErrno(errno));
     return Finish(job, kSuccess, "", false);
+}
+
+// The repository cannot take the part (a full disk, refused access): the package is reported
+// failed like any other, handed over at once so that its message names the part, and the run
+// stops with the failure's status.
+ZOVRELAY_Status Engine::Stopped(Job& job, const Failure& failure) {
+    ZOVRELAY_Status status = Begin(job);
+    if (status > 0) status = Finish(job, failure.status, failure.reason, false);
+    if (status > 0 && IsHttpAddress(job.d->address)) {
+        ready_.pop_back();  // Finish queued it for between rounds: there will be none
+        status = done_(*job.d);
+    }
+    return status > 0 ? failure.status : status;
 }
 
 // Records how the package went, or schedules another attempt; answers what stops the run.
@@ -411,6 +423,7 @@ ZOVRELAY_Status Engine::ReadLocal(Job& job) {
     std::vector<char> buffer(std::min<uint64_t>(kLocalBuffer, std::max<uint64_t>(budget_.ChunkSize(kLocalBuffer), 1)));
     ZOVRELAY_Status status = kSuccess;
     std::string why;
+    Failure written;
     // A package inside a file is exactly its bytes; a whole file may not run past the size.
     const uint64_t end = d.offset != 0 ? d.offset + d.size : UINT64_MAX;
     for (uint64_t at = d.offset; at < end;) {
@@ -427,7 +440,8 @@ ZOVRELAY_Status Engine::ReadLocal(Job& job) {
             break;
         }
         if (!WriteAll(job.fd, buffer.data(), size_t(got), job.have)) {
-            status = WriteFailure(), why = d.part + ": " + std::strerror(errno);
+            written = FromErrno(errno);
+            status = written.status;
             break;
         }
         job.digest->Update(buffer.data(), size_t(got));
@@ -439,7 +453,8 @@ ZOVRELAY_Status Engine::ReadLocal(Job& job) {
         budget_.SleepFor(size_t(got));
     }
     ::close(fd);
-    if (status == kCancelled || status == kNoSpace || status == kIoError) return status;
+    if (written.status <= 0) return Stopped(job, written);
+    if (status == kCancelled || status == kIoError) return status;
     if (status <= 0) return Finish(job, status, why, false);
     return Verified(job);
 }
@@ -585,8 +600,9 @@ size_t Engine::Body(Job& job, const char* data, size_t size) {
         }
     }
     if (!WriteAll(job.fd, data, size, job.have)) {
-        stopped_ = job.stop = WriteFailure();
-        job.stopReason = d.part + ": " + std::strerror(errno);
+        const Failure failure = FromErrno(errno);
+        stopped_ = job.stop = failure.status;
+        job.stopReason = failure.reason;
         return 0;
     }
     job.digest->Update(data, size);
@@ -621,8 +637,9 @@ ZOVRELAY_Status Engine::Done(Job& job, CURLcode result) {
     job.headers = nullptr;
     --busy_[job.host];
 
-    if (job.stop == kCancelled || job.stop == kOutOfMemory || job.stop == kIoError || job.stop == kNoSpace)
-        return job.stop;
+    if (job.stop == kCancelled || job.stop == kOutOfMemory) return job.stop;
+    if (job.stop == kIoError || job.stop == kNoSpace || job.stop == kPermissionDenied)
+        return Stopped(job, Failure{job.stop, job.stopReason});
     if (stopped_ <= 0) return stopped_;  // another transfer of the same round stopped the run
     if (job.stop == kIntegrityFailed) return Finish(job, kIntegrityFailed, job.stopReason, false);
     if (job.stop == kConnectionFailed) return Finish(job, kConnectionFailed, job.stopReason, true);

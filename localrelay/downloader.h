@@ -41,8 +41,9 @@ constexpr size_t kTransfersPerHost = 8;
 // in its information). `maxBandwidth` (KiB/s, 0 none) caps the total of all transfers together.
 // `done` is called as each entry's outcome is final, outside any transfer callback; what it
 // answers <= 0 stops the run. Answers kSuccess when every entry was tried (each says how it
-// went); kCancelled as soon as a handler answers 0; kIoError, kNoSpace or kOutOfMemory when the
-// run cannot go on.
+// went); kCancelled as soon as a handler answers 0; kOutOfMemory, or the status of a write the
+// repository refused (kNoSpace, kPermissionDenied, kIoError), when the run cannot go on: the
+// package whose part could not be written is handed to `done` first, failed with errno's reason.
 using DownloadDone = std::function<ZOVRELAY_Status(Download&)>;
 ZOVRELAY_Status DownloadAll(std::vector<Download>& downloads, int packagesDirectory, int64_t maxBandwidth,
                             const Events& events, const DownloadDone& done);

@@ -32,6 +32,12 @@ int FileDescriptor::release() noexcept {
 
 ZOVRELAY_Status FileStatus(int error) { return FromErrno(error).status; }  // one table: failure.cpp
 
+// The status for `error` on the file `name`, whose message then names it ("no space left: server.ini").
+ZOVRELAY_Status FailedOn(const std::string& name, int error) {
+    const Failure failure = FromErrno(error);
+    return Fail(failure.status, failure.reason, name);
+}
+
 int OpenDirectoryAt(int directory, const std::string& name) {
     return ::openat(directory, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
 }
@@ -67,17 +73,20 @@ TemporaryFile::~TemporaryFile() {
     if (!name_.empty()) ::unlinkat(directory_, name_.c_str(), 0);
 }
 
-ZOVRELAY_Status TemporaryFile::Create(int directory, std::string_view prefix, std::string_view suffix) {
+ZOVRELAY_Status TemporaryFile::Create(int directory, std::string_view prefix, std::string_view suffix,
+                                      std::string target) {
+    target_ = std::move(target);
     for (int attempt = 0; attempt < 16; ++attempt) {
         std::string name = std::string(prefix) + RandomName() + std::string(suffix);
         const int fd = ::openat(directory, name.c_str(), O_RDWR | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
         if (fd >= 0) {
             directory_ = directory;
             name_ = std::move(name);
+            if (target_.empty()) target_ = name_;
             fd_ = FileDescriptor(fd);
             return kSuccess;
         }
-        if (errno != EEXIST) return FileStatus(errno);
+        if (errno != EEXIST) return FailedOn(target_.empty() ? name : target_, errno);
     }
     return kIoError;
 }
@@ -86,7 +95,7 @@ ZOVRELAY_Status TemporaryFile::Write(const char* data, size_t size) {
     for (size_t written = 0; written < size;) {
         const ssize_t n = ::write(fd_.get(), data + written, size - written);
         if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) return n < 0 ? FileStatus(errno) : kIoError;
+        if (n <= 0) return FailedOn(target_, n < 0 ? errno : ENOSPC);  // nothing written: the disk is full
         written += size_t(n);
     }
     return kSuccess;
@@ -95,7 +104,7 @@ ZOVRELAY_Status TemporaryFile::Write(const char* data, size_t size) {
 ZOVRELAY_Status TemporaryFile::Close() {
     if (fd_.get() < 0) return kSuccess;
     const int fd = fd_.release();
-    return ::close(fd) == 0 ? kSuccess : FileStatus(errno);
+    return ::close(fd) == 0 ? kSuccess : FailedOn(target_, errno);
 }
 
 // No fsync: a killed run cannot leave a half-written file behind a rename, since the kernel keeps
@@ -116,12 +125,12 @@ ZOVRELAY_Status ReplaceAt(int directory, const std::string& from, const std::str
         ::unlinkat(directory, to.c_str(), AT_REMOVEDIR) == 0 &&
         ::renameat(directory, from.c_str(), directory, to.c_str()) == 0)
         return kSuccess;
-    return FileStatus(error);
+    return FailedOn(to, error);
 }
 
 ZOVRELAY_Status WriteWholeFileAt(int directory, const std::string& name, const std::string& text) {
     TemporaryFile temporary;
-    ZOVRELAY_Status status = temporary.Create(directory, "." + name + ".", ".tmp");
+    ZOVRELAY_Status status = temporary.Create(directory, "." + name + ".", ".tmp", name);
     if (status > 0) status = temporary.Write(text.data(), text.size());
     if (status > 0) status = temporary.ReplaceInto(name);
     return status;

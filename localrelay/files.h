@@ -47,7 +47,8 @@ int OpenFileAt(int directory, const std::string& name);
 // A fresh temporary file "<prefix><random><suffix>" created exclusively (O_EXCL, mode 0666 less
 // the umask) in `directory`, open for writing. A name that exists (planted, or a link) is never
 // reused: another random name is drawn. Removed when this goes out of scope unless Keep() is
-// called after it was renamed into place.
+// called after it was renamed into place. A failure's message names `target`, the file it is to
+// become (the temporary's own name when none is given): an administrator knows that name.
 class TemporaryFile {
 public:
     TemporaryFile() = default;
@@ -55,7 +56,7 @@ public:
     TemporaryFile& operator=(const TemporaryFile&) = delete;
     ~TemporaryFile();
 
-    ZOVRELAY_Status Create(int directory, std::string_view prefix, std::string_view suffix);
+    ZOVRELAY_Status Create(int directory, std::string_view prefix, std::string_view suffix, std::string target = "");
     int fd() const { return fd_.get(); }
     const std::string& name() const { return name_; }
     // Writes all of `data`; a status from FileStatus on failure.
@@ -67,12 +68,13 @@ public:
 
 private:
     int directory_ = -1;
-    std::string name_;
+    std::string name_, target_;
     FileDescriptor fd_;
 };
 
 // Renames `from` over `to`, both under `directory`: readers see the old file or the new one. A
-// directory in the way (planted) is removed when empty; otherwise the rename fails.
+// directory in the way (planted) is removed when empty; otherwise the rename fails, its message
+// naming `to`.
 ZOVRELAY_Status ReplaceAt(int directory, const std::string& from, const std::string& to);
 
 // Writes `text` as the file `name` of `directory` through a fresh temporary

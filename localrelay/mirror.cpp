@@ -323,8 +323,9 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
         }
         if (next.versions.empty()) return kSuccess;
         TemporaryFile temporary;
-        ZOVRELAY_Status status = temporary.Create(packages_, TemporaryPrefix(merged), kTemporarySuffix);
-        if (status > 0) status = WriteMergedArchive(packages_, temporary.fd(), temporary.name(), next, files, previous.get());
+        ZOVRELAY_Status status = temporary.Create(packages_, TemporaryPrefix(merged), kTemporarySuffix, "packages/" + merged);
+        bool unnamed = false;  // libzip's failures name no file; the file helpers' name theirs
+        if (status > 0) unnamed = (status = WriteMergedArchive(packages_, temporary.fd(), temporary.name(), next, files, previous.get())) <= 0;
         // source.ini must never name a range of the archive being replaced: it stops listing the
         // component first, and lists its new ranges once the new archive is in place.
         // A component it did not list yet is added when the run ends (the caller rewrites both
@@ -345,7 +346,7 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
             const Failure cause = FromErrno(errno);
             if (status == kIoError && RepositoryFailure(cause.status)) status = cause.status;
             const std::string reason = status == cause.status ? cause.reason : "cannot write";
-            if (failure_ > 0 || StopsTheRun(status)) Fail(status, reason, "packages/" + merged);
+            if (unnamed && (failure_ > 0 || StopsTheRun(status))) Fail(status, reason, "packages/" + merged);
             // What this run downloaded for the component is lost with the archive.
             const std::string identityText = FormatIdentity(identity);
             if (log_ != nullptr)
@@ -519,7 +520,7 @@ ZOVRELAY_Status Mirrorer::Download(const std::vector<Group>& groups) {
         }
         const LoadedSource* other = nullptr;
         const Component* listed = nullptr;
-        if (d.status <= 0 && alternates_ != nullptr && alternates_->Find(component, sourceOf[i], other, listed))
+        if (d.status <= 0 && !StopsTheRun(d.status) && alternates_ != nullptr && alternates_->Find(component, sourceOf[i], other, listed))
             return retry(i, *other, *listed);
         const Group& group = groups[groupOf[i]];
         const bool heal = std::find(group.damaged.begin(), group.damaged.end(), component.version) != group.damaged.end();

@@ -76,11 +76,17 @@ ZOVRELAY_Status HandOut(const std::vector<ListedProduct>& listed, ZOVRELAY_Infor
     return kSuccess;
 }
 
+// "not found: c3t4l1p-1r-1o-1 16.1230.0.0", the version left out when any would do.
+ZOVRELAY_Status NotHeld(const Identity& identity, const Version& version) {
+    const std::string text = FormatVersion(version);
+    return Fail(kNotFound, "not found", FormatIdentity(identity) + (text == "0.0.0.0" ? "" : " " + text));
+}
+
 // Takes no lock: the archive is opened once, and writers only ever replace it by rename.
 ZOVRELAY_Status Export(const Operation& operation, const std::string& destination, const ZOVRELAY_EntityItem& entity) {
     const Identity identity = IdentityOf(entity);
     const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(operation.packages(), MergedArchiveName(identity));
-    if (archive == nullptr || archive->manifest().identity != identity) return kNotFound;
+    if (archive == nullptr || archive->manifest().identity != identity) return NotHeld(identity, VersionOf(entity));
     const HeldVersion* chosen = nullptr;
     for (const HeldVersion& held : archive->manifest().versions) {  // newest first
         if (VersionNames(VersionOf(entity), held.version)) {
@@ -88,7 +94,7 @@ ZOVRELAY_Status Export(const Operation& operation, const std::string& destinatio
             break;
         }
     }
-    if (chosen == nullptr) return kNotFound;
+    if (chosen == nullptr) return NotHeld(identity, VersionOf(entity));
 
     std::error_code error;
     std::filesystem::create_directories(destination, error);

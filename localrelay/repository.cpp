@@ -224,7 +224,7 @@ ZOVRELAY_Status RemoveVersionArchives(int packages, const std::string& packagesP
 ZOVRELAY_Status ExtractInto(const MergedArchive& archive, const HeldVersion& held, int directory,
                             std::string_view prefix, std::string_view suffix, const std::string& target, bool lock) {
     TemporaryFile temporary;
-    ZOVRELAY_Status status = temporary.Create(directory, prefix, suffix);
+    ZOVRELAY_Status status = temporary.Create(directory, prefix, suffix, target);
     if (status <= 0) return status;
     if (lock) ::flock(temporary.fd(), LOCK_EX | LOCK_NB);
     FileSink sink(temporary);

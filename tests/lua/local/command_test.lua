@@ -128,7 +128,7 @@ describe("update-mirror", function()
     local cases = {  -- arguments, prefix, exit status, the line on standard error
       {"--repository /dev/null/x --source " .. url, nil, 4, "repository not accessible %(not a directory%): /dev/null/x %(status %-3%)"},
       {"--repository " .. repository .. " --source " .. url, "mkdir -p " .. repository .. " && flock " .. repository .. "/.lock",
-       4, "repository is busy %(status %-9%)"},
+       4, "repository is busy: [^\n]*/busy/%.lock %(status %-9%)"},
       {"--repository " .. repository .. " --source " .. e.quote(work .. "/nowhere"), nil, 3, "no such file: .*/nowhere/server%.ini %(status %-5%)"},
       {"--repository " .. repository .. " --frobnicate", nil, 2, "unknown option %-%-frobnicate"},
       -- The shipped example configuration passes every check.

@@ -56,7 +56,7 @@ describe("a repository", function()
                        e.read(destination .. "/" .. E .. "-1.100.1.0.zip"))
     end
     -- patterns() did not mirror the engine, so there is nothing to export.
-    assert.are.same({nil, -6, "not found"}, {update.extract(path, "c2t1207960066l-1p-1r-1o-1", destination)})
+    assert.are.same({nil, -6, "not found: c2t1207960066l-1p-1r-1o-1"}, {update.extract(path, "c2t1207960066l-1p-1r-1o-1", destination)})
     assert.are.same({E .. "-1.100.1.0.zip"}, e.names(destination))
   end)
 
