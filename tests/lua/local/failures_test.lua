@@ -153,6 +153,22 @@ describe("a failure", function()
     assert.are.same({-17, message}, {report.status, report.message})
   end)
 
+  it("of a write over the file size limit names the file, or the part and its package", function()
+    local source = work .. "/limited"
+    e.makeSource(source, {products = 1, components = 2, size = 400000})
+    -- With SIGXFSZ ignored the limit fails the write with EFBIG, as a full disk does with ENOSPC.
+    for _, case in ipairs{{0, "source%.ini"}, {300, "packages/%.c3t[%w%-]+_[%d%.]+%.part", "file too large"}} do
+      local path = repository()
+      local code = string.format("local _, s, m = require'update'.patterns(%q, {}, %q, {ke = true}) print(s, m)", path, source)
+      local out = sh(string.format("trap '' XFSZ; ulimit -f %d; %s -e %s", case[1], e.LUA, e.quote(code)))
+      assert.truthy(out:match("^%-17\tfile too large: " .. case[2] .. "\n$"), out)
+      if case[3] then
+        local report = cjson.decode(e.read(path .. "/report.json"))
+        assert.are.same({-17, 1, case[3]}, {report.status, report.totals.failed, report.packages[1].reason})
+      end
+    end
+  end)
+
   it("of a certificate check depends on the level and the configured authority", function()
     local ca = work .. "/ca.pem"
     local cases = {  -- environment, port index, httpslevel, status
