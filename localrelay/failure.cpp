@@ -22,15 +22,24 @@ thread_local Detail last;             // the last failing call's, for GetStatusM
 
 Detail* Running() { return depth > 0 && depth <= kDepth ? &pending[depth - 1] : nullptr; }
 
-// libcurl results by remedy. What is not listed is a source that could not be read for another
-// reason: kNoSourceReachable with libcurl's own words.
-struct CurlEntry {
-    CURLcode code;
+// A cause (a libcurl result, an errno value) by the administrator's remedy, with its reason.
+template <typename Cause>
+struct Classified {
+    Cause cause;
     Status status;
     const char* reason;
 };
 
-constexpr CurlEntry kCurlTable[] = {
+template <typename Cause, size_t N>
+const Classified<Cause>* Find(const Classified<Cause> (&table)[N], Cause cause) {
+    for (const Classified<Cause>& entry : table)
+        if (entry.cause == cause) return &entry;
+    return nullptr;
+}
+
+// What is not listed is a source that could not be read for another reason: kNoSourceReachable
+// with libcurl's own words.
+constexpr Classified<CURLcode> kCurlTable[] = {
     {CURLE_COULDNT_RESOLVE_HOST, kHostNotResolved, "host name not resolved"},
     {CURLE_COULDNT_RESOLVE_PROXY, kHostNotResolved, "proxy host name not resolved"},
     {CURLE_COULDNT_CONNECT, kConnectionFailed, "cannot connect"},
@@ -50,13 +59,8 @@ constexpr CurlEntry kCurlTable[] = {
     {CURLE_OUT_OF_MEMORY, kOutOfMemory, "out of memory"},
 };
 
-struct ErrnoEntry {
-    int error;
-    Status status;
-    const char* reason;
-};
-
-constexpr ErrnoEntry kErrnoTable[] = {
+// What is not listed is an i/o error, in strerror's words.
+constexpr Classified<int> kErrnoTable[] = {
     {ENOSPC, kNoSpace, "no space left"},
     {EDQUOT, kNoSpace, "disk quota exceeded"},
     {EFBIG, kNoSpace, "file too large"},
@@ -98,20 +102,18 @@ Failure FromCurl(CURLcode result, long response, long connect, long proxyError, 
 #else
     (void)proxyError;
 #endif
-    for (const CurlEntry& entry : kCurlTable) {
-        if (entry.code != result) continue;
-        std::string reason = entry.reason;
+    if (const Classified<CURLcode>* entry = Find(kCurlTable, result)) {
+        std::string reason = entry->reason;
         // libcurl's words say which check failed or which host; they go last, where a short
         // message drops them first.
-        if (!words.empty() && entry.status != kOutOfMemory) reason += " (" + words + ")";
-        return {entry.status, reason};
+        if (!words.empty() && entry->status != kOutOfMemory) reason += " (" + words + ")";
+        return {entry->status, reason};
     }
     return {kNoSourceReachable, words.empty() ? curl_easy_strerror(result) : words};
 }
 
 Failure FromErrno(int error) {
-    for (const ErrnoEntry& entry : kErrnoTable)
-        if (entry.error == error) return {entry.status, entry.reason};
+    if (const Classified<int>* entry = Find(kErrnoTable, error)) return {entry->status, entry->reason};
     std::string reason = std::strerror(error);
     if (!reason.empty() && reason[0] >= 'A' && reason[0] <= 'Z') reason[0] = char(reason[0] - 'A' + 'a');  // as ours read
     return {kIoError, reason};
