@@ -68,7 +68,7 @@ describe("a failure", function()
       servers[#servers + 1] = string.format("listen 127.0.0.1:%d ssl; ssl_certificate %s/%s.pem; ssl_certificate_key %s/%s.key;",
                                             ports[i + 1], work, name, work, name)
     end
-    local conf = {"daemon off; pid nginx.pid; error_log nginx.log; events {} http { access_log off;"}
+    local conf = {"daemon off; user root; pid nginx.pid; error_log nginx.log; events {} http { access_log off;"}
     for _, kind in ipairs{"client_body", "proxy", "fastcgi", "uwsgi", "scgi"} do
       conf[#conf + 1] = kind .. "_temp_path " .. work .. "/" .. kind .. ";"
     end
