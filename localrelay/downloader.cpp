@@ -4,6 +4,7 @@
 #include "http.h"
 #include "package.h"
 #include "failure.h"
+#include "files.h"
 #include "status.h"
 
 #include <dirent.h>
@@ -306,7 +307,7 @@ ZOVRELAY_Status Engine::OpenPart(Job& job, bool resumable) {
         // Something that cannot be removed has the name (a full directory): use a fresh one.
         const std::string base = d.part.substr(0, d.part.size() - std::string(".part").size());
         for (int attempt = 0; job.fd < 0 && errno == EEXIST && attempt < 16; ++attempt) {
-            job.d->part = base + "." + std::to_string(::getpid()) + "-" + std::to_string(Clock::now().time_since_epoch().count() % 1000000007) + ".part";
+            job.d->part = base + "." + RandomName() + ".part";
             job.fd = ::openat(directory_, d.part.c_str(), kCreate, 0644);
         }
     }

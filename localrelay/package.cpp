@@ -1,21 +1,9 @@
 #include "package.h"
-#include "failure.h"
-#include "files.h"
 #include "status.h"
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include <cerrno>
 #include <new>
 
 namespace localrelay {
-namespace {
-
-constexpr uint64_t kProgressStep = 64 * 1024;
-
-}  // namespace
-
 Sha256::Sha256() : context_(EVP_MD_CTX_new()) {
     if (context_ == nullptr || EVP_DigestInit_ex(context_, EVP_sha256(), nullptr) != 1) {
         EVP_MD_CTX_free(context_);
@@ -60,68 +48,6 @@ ZOVRELAY_Status CheckingSink::Check(const std::string& sha256) {
     if (digest_.HexDigest() == sha256) return kSuccess;
     stopReason = "SHA-256 differs from the catalog's";
     return kIntegrityFailed;
-}
-
-PackageSink::PackageSink(int directory, std::string name, uint64_t expectedSize, const Events& events,
-                         std::string information)
-    : CheckingSink(expectedSize), directory_(directory), name_(std::move(name)), events_(events),
-      information_(std::move(information)) {}
-
-PackageSink::~PackageSink() {
-    if (fd_ >= 0) ::close(fd_);
-    if (created_ && !keep_) ::unlinkat(directory_, name_.c_str(), 0);
-}
-
-ZOVRELAY_Status PackageSink::Open() {
-    RemoveAt(directory_, name_);
-    for (int attempt = 0; attempt < 16; ++attempt) {
-        fd_ = ::openat(directory_, name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666);
-        if (fd_ >= 0) return created_ = true, kSuccess;
-        if (errno != EEXIST) break;
-        name_ = "." + RandomName() + name_;  // something we cannot remove is in the way
-    }
-    const Failure failure = FromErrno(errno);
-    stopReason = failure.reason;
-    return failure.status;
-}
-
-bool PackageSink::Write(const char* data, size_t size) {
-    if (!CheckingSink::Write(data, size)) return false;
-    for (size_t written = 0; written < size;) {
-        const ssize_t n = ::write(fd_, data + written, size - written);
-        if (n < 0 && errno == EINTR) continue;
-        if (n <= 0) {
-            const Failure failure = FromErrno(n < 0 ? errno : ENOSPC);
-            stopStatus = failure.status;
-            stopReason = failure.reason;
-            return false;
-        }
-        written += static_cast<size_t>(n);
-    }
-    if (received_ - reported_ >= kProgressStep) {
-        reported_ = received_;
-        reportedOnce_ = true;
-        if (!events_.Raise(ZOVRELAY_EVENT_PROGRESS, information_, expectedSize_, received_)) {
-            stopStatus = kCancelled;
-            return false;
-        }
-    }
-    return true;
-}
-
-ZOVRELAY_Status PackageSink::Finish(const std::string& sha256) {
-    if ((!reportedOnce_ || reported_ != received_) &&
-        !events_.Raise(ZOVRELAY_EVENT_PROGRESS, information_, expectedSize_, received_))
-        return kCancelled;
-    const ZOVRELAY_Status checked = Check(sha256);
-    if (checked <= 0) return checked;
-    const bool closed = ::close(fd_) == 0;
-    const int error = errno;
-    fd_ = -1;
-    if (closed) return kSuccess;
-    const Failure failure = FromErrno(error);
-    stopReason = failure.reason;
-    return failure.status;
 }
 
 }  // namespace localrelay

@@ -27,9 +27,11 @@ fi
 cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo $launcher >"$scratch/configure.log" 2>&1 ||
   { cat "$scratch/configure.log"; exit 1; }
 
+# The packaging tests are left out: they pack the git checkout, which the scratch copy is not, and
+# no fault in the list is theirs to catch.
 suite() {  # suite LOG: builds and runs every test, valgrind's last; 0 passed, 1 failed, 2 build failed
   cmake --build "$build" -j "$jobs" >"$1" 2>&1 || return 2
-  (cd "$build" && ctest -j "$jobs" --timeout 600 -LE memcheck >>"$1" 2>&1) || return 1
+  (cd "$build" && ctest -j "$jobs" --timeout 600 -LE 'memcheck|package' >>"$1" 2>&1) || return 1
   (cd "$build" && ctest -j "$jobs" --timeout 600 -L memcheck >>"$1" 2>&1) || return 1
 }
 failed() { sed -n 's/^[[:space:]]*[0-9]* - \([^ ]*\) .*/\1/p' "$1" | tr '\n' ' '; }
