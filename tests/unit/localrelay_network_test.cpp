@@ -180,6 +180,22 @@ TEST_F(Network, CancelKeepsPartsThatTheNextRunContinues) {
     EXPECT_EQ(downloads[2].received, downloads[2].size);  // range ignored: all of it again
 }
 
+// A part kept for resuming that has become a link is never written through: the package starts over.
+TEST_F(Network, APartReplacedByALinkIsNotResumedThrough) {
+    Seen seen{{}, std::this_thread::get_id(), 1, {}, 0};
+    events.Subscribe(ZOVRELAY_EVENT_PROGRESS, &Seen::Record, &seen);
+    std::vector<Download> downloads{Package("slow", "a.bin", 4 << 20)};
+    ASSERT_EQ(Run(downloads), kCancelled);
+    fs::rename(Path("packages/.a.bin.part"), Path("outside"));
+    fs::create_symlink(Path("outside"), Path("packages/.a.bin.part"));
+    const std::string before = ReadFile(Path("outside"));
+    seen.cancelWhen = 0;
+    EXPECT_EQ(Run(downloads), kSuccess);
+    EXPECT_EQ(downloads[0].status, kSuccess) << downloads[0].reason;
+    EXPECT_EQ(downloads[0].resumed, 0u);
+    EXPECT_EQ(ReadFile(Path("outside")), before);
+}
+
 // Transfers run at once and share one budget: 2 MiB at 1024 KiB/s takes about two seconds.
 TEST_F(Network, BandwidthBudgetCoversAllTransfers) {
     Seen seen{{}, std::this_thread::get_id(), 0, {}, 0};
