@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 
@@ -134,6 +135,30 @@ ZOVRELAY_Status WriteWholeFileAt(int directory, const std::string& name, const s
     if (status > 0) status = temporary.Write(text.data(), text.size());
     if (status > 0) status = temporary.ReplaceInto(name);
     return status;
+}
+
+std::optional<std::string> ReadWholeFileAt(int directory, const std::string& name, size_t limit) {
+    const FileDescriptor fd(OpenFileAt(directory, name));
+    struct stat info {};
+    if (fd.get() < 0 || ::fstat(fd.get(), &info) != 0 || uint64_t(info.st_size) > limit) return std::nullopt;
+    std::string text(size_t(info.st_size), '\0');
+    size_t done = 0;
+    while (true) {  // to the end, in case it grew since the fstat
+        if (done == text.size()) text.resize(std::min(limit + 1, text.size() + 65536));
+        const ssize_t n = ::read(fd.get(), text.data() + done, text.size() - done);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return std::nullopt;
+        if (n == 0) break;
+        done += size_t(n);
+        if (done > limit) return std::nullopt;
+    }
+    text.resize(done);
+    return text;
+}
+
+ZOVRELAY_Status WriteChangedFileAt(int directory, const std::string& name, const std::string& text) {
+    const std::optional<std::string> now = ReadWholeFileAt(directory, name, text.size());
+    return now && *now == text ? kSuccess : WriteWholeFileAt(directory, name, text);
 }
 
 bool RemoveAt(int directory, const std::string& name) {

@@ -10,6 +10,7 @@
 
 #include <sys/types.h>
 
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -80,6 +81,12 @@ ZOVRELAY_Status ReplaceAt(int directory, const std::string& from, const std::str
 // Writes `text` as the file `name` of `directory` through a fresh temporary
 // ".<name>.<random>.tmp" and a rename: readers see the old content or the new, whole.
 ZOVRELAY_Status WriteWholeFileAt(int directory, const std::string& name, const std::string& text);
+// The same, unless the regular file `name` holds `text` already: a run that changed nothing
+// rewrites nothing.
+ZOVRELAY_Status WriteChangedFileAt(int directory, const std::string& name, const std::string& text);
+// The regular file `name` under `directory` (never through a link) whole; nullopt when it cannot
+// be read or is larger than `limit` bytes.
+std::optional<std::string> ReadWholeFileAt(int directory, const std::string& name, size_t limit);
 
 // Removes the name `name` under `directory`: a file, a link (never its target), or an empty
 // directory. False when it stays.

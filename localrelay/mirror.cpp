@@ -107,6 +107,19 @@ bool RepositoryFailure(ZOVRELAY_Status status) {
     return status == kIoError || status == kNoSpace || status == kPermissionDenied;
 }
 
+// What FormatManifest tells apart, compared without formatting either.
+bool SameManifest(const Manifest& a, const Manifest& b) {
+    const auto sameVersion = [](const HeldVersion& x, const HeldVersion& y) {
+        return x.version == y.version && x.size == y.size && x.path == y.path && x.sha256 == y.sha256;
+    };
+    const auto sameProduct = [](const ProductRef& x, const ProductRef& y) {
+        return x.identity == y.identity && x.version == y.version;
+    };
+    return a.identity == b.identity && a.section == b.section &&
+           std::equal(a.versions.begin(), a.versions.end(), b.versions.begin(), b.versions.end(), sameVersion) &&
+           std::equal(a.products.begin(), a.products.end(), b.products.begin(), b.products.end(), sameProduct);
+}
+
 void SortNewestFirst(std::vector<HeldVersion>& versions) {
     std::sort(versions.begin(), versions.end(),
               [](const HeldVersion& a, const HeldVersion& b) { return b.version < a.version; });
@@ -132,10 +145,11 @@ private:
 class Mirrorer {
 public:
     Mirrorer(const Repository& repository, const Options& options, const Events& events, const LoadedSource& source,
-             RunLog* log, Alternates* alternates)
+             RunLog* log, Alternates* alternates, HeldCache* cache)
         : log_(log), root_(repository.directory.get()), packages_(repository.packages.get()),
           packagesPath_(repository.path + "/packages"), options_(options), events_(events), source_(source),
-          alternates_(alternates), verified_(ReadVerification(root_)), now_(int64_t(std::time(nullptr))) {}
+          alternates_(alternates), cache_(cache != nullptr ? *cache : ownCache_), verified_(ReadVerification(root_)),
+          now_(int64_t(std::time(nullptr))) {}
 
     ZOVRELAY_Status Run(const Plan& plan);
     const std::map<Identity, Manifest>& held() const { return final_; }
@@ -148,6 +162,7 @@ private:
         std::vector<const Component*> downloads;
         std::vector<Version> damaged;  // held versions that no longer verify: the archive is rewritten
         std::vector<const Component*> skipped;  // older than the versions kept
+        bool settled = false;  // nothing to download and nothing to change: its archive stays as it is
     };
 
     // The component's merged archive; nullptr when there is none we can trust, which is then replaced.
@@ -160,6 +175,7 @@ private:
     }
     bool Blacklisted(const Component& component) const { return IsBlacklisted(options_, component.PackagePath()); }
     void Decide(Group& group);
+    Manifest Updated(const Group& group, Manifest manifest) const;
     ZOVRELAY_Status Download(const std::vector<Group>& groups);
     ZOVRELAY_Status CheckSpace(const std::vector<Group>& groups) const;
     PackageOutcome Outcome(const Component& component, const char* action) const {
@@ -189,6 +205,8 @@ private:
     const Events& events_;
     const LoadedSource& source_;
     Alternates* alternates_;
+    HeldCache ownCache_;
+    HeldCache& cache_;  // what the merged archives hold, without opening those that did not change
     std::optional<Catalog> reloaded_;  // the source's catalog read again after a byte range failed
     bool reloadTried_ = false;
     VerificationRecord verified_;
@@ -205,21 +223,33 @@ private:
 // archive does not hold with the same digest. An older version would be dropped again at once.
 // An archive that changed since it was last read back in full, or was not read for a week, is
 // verified now: a version that fails counts as not held, so it is downloaded again (healed).
+// Any other archive is known from the held cache, unopened.
 void Mirrorer::Decide(Group& group) {
-    const std::unique_ptr<MergedArchive> archive = OpenMerged(group.identity);
+    const std::string name = MergedArchiveName(group.identity);
+    std::unique_ptr<MergedArchive> archive;  // opened only to be read back in full
+    const Manifest* manifest = nullptr;
+    if (const CachedArchive* cached = cache_.Find(packages_, name);
+        cached != nullptr && cached->manifest.identity == group.identity) {
+        manifest = &cached->manifest;
+        if (NeedsVerification(verified_, name, cached->file, now_)) {
+            archive = OpenMerged(group.identity);
+            // What the archive says wins; a record that said otherwise is read afresh.
+            if (archive == nullptr || !(archive->file() == cached->file) || !SameManifest(archive->manifest(), *manifest))
+                cache_.Forget(name);
+            manifest = archive != nullptr ? &archive->manifest() : nullptr;
+        }
+    }
     std::vector<Version> candidates;
     std::vector<Version>& damaged = group.damaged;
-    if (archive != nullptr) {
-        const std::string name = MergedArchiveName(group.identity);
-        const bool verify = NeedsVerification(verified_, name, archive->file(), now_);
-        for (const HeldVersion& held : archive->manifest().versions) {
-            if (verify && archive->Verify(held) <= 0) {
+    if (manifest != nullptr) {
+        for (const HeldVersion& held : manifest->versions) {
+            if (archive != nullptr && archive->Verify(held) <= 0) {
                 damaged.push_back(held.version);
                 continue;
             }
             candidates.push_back(held.version);
         }
-        if (verify && damaged.empty()) verified_[name] = Verified{archive->file(), now_};
+        if (archive != nullptr && damaged.empty()) verified_[name] = Verified{archive->file(), now_};
     }
     for (const Wanted* wanted : group.wanted)
         if (!Blacklisted(*wanted->component)) candidates.push_back(wanted->component->version);
@@ -234,11 +264,35 @@ void Mirrorer::Decide(Group& group) {
             group.skipped.push_back(&component);
             continue;
         }
-        const HeldVersion* held = archive != nullptr ? archive->manifest().Find(component.version) : nullptr;
+        const HeldVersion* held = manifest != nullptr ? manifest->Find(component.version) : nullptr;
         const bool broken = std::find(damaged.begin(), damaged.end(), component.version) != damaged.end();
         if (held == nullptr || broken || held->sha256 != component.sha256 || held->size != component.size)
             group.downloads.push_back(&component);
     }
+    // Store would write nothing for it: the run keeps the manifest as it is, without opening it.
+    group.settled = manifest != nullptr && group.downloads.empty() && damaged.empty() &&
+                    SameManifest(Updated(group, *manifest), *manifest);
+    if (group.settled) final_[group.identity] = *manifest;
+}
+
+// The manifest Store records when nothing new is stored: the section as the source lists it now,
+// the versions kept, and the selected products that contain a kept version.
+Manifest Mirrorer::Updated(const Group& group, Manifest next) const {
+    next.section = group.wanted.front()->component->section;
+    SortNewestFirst(next.versions);
+    if (next.versions.size() > options_.VersionsKept()) next.versions.resize(options_.VersionsKept());
+    for (const Wanted* wanted : group.wanted) {
+        if (Blacklisted(*wanted->component) || next.Find(wanted->component->version) == nullptr) continue;
+        for (const ProductRef& product : wanted->products) {
+            auto same = std::find_if(next.products.begin(), next.products.end(),
+                                     [&](const ProductRef& p) { return p.identity == product.identity; });
+            if (same == next.products.end()) next.products.push_back(product);
+            else if (same->version < product.version) same->version = product.version;
+        }
+    }
+    std::sort(next.products.begin(), next.products.end(),
+              [](const ProductRef& a, const ProductRef& b) { return a.identity < b.identity; });
+    return next;
 }
 
 // A package that failed is reported as it happens, by a "downloadend" whose `finished` (the bytes
@@ -424,10 +478,10 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
     for (const Wanted& wanted : plan.wanted) {
         const Identity& identity = wanted.component->identity;
         const auto [at, added] = groupOf.emplace(identity, groups.size());
-        if (added) groups.push_back(Group{identity, {}, {}, {}, {}});
+        if (added) groups.push_back(Group{identity, {}, {}, {}, {}, false});
         groups[at->second].wanted.push_back(&wanted);
     }
-    served_ = ServedOf(packages_, ReadHeld(packages_));
+    served_ = ServedOf(packages_, ReadHeld(packages_, &cache_), &cache_);
     uint64_t planned = 0;
     for (Group& group : groups) {
         Decide(group);
@@ -444,16 +498,30 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
         }
     }
     if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOAD, source_.address, planned, 0)) return kCancelled;
-    ZOVRELAY_Status status = Download(groups);
+    // Settled components are done but for keepcount; the rest go to Download, which stores them.
+    std::vector<Group> stored;
+    std::map<Identity, std::vector<std::pair<Version, std::string>>> versionArchives;
+    if (options_.keepCount > 0) versionArchives = AllVersionArchives(packages_);  // one listing for all
+    for (Group& group : groups) {
+        if (!group.settled) {
+            stored.push_back(std::move(group));
+            continue;
+        }
+        const auto& archives = versionArchives[group.identity];
+        for (size_t i = 0; options_.keepCount > 0 && i + size_t(options_.keepCount) < archives.size(); ++i)
+            leaving_.push_back(archives[i].second);
+    }
+    ZOVRELAY_Status status = Download(stored);
+    for (const Group& group : stored) cache_.Forget(MergedArchiveName(group.identity));  // perhaps rewritten
     if (status > 0) {
         // Parts of packages this run still wants stay for the next run to continue; others go.
         RemoveUnplannedParts(packages_, downloads_);
         CheckVersionArchives();
     }
     // Archives gone since they were recorded need no record.
+    const std::set<std::string> present = NamesIn(packages_);
     for (auto record = verified_.begin(); record != verified_.end();) {
-        struct stat info {};
-        if (::fstatat(packages_, record->first.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) record = verified_.erase(record);
+        if (present.count(record->first) == 0) record = verified_.erase(record);
         else ++record;
     }
     WriteVerification(root_, verified_);  // without it the next run verifies again: no harm
@@ -583,12 +651,12 @@ ZOVRELAY_Status Mirrorer::CheckSpace(const std::vector<Group>& groups) const {
 ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
                        std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log,
-                       Alternates* alternates) {
+                       Alternates* alternates, HeldCache* cache) {
     Plan plan;
     ZOVRELAY_Status status = MakePlan(source.catalog, products, count, plan);
     if (status <= 0) return status;
 
-    Mirrorer mirrorer(repository, options, events, source, log, alternates);
+    Mirrorer mirrorer(repository, options, events, source, log, alternates, cache);
     status = mirrorer.Run(plan);
     leaving = mirrorer.leaving();
     if (status <= 0) return status;

@@ -5,6 +5,7 @@
 
 #include "context.h"
 #include "events.h"
+#include "heldcache.h"
 #include "options.h"
 #include "records.h"
 #include "runlog.h"
@@ -21,11 +22,12 @@ namespace localrelay {
 // `log`, when given, gets each package planned, downloaded, healed or failed; each failed one is
 // also reported by an event.
 // `leaving` gets the per-version archives beyond keepcount: the caller removes them once the
-// index no longer names them.
+// index no longer names them. `cache`, when given, is what the caller knows of the merged archives
+// (kept up to date here).
 ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
                        std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log = nullptr,
-                       Alternates* alternates = nullptr);
+                       Alternates* alternates = nullptr, HeldCache* cache = nullptr);
 
 }  // namespace localrelay
 

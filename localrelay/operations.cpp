@@ -140,7 +140,9 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
         std::vector<ListedProduct> listed;
         ZOVRELAY_Status status;
         if (sourceCount == 0) {
-            status = ListRepository(ReadHeld(operation.packages()), products, productCount, listed);  // no lock
+            // No lock: the held cache is read, never written.
+            HeldCache cache = HeldCache::Read(operation.root());
+            status = ListRepository(ReadHeld(operation.packages(), &cache), products, productCount, listed);
         } else {
             RunLog log;
             RunSummary summary;
@@ -175,6 +177,7 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
         RunLog log;
         RunSummary summary;
         summary.started = std::chrono::system_clock::now();
+        HeldCache cache = HeldCache::Read(operation.root());
         if (productCount > 0) {
             Pool pool;  // the catalog's connection serves the packages too
             LoadedSource source;
@@ -183,13 +186,14 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
             Alternates alternates(sources, sourceCount, served, operation.options(), &pool);
             if (status > 0)
                 status = Mirror(operation.repository(), operation.options(), operation.events(), source, products,
-                                productCount, result, leaving, &log, &alternates);
+                                productCount, result, leaving, &log, &alternates, &cache);
         }
         // The catalogs follow the archives whatever happened: what was stored before a failure
         // stays. Per-version archives beyond keepcount go only once the index no longer names them.
-        const std::map<Identity, Manifest> held = ReadHeld(operation.packages());
+        const std::map<Identity, Manifest> held = ReadHeld(operation.packages(), &cache);
         const ZOVRELAY_Status indexed = WriteCatalogs(operation.root(), operation.packages(), held,
-                                                      std::set<std::string>(leaving.begin(), leaving.end()));
+                                                      std::set<std::string>(leaving.begin(), leaving.end()), &cache);
+        cache.Write(operation.root());  // without it the next run reads the archives again: no harm
         if (status > 0 && indexed <= 0) status = indexed;
         if (indexed > 0 && status != kCancelled) {
             const ZOVRELAY_Status pruned = RemoveVersionArchives(operation.packages(), operation.repository().path + "/packages",

@@ -73,7 +73,7 @@ namespace {
 
 // In the root only the temporaries of our own files count: someone else's ".notes.tmp" stays.
 bool IsRootTemporaryName(std::string_view name) {
-    for (const std::string_view file : {kIndexName, kSourceCatalogName, ".verified"}) {
+    for (const std::string_view file : {kIndexName, kSourceCatalogName, ".verified", kHeldCacheName}) {
         const std::string prefix = TemporaryPrefix(file);
         if (name.size() > prefix.size() && name.substr(0, prefix.size()) == prefix && EndsWith(name, kTemporarySuffix))
             return true;
@@ -82,6 +82,12 @@ bool IsRootTemporaryName(std::string_view name) {
 }
 
 }  // namespace
+
+std::set<std::string> NamesIn(int directory) {
+    std::set<std::string> names;
+    ForEachEntry(directory, [&](std::string_view name) { names.emplace(name); });
+    return names;
+}
 
 void RemoveStaleTemporaries(int root, int packages) {
     for (const int directory : {root, packages}) {
@@ -99,12 +105,18 @@ void RemoveStaleTemporaries(int root, int packages) {
     }
 }
 
-std::map<Identity, Manifest> ReadHeld(int packages) {
+std::map<Identity, Manifest> ReadHeld(int packages, HeldCache* cache) {
     std::map<Identity, Manifest> held;
     ForEachEntry(packages, [&](std::string_view name) {
         if (!EndsWith(name, kMergedSuffix)) return;
         const std::optional<Identity> identity = ParseIdentity(name.substr(0, name.size() - kMergedSuffix.size()));
         if (!identity) return;
+        if (cache != nullptr) {
+            const CachedArchive* archive = cache->Find(packages, std::string(name));
+            if (archive != nullptr && archive->manifest.identity == *identity && !archive->manifest.versions.empty())
+                held.emplace(*identity, archive->manifest);
+            return;
+        }
         const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages, std::string(name));
         if (archive != nullptr && archive->manifest().identity == *identity && !archive->manifest().versions.empty())
             held.emplace(*identity, archive->manifest());
@@ -112,13 +124,18 @@ std::map<Identity, Manifest> ReadHeld(int packages) {
     return held;
 }
 
-ServedComponent Served(int packages, const Manifest& manifest) {
+ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache) {
     ServedComponent served{manifest, {}};
     const std::string merged = MergedArchiveName(manifest.identity);
-    const int fd = OpenFileAt(packages, merged);
-    const std::optional<std::map<std::string, EntryRange>> ranges = fd >= 0 ? ReadEntryRanges(fd) : std::nullopt;
-    if (fd >= 0) ::close(fd);
-    if (!ranges) return served;  // an archive we cannot read the layout of serves nothing
+    std::optional<std::map<std::string, EntryRange>> read;
+    const std::map<std::string, EntryRange>* ranges = nullptr;
+    if (const CachedArchive* cached = cache != nullptr ? cache->Find(packages, merged) : nullptr) {
+        ranges = &cached->ranges;
+    } else if (cache == nullptr) {
+        const FileDescriptor fd(OpenFileAt(packages, merged));
+        if (fd.get() >= 0 && (read = ReadEntryRanges(fd.get()))) ranges = &*read;
+    }
+    if (ranges == nullptr) return served;  // an archive we cannot read the layout of serves nothing
     for (const HeldVersion& held : manifest.versions) {
         const auto range = ranges->find(EntryName(held));
         if (range == ranges->end() || !range->second.stored || range->second.size != held.size) continue;
@@ -128,9 +145,9 @@ ServedComponent Served(int packages, const Manifest& manifest) {
     return served;
 }
 
-ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held) {
+ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held, HeldCache* cache) {
     ServedCatalog served;
-    for (const auto& [identity, manifest] : held) served.emplace(identity, Served(packages, manifest));
+    for (const auto& [identity, manifest] : held) served.emplace(identity, Served(packages, manifest, cache));
     return served;
 }
 
@@ -163,8 +180,9 @@ std::string FormatSourceCatalog(const ServedCatalog& served) {
 }
 
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
-                              const std::set<std::string>& leaving) {
-    ZOVRELAY_Status status = WriteWholeFileAt(root, kSourceCatalogName, FormatSourceCatalog(ServedOf(packages, held)));
+                              const std::set<std::string>& leaving, HeldCache* cache) {
+    ZOVRELAY_Status status =
+        WriteChangedFileAt(root, kSourceCatalogName, FormatSourceCatalog(ServedOf(packages, held, cache)));
     if (status <= 0) return status;
     Catalog index;
     std::vector<const Manifest*> manifests;
@@ -180,7 +198,7 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, M
                                              newest.size, newest.sha256, 0, {}});
     }
     AddProducts(index, manifests);
-    return WriteWholeFileAt(root, kIndexName, FormatCatalog(index));
+    return WriteChangedFileAt(root, kIndexName, FormatCatalog(index));
 }
 
 std::map<Identity, std::vector<std::pair<Version, std::string>>> AllVersionArchives(int packages) {

@@ -6,6 +6,7 @@
 
 #include "archive.h"
 #include "events.h"
+#include "heldcache.h"
 
 #include <map>
 #include <set>
@@ -31,13 +32,17 @@ std::string PartName(const Identity& identity, const Version& version);  // ".<i
 std::string TemporaryPrefix(std::string_view name);                       // ".<name>."; add the random part and ".tmp"
 inline constexpr std::string_view kTemporarySuffix = ".tmp";
 
+// The names in `directory`, from one listing; none when it cannot be read.
+std::set<std::string> NamesIn(int directory);
+
 // Removes what a killed run left behind: our temporaries in packages/ and in the root (files,
 // links, and empty directories planted under such names; a link's target is never touched).
 void RemoveStaleTemporaries(int root, int packages);
 
 // The manifests of every readable merged archive in packages/, by identity. An archive that does
-// not open, or whose manifest names another identity than its file name, is not held.
-std::map<Identity, Manifest> ReadHeld(int packages);
+// not open, or whose manifest names another identity than its file name, is not held. With a
+// `cache`, only archives it cannot vouch for are opened.
+std::map<Identity, Manifest> ReadHeld(int packages, HeldCache* cache = nullptr);
 
 // What source.ini lists of one held component: each version as its byte range of the merged
 // archive (read from the archive's layout), with the manifest for the products that name it.
@@ -46,16 +51,17 @@ struct ServedComponent {
     std::vector<Component> versions;
 };
 using ServedCatalog = std::map<Identity, ServedComponent>;
-ServedComponent Served(int packages, const Manifest& manifest);
-ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held);
+ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache = nullptr);
+ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held, HeldCache* cache = nullptr);
 std::string FormatSourceCatalog(const ServedCatalog& served);
 
 // Rewrites source.ini and then server.ini (each by rename) from the held manifests. source.ini
 // lists every held version as its byte range of the merged archive; server.ini lists each
 // component's newest version by its per-version archive, only where that file exists with the
-// right size and is not in `leaving` (about to be pruned), with every recorded product.
+// right size and is not in `leaving` (about to be pruned), with every recorded product. A catalog
+// whose text would not change is left alone.
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
-                              const std::set<std::string>& leaving = {});
+                              const std::set<std::string>& leaving = {}, HeldCache* cache = nullptr);
 
 // Per-version archives of one component in packages/, oldest first: (version, file name).
 std::vector<std::pair<Version, std::string>> VersionArchives(int packages, const Identity& identity);

@@ -9,27 +9,31 @@
 #include <cerrno>
 #include <vector>
 
-#include <sstream>
+#include <algorithm>
+#include <charconv>
 
 namespace localrelay {
 
 VerificationRecord ReadVerification(int root) {
     VerificationRecord record;
-    const int fd = OpenFileAt(root, kVerificationName);
-    if (fd < 0) return record;
-    std::string text;
-    char buffer[65536];
-    for (ssize_t n; (n = ::read(fd, buffer, sizeof buffer)) > 0 && text.size() < (64u << 20);) text.append(buffer, size_t(n));
-    ::close(fd);
-    std::istringstream lines(text);
-    std::string line;
-    while (std::getline(lines, line)) {
-        std::istringstream fields(line);
-        std::string name;
+    const std::string text = ReadWholeFileAt(root, kVerificationName, 64u << 20).value_or("");
+    // Lines "name size inode device mtime-ns verified-at"; a malformed one is skipped.
+    for (const char *at = text.data(), *end = at + text.size(); at < end;) {
+        const char* const stop = std::find(at, end, '\n');
+        const char* next = std::find(at, stop, ' ');
+        const std::string name(at, next);
+        at = stop + (stop < end ? 1 : 0);
+        bool ok = !name.empty();
+        const auto take = [&](auto& field) {
+            if (!ok || next == stop || *next != ' ') return void(ok = false);
+            const auto [after, error] = std::from_chars(next + 1, stop, field);
+            ok = error == std::errc() && after != next + 1;
+            next = after;
+        };
         Verified verified;
-        if (fields >> name >> verified.file.size >> verified.file.inode >> verified.file.device >>
-            verified.file.modified >> verified.at)
-            record[name] = verified;
+        take(verified.file.size), take(verified.file.inode), take(verified.file.device), take(verified.file.modified),
+            take(verified.at);
+        if (ok && next == stop) record[name] = verified;
     }
     return record;
 }
@@ -39,7 +43,7 @@ ZOVRELAY_Status WriteVerification(int root, const VerificationRecord& record) {
     for (const auto& [name, v] : record)
         text += name + " " + std::to_string(v.file.size) + " " + std::to_string(v.file.inode) + " " +
                 std::to_string(v.file.device) + " " + std::to_string(v.file.modified) + " " + std::to_string(v.at) + "\n";
-    return WriteWholeFileAt(root, kVerificationName, text);
+    return WriteChangedFileAt(root, kVerificationName, text);
 }
 
 bool FileMatches(int fd, uint64_t size, const std::string& sha256) {

@@ -37,7 +37,7 @@ TEST_F(Safety, PlantedNamesNeverReachOutside) {
     const std::string sentinel = (root / "outside/sentinel.zip").string();
     const struct { const char* what; std::function<void(const fs::path&)> plant; ZOVRELAY_Status status; } cases[] = {
         {"links as the index, the source catalog, the lock and the record", [&](const fs::path& r) {
-             for (const char* name : {"server.ini", "source.ini", ".lock", ".verified", ".server.ini.tmp"}) fs::create_symlink(sentinel, r / name);
+             for (const char* name : {"server.ini", "source.ini", ".lock", ".verified", ".held", ".server.ini.tmp"}) fs::create_symlink(sentinel, r / name);
          }, kSuccess},
         {"links as archives", [&](const fs::path& r) { fs::create_symlink(sentinel, r / "packages" / (std::string(kPattern) + "_merged.zip")),
                                                        fs::create_symlink(sentinel, r / "packages" / (std::string(kEngine) + "_1.200.1.0.zip")); }, kSuccess},

@@ -126,6 +126,28 @@ TEST_F(Source, DamageIsFoundAndHealed) {
     EXPECT_EQ(CheckRepository(Path("repo")), Lines());
 }
 
+// An archive replaced under its name by another of the same size and times, only its inode telling
+// them apart, is read again: what the held cache recorded of the old one is not taken for it.
+TEST_F(Source, AnArchiveReplacedUnderItsNameIsReadAgain) {
+    const std::string name = std::string(kPattern) + "_merged.zip", mine = Path("a/packages/" + name);
+    const timespec hourAgo[2] = {{0, UTIME_OMIT}, {time(nullptr) - 3600, 0}};
+    for (const char* repository : {"b", "a", "a"}) {  // the second run of "a" records the aged archive
+        MakeSource("source", *repository == 'a' ? 1 : 2);
+        Context context(Path(repository));
+        ASSERT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kSuccess);
+        utimensat(AT_FDCWD, mine.c_str(), hourAgo, 0);
+    }
+    ASSERT_EQ(fs::file_size(mine), fs::file_size(Path("b/packages/" + name)));
+    fs::copy_file(Path("b/packages/" + name), Path("a/packages/new"));
+    utimensat(AT_FDCWD, Path("a/packages/new").c_str(), hourAgo, 0);
+    fs::rename(Path("a/packages/new"), mine);
+    Context context(Path("a"));
+    EXPECT_NE(Held(context.handle).at(0).find(std::string(kPattern) + "@1.100.2.0"), std::string::npos);
+    EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kSuccess);
+    EXPECT_NE(ReadFile(Path("a/source.ini")).find(std::string(kPattern) + " 1.100.2.0 "), std::string::npos);
+    EXPECT_EQ(CheckRepository(Path("a")), Lines());
+}
+
 // While a mirror writes, other contexts list, export and read the source catalog; another writer is
 // refused at once; a cron guard's flock on the repository directory does not collide.
 TEST_F(Source, ReadersRunBesideAWriter) {
