@@ -124,25 +124,26 @@ HeldCache HeldCache::Read(int root) {
 const CachedArchive* HeldCache::Find(int packages, const std::string& name) {
     if (now_ == 0) now_ = int64_t(std::time(nullptr));
     const auto found = entries_.find(name);
-    if (found != entries_.end() && checked_.count(name) != 0) return &found->second;
-    checked_.insert(name);
-    seen_.insert(name);
+    if (found != entries_.end() && found->second.checked) return &found->second;
     struct stat info {};
     if (::fstatat(packages, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(info.st_mode)) {
         Forget(name);
         return nullptr;
     }
     if (found != entries_.end()) {
-        const CachedArchive& entry = found->second;
+        CachedArchive& entry = found->second;
         const int64_t modified = entry.file.modified / 1000000000;
-        if (entry.file == IdentityOf(info) && modified + 1 < entry.read && entry.read <= now_) return &entry;
+        if (entry.file == IdentityOf(info) && modified + 1 < entry.read && entry.read <= now_) {
+            entry.checked = true;
+            return &entry;
+        }
     }
     const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages, name);
     if (archive == nullptr) {
         Forget(name);
         return nullptr;
     }
-    CachedArchive entry{archive->file(), int64_t(std::time(nullptr)), archive->manifest(), {}};
+    CachedArchive entry{archive->file(), int64_t(std::time(nullptr)), archive->manifest(), {}, true};
     // The layout is read from the same file; one renamed over it meanwhile is never recorded.
     const FileDescriptor fd(OpenFileAt(packages, name));
     const std::optional<std::map<std::string, EntryRange>> ranges = fd.get() >= 0 ? ReadEntryRanges(fd.get()) : std::nullopt;
@@ -158,14 +159,11 @@ const CachedArchive* HeldCache::Find(int packages, const std::string& name) {
     return &(entries_[name] = std::move(entry));
 }
 
-void HeldCache::Forget(const std::string& name) {
-    checked_.erase(name);
-    changed_ = entries_.erase(name) != 0 || changed_;
-}
+void HeldCache::Forget(const std::string& name) { changed_ = entries_.erase(name) != 0 || changed_; }
 
 ZOVRELAY_Status HeldCache::Write(int root) {
     for (auto entry = entries_.begin(); entry != entries_.end();) {
-        if (seen_.count(entry->first) != 0) {
+        if (entry->second.checked) {
             ++entry;
             continue;
         }

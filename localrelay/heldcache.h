@@ -17,7 +17,6 @@
 
 #include <cstdint>
 #include <map>
-#include <set>
 #include <string>
 
 namespace localrelay {
@@ -31,6 +30,7 @@ struct CachedArchive {
     int64_t read = 0;  // seconds since the epoch
     Manifest manifest;
     std::map<std::string, EntryRange> ranges;
+    bool checked = false;  // found to be this file during the operation (not recorded)
 };
 
 class HeldCache {
@@ -47,13 +47,11 @@ public:
     // Drops what is known of `name`: its next lookup looks at the file again.
     void Forget(const std::string& name);
 
-    // Writes the record when it changed, keeping the archives looked up since it was read.
+    // Writes the record when it changed, keeping the archives found since it was read.
     ZOVRELAY_Status Write(int root);
 
 private:
     std::map<std::string, CachedArchive> entries_;
-    std::set<std::string> seen_;     // looked up since the record was read: still in the repository
-    std::set<std::string> checked_;  // found to be the file recorded since then
     bool changed_ = false;
     int64_t now_ = 0;
 };

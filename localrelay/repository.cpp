@@ -158,9 +158,10 @@ void AddProducts(Catalog& catalog, const std::vector<const Manifest*>& manifests
     std::map<std::pair<Identity, Version>, std::vector<Identity>> products;
     for (const Manifest* manifest : manifests)
         for (const ProductRef& product : manifest->products) products[{product.identity, product.version}];
+    std::set<Identity> listed;  // a lookup, not a scan per manifest: linear in the repository's size
+    for (const Component& component : catalog.components) listed.insert(component.identity);
     for (const Manifest* manifest : manifests)
-        if (std::any_of(catalog.components.begin(), catalog.components.end(),
-                        [&](const Component& c) { return c.identity == manifest->identity; }))
+        if (listed.count(manifest->identity) != 0)
             for (const ProductRef& product : manifest->products)
                 products[{product.identity, product.version}].push_back(manifest->identity);
     for (auto& [product, components] : products) catalog.products.push_back(Product{product.first, product.second, components});
@@ -186,12 +187,14 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, M
     if (status <= 0) return status;
     Catalog index;
     std::vector<const Manifest*> manifests;
+    const std::set<std::string> present = NamesIn(packages);  // one listing, not a lookup per component
     for (const auto& [identity, manifest] : held) {
         manifests.push_back(&manifest);
         const HeldVersion& newest = manifest.versions.front();
         const std::string file = VersionArchiveName(identity, newest.version);
         struct stat info {};
-        if (leaving.count(file) != 0 || ::fstatat(packages, file.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+        if (leaving.count(file) != 0 || present.count(file) == 0 ||
+            ::fstatat(packages, file.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 ||
             !S_ISREG(info.st_mode) || uint64_t(info.st_size) != newest.size)
             continue;
         index.components.push_back(Component{manifest.section, identity, newest.version, "packages/" + file,
