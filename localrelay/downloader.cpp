@@ -628,10 +628,6 @@ size_t Engine::Body(Job& job, const char* data, size_t size) {
     return job.complete ? 0 : taken;
 }
 
-bool Transient(long code) {
-    return code == 408 || code == 429 || code == 500 || code == 502 || code == 503 || code == 504;
-}
-
 // What a finished attempt means for its package.
 ZOVRELAY_Status Engine::Done(Job& job, CURLcode result) {
     const Download& d = *job.d;
@@ -669,7 +665,7 @@ ZOVRELAY_Status Engine::Done(Job& job, CURLcode result) {
     const ProxySettings& proxy = d.settings->proxy;
     const Failure failure = FromCurl(refused ? CURLE_HTTP_RETURNED_ERROR : result, code, proxyCode, proxyError,
                                      proxy.used && !proxy.user.empty(), curlReason.c_str());
-    const bool transient = failure.status == kConnectionFailed || (failure.status == kHttpError && Transient(code));
+    const bool transient = IsTransient(failure.status, code);
     return Finish(job, failure.status, failure.reason, transient);
 }
 
