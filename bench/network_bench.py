@@ -8,7 +8,9 @@ beside each peer's with the throughput ratio (peer's time / relay's time: above 
 
 Also: bytes the relay wrote against bytes it downloaded, the total rate under maxbandwidth, the
 bytes a run after a SIGKILL half-way through a large package received again, and a run with
-nothing to do against fetching the catalog alone."""
+nothing to do against fetching the catalog alone; and, through bench/fault_proxy.py, a source
+that fails every package once (a dropped connection, or a 503), against the same source healthy."""
+import hashlib
 import os
 import resource
 import shutil
@@ -162,6 +164,58 @@ def compare(title, scenario):
     sys.stdout.flush()
 
 
+def holds_all(repository, catalog):
+    """Whether the repository holds every package of the catalog, its bytes matching the SHA-256."""
+    held = set()
+    with open(repository + "/source.ini") as listing:
+        for fields in (line.split() for line in listing):
+            if len(fields) == 7:
+                with open(os.path.join(repository, fields[2]), "rb") as archive:
+                    archive.seek(int(fields[5]))
+                    if hashlib.sha256(archive.read(int(fields[3]))).hexdigest() == fields[4]:
+                        held.add(fields[4])
+    with open(catalog) as listing:
+        return all(f[4] in held for f in (line.split() for line in listing) if len(f) == 5 and len(f[4]) == 64)
+
+
+def flaky(work, servers, www):
+    """The relay through fault_proxy.py, alternating a healthy source, one that drops every
+    package's first response half-way and one that answers every package's first request 503;
+    medians of the wall time and of the body bytes the proxy sent. A new proxy for each run, so
+    that each run meets every fault."""
+    source = www + "/flaky"
+    subprocess.run([MAKESOURCE, "--products", "1", "--components", "200", "--size", str(256 << 10), source],
+                   check=True, stdout=subprocess.DEVNULL)
+    scenario = Scenario(work, source, None, False)
+    modes = ("none", "drop", "503")
+    seconds, sent, faults = {m: [] for m in modes}, {m: [] for m in modes}, {m: [] for m in modes}
+    for _ in range(RUNS):
+        for mode in modes:
+            counted, port = "%s/count-%s" % (work, mode), free_port()
+            proxy = servers.spawn([sys.executable, os.path.join(TOP, "bench", "fault_proxy.py"), str(port),
+                                   str(servers.http), mode, counted], port)
+            scenario.base = "http://127.0.0.1:%d/flaky" % port
+            try:
+                seconds[mode].append(scenario.relay()[0])
+            except SystemExit as failure:
+                raise SystemExit("flaky source (%s): %s" % (mode, failure))
+            finally:
+                proxy.kill(), proxy.wait(), servers.children.remove(proxy)
+            if not holds_all(scenario.work + "/repository", source + "/server.ini"):
+                raise SystemExit("flaky source (%s): the repository lacks packages" % mode)
+            received, made = open(counted).read().split()
+            sent[mode].append(int(received)), faults[mode].append(int(made))
+    healthy = statistics.median(seconds["none"])
+    print("%-44s relay %7.2f s, received %.2fx the packages' bytes"
+          % ("200 x 256 KiB, HTTP, healthy source", healthy, statistics.median(sent["none"]) / scenario.bytes))
+    for mode, title in (("drop", "the same, each cut once half-way"), ("503", "the same, each answered 503 once")):
+        r = statistics.median(seconds[mode])
+        print("%-44s relay %7.2f s | healthy %7.2f s  ratio %5.2f | received %.2fx the packages' bytes (target <= 1.6),"
+              " %d faults" % (title, r, healthy, healthy / r, statistics.median(sent[mode]) / scenario.bytes,
+                              min(faults[mode])))
+    sys.stdout.flush()
+
+
 def wanted(name):
     return not ONLY or name in ONLY.split(",")
 
@@ -236,6 +290,9 @@ def main():
             after = int(open(counted).read()) - before
             print("%-44s killed at %d MiB; the next run received %.0f%% of the package (target <= 55%%)"
                   % ("resume after SIGKILL, %d MiB over HTTP" % (size >> 20), before >> 20, 100.0 * after / size))
+
+        if wanted("flaky"):
+            flaky(work, servers, www)
     finally:
         if servers:
             servers.close()

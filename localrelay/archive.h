@@ -5,6 +5,7 @@
 #define LOCALRELAY_ARCHIVE_H
 
 #include "catalog.h"
+#include "files.h"
 #include "transfer.h"
 
 #include <zip.h>
@@ -52,6 +53,9 @@ struct Manifest {
     const HeldVersion* Find(const Version& version) const;
 };
 
+// The entry that holds the manifest.
+inline constexpr const char* kManifestEntry = "manifest";
+
 std::string MergedArchiveName(const Identity& identity);                          // "<identity>_merged.zip"
 std::string VersionArchiveName(const Identity& identity, const Version& version);  // "<identity>_<version>.zip"
 // The archive entry of a held version: "<version>/<package file name>".
@@ -75,6 +79,7 @@ public:
     const Manifest& manifest() const { return manifest_; }
     const FileIdentity& file() const { return file_; }
     zip_t* handle() const { return archive_; }
+    int fd() const { return fd_.get(); }  // the same file, for raw reads of stored entries
 
     // Streams the version's bytes into `sink`, then checks their size and SHA-256 against the
     // manifest: kIntegrityFailed on any mismatch, the sink's stopStatus when it stopped.
@@ -82,20 +87,13 @@ public:
     ZOVRELAY_Status Verify(const HeldVersion& held) const;
 
 private:
-    MergedArchive(zip_t* archive, Manifest manifest, FileIdentity file)
-        : archive_(archive), manifest_(std::move(manifest)), file_(file) {}
+    MergedArchive(zip_t* archive, FileDescriptor fd, Manifest manifest, FileIdentity file)
+        : archive_(archive), fd_(std::move(fd)), manifest_(std::move(manifest)), file_(file) {}
     zip_t* archive_;
+    FileDescriptor fd_;
     Manifest manifest_;
     FileIdentity file_;
 };
-
-// Writes a merged archive of `manifest` into the open, empty temporary file `temporary` (in
-// `directory`): each version from `files` (the name of a verified package in `directory`) when
-// listed there, otherwise copied from `previous`. The result is reopened and every entry verified
-// before this returns success; the caller then renames it into place.
-ZOVRELAY_Status WriteMergedArchive(int directory, int temporary, const std::string& temporaryName,
-                                   const Manifest& manifest, const std::map<Version, std::string>& files,
-                                   const MergedArchive* previous);
 
 }  // namespace localrelay
 

@@ -6,6 +6,7 @@
 #include "failure.h"
 #include "files.h"
 #include "status.h"
+#include "zipwriter.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -77,8 +78,8 @@ bool WriteAll(int fd, const char* data, size_t size, uint64_t at) {
 // The resume record beside a part: which file and which catalog entry its bytes belong to, and
 // the server's validators. A part is continued only when all of these still match.
 std::string ResumeRecord(const Download& d, const std::string& etag, const std::string& modified) {
-    return "zovrelay-resume 1\n" + d.address + "\n" + std::to_string(d.offset) + " " + std::to_string(d.size) + " " +
-           d.sha256 + "\n" + etag + "\n" + modified + "\n";
+    return "zovrelay-resume 2\n" + d.address + "\n" + std::to_string(d.offset) + " " + std::to_string(d.size) + " " +
+           d.sha256 + " " + std::to_string(d.headroom) + "\n" + etag + "\n" + modified + "\n";
 }
 
 struct Validators {
@@ -172,8 +173,9 @@ struct Job {
     Engine* engine = nullptr;
     Download* d = nullptr;
     int fd = -1;
-    uint64_t have = 0;  // bytes in the part, hashed into digest
+    uint64_t have = 0;  // bytes of the package in the part, hashed into digest and crc
     std::unique_ptr<Sha256> digest;
+    uint32_t crc = 0;
     Validators validators;  // of the bytes in the part; empty when not resumable
     bool recorded = false;  // a resume record describes the part
     bool digestChecked = false;  // the digest was taken and matched (a part a previous run completed)
@@ -270,20 +272,25 @@ void Engine::Drop(Job& job) {
 ZOVRELAY_Status Engine::OpenPart(Job& job, bool resumable) {
     const Download& d = *job.d;
     job.digest = std::make_unique<Sha256>();
+    job.crc = 0;
     job.have = 0;
     if (resumable && ReadResumeRecord(directory_, d, job.validators)) {
         job.fd = OpenOwn(directory_, d.part, O_RDWR);
         struct stat info {};
-        if (job.fd >= 0 && ::fstat(job.fd, &info) == 0 && uint64_t(info.st_size) <= d.size) {
+        if (job.fd >= 0 && ::fstat(job.fd, &info) == 0 && uint64_t(info.st_size) >= d.headroom &&
+            uint64_t(info.st_size) - d.headroom <= d.size) {
+            const uint64_t held = uint64_t(info.st_size) - d.headroom;
             // What a previous run kept is hashed first, so that the whole is verified as one.
             std::vector<char> buffer(kLocalBuffer);
-            while (job.have < uint64_t(info.st_size)) {
-                const ssize_t got = ::pread(job.fd, buffer.data(), buffer.size(), off_t(job.have));
+            while (job.have < held) {
+                const ssize_t got = ::pread(job.fd, buffer.data(), size_t(std::min<uint64_t>(buffer.size(), held - job.have)),
+                                            off_t(d.headroom + job.have));
                 if (got <= 0) break;
                 job.digest->Update(buffer.data(), size_t(got));
+                job.crc = Crc32(job.crc, buffer.data(), size_t(got));
                 job.have += uint64_t(got);
             }
-            if (job.have == uint64_t(info.st_size)) {
+            if (job.have == held) {
                 job.recorded = true;
                 job.d->resumed = job.have;
                 return kSuccess;
@@ -292,6 +299,7 @@ ZOVRELAY_Status Engine::OpenPart(Job& job, bool resumable) {
         if (job.fd >= 0) ::close(job.fd);
         job.fd = -1;
         job.digest = std::make_unique<Sha256>();
+        job.crc = 0;
         job.have = 0;
         ::unlinkat(directory_, ResumeName(d.part).c_str(), 0);
     }
@@ -335,6 +343,7 @@ void Engine::Restart(Job& job) {
     job.have = 0;
     job.reported = 0;
     job.digest = std::make_unique<Sha256>();
+    job.crc = 0;
 }
 
 ZOVRELAY_Status Engine::Begin(Job& job) {
@@ -357,6 +366,7 @@ ZOVRELAY_Status Engine::Verified(Job& job) {
     const bool intact = job.have == job.d->size && (job.digestChecked || job.digest->HexDigest() == job.d->sha256);
     if (!intact) return Finish(job, kIntegrityFailed, "size or SHA-256 differs from the catalog", false);
     ::unlinkat(directory_, ResumeName(job.d->part).c_str(), 0);
+    job.d->crc32 = job.crc;
     const bool closed = ::close(job.fd) == 0;
     job.fd = -1;
     if (!closed) return Stopped(job, FromErrno(errno));
@@ -440,12 +450,13 @@ ZOVRELAY_Status Engine::ReadLocal(Job& job) {
             status = kIntegrityFailed, why = "more bytes than the catalog's size";
             break;
         }
-        if (!WriteAll(job.fd, buffer.data(), size_t(got), job.have)) {
+        if (!WriteAll(job.fd, buffer.data(), size_t(got), d.headroom + job.have)) {
             written = FromErrno(errno);
             status = written.status;
             break;
         }
         job.digest->Update(buffer.data(), size_t(got));
+        job.crc = Crc32(job.crc, buffer.data(), size_t(got));
         job.have += uint64_t(got);
         if (!Progress(job, false)) {
             status = kCancelled;
@@ -600,13 +611,14 @@ size_t Engine::Body(Job& job, const char* data, size_t size) {
             return 0;
         }
     }
-    if (!WriteAll(job.fd, data, size, job.have)) {
+    if (!WriteAll(job.fd, data, size, d.headroom + job.have)) {
         const Failure failure = FromErrno(errno);
         stopped_ = job.stop = failure.status;
         job.stopReason = failure.reason;
         return 0;
     }
     job.digest->Update(data, size);
+    job.crc = Crc32(job.crc, data, size);
     job.have += size;
     if (!job.recorded && job.have >= kRecordAfter) Record(job);
     if (!Progress(job, false)) {
@@ -614,10 +626,6 @@ size_t Engine::Body(Job& job, const char* data, size_t size) {
         return 0;
     }
     return job.complete ? 0 : taken;
-}
-
-bool Transient(long code) {
-    return code == 408 || code == 429 || code == 500 || code == 502 || code == 503 || code == 504;
 }
 
 // What a finished attempt means for its package.
@@ -657,7 +665,7 @@ ZOVRELAY_Status Engine::Done(Job& job, CURLcode result) {
     const ProxySettings& proxy = d.settings->proxy;
     const Failure failure = FromCurl(refused ? CURLE_HTTP_RETURNED_ERROR : result, code, proxyCode, proxyError,
                                      proxy.used && !proxy.user.empty(), curlReason.c_str());
-    const bool transient = failure.status == kConnectionFailed || (failure.status == kHttpError && Transient(code));
+    const bool transient = IsTransient(failure.status, code);
     return Finish(job, failure.status, failure.reason, transient);
 }
 
@@ -778,7 +786,8 @@ uint64_t ResumableBytes(int packagesDirectory, const Download& download) {
     struct stat info {};
     if (::fstatat(packagesDirectory, download.part.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(info.st_mode))
         return 0;
-    return std::min<uint64_t>(uint64_t(info.st_size), download.size);
+    const uint64_t held = uint64_t(info.st_size);
+    return held > download.headroom ? std::min<uint64_t>(held - download.headroom, download.size) : 0;
 }
 
 bool IsResumablePart(int packagesDirectory, const std::string& name) {

@@ -23,12 +23,16 @@ struct Download {
     uint64_t size = 0;
     std::string sha256;
     std::string part;  // the part file's name in the packages directory
+    // Bytes reserved at the start of the part before the package's (the header of the merged
+    // archive entry the part becomes): the package is at [headroom, headroom + size).
+    uint64_t headroom = 0;
 
-    // How it went. On success the part file holds exactly the verified package.
+    // How it went. On success the part file holds exactly the verified package after the headroom.
     ZOVRELAY_Status status = kNoSourceReachable;  // until it was fetched and verified
     std::string reason;     // one line, empty on success
     uint64_t received = 0;  // bytes received from the source in this run
     uint64_t resumed = 0;   // bytes a previous run had kept, which were not fetched again
+    uint32_t crc32 = 0;     // of the package, on success
     bool keep = false;      // a failure whose part is kept for the next run to continue
     double seconds = 0;
 };

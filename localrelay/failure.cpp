@@ -178,6 +178,12 @@ ZOVRELAY_Status LeaveCall(ZOVRELAY_Status status) noexcept {
     return status;
 }
 
+bool IsTransient(ZOVRELAY_Status status, long code) {
+    if (status == kConnectionFailed) return true;
+    return status == kHttpError &&
+           (code == 408 || code == 429 || code == 500 || code == 502 || code == 503 || code == 504);
+}
+
 std::string StatusText(ZOVRELAY_Status status) {
     for (const StatusEntry& entry : kStatusTable)
         if (entry.status == status) return std::string(entry.message, entry.message + std::wcslen(entry.message));

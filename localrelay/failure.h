@@ -47,6 +47,10 @@ std::string ShortenMiddle(const std::string& text, size_t width);
 // and answers `status`, so that `return Fail(kNotFound, "not found", "product " + name);` reads.
 ZOVRELAY_Status Fail(ZOVRELAY_Status status, const std::string& reason, const std::string& object) noexcept;
 
+// A failure another attempt may cure: the connection refused, reset, timed out or cut short, or
+// an HTTP answer of 408, 429, 500, 502, 503 or 504. `code` is the HTTP status (0 for none).
+bool IsTransient(ZOVRELAY_Status status, long code);
+
 // The status table's text for `status` ("no space left on device"), as bytes.
 std::string StatusText(ZOVRELAY_Status status);
 

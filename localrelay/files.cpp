@@ -3,6 +3,8 @@
 #include "status.h"
 
 #include <fcntl.h>
+#include <linux/fs.h>
+#include <sys/ioctl.h>
 #include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -10,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <vector>
 
 namespace localrelay {
 
@@ -53,6 +56,56 @@ int OpenFileAt(int directory, const std::string& name) {
         return -1;
     }
     return fd;
+}
+
+int OpenOwnFileAt(int directory, const std::string& name) {
+    const int fd = ::openat(directory, name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+    if (fd < 0) return -1;
+    struct stat info {};
+    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_nlink != 1) {
+        ::close(fd);
+        errno = EINVAL;
+        return -1;
+    }
+    return fd;
+}
+
+ZOVRELAY_Status CopyRange(int from, uint64_t offset, uint64_t size, int to, uint64_t at) {
+    uint64_t done = 0;
+    struct stat info {};
+    if (offset % kShareableBlock == 0 && at % kShareableBlock == 0 && ::fstat(from, &info) == 0) {
+        // Only a range that ends where the source does may end inside a block.
+        const uint64_t length = offset + size == uint64_t(info.st_size) ? size : size / kShareableBlock * kShareableBlock;
+        file_clone_range range{from, offset, length, at};
+        if (length > 0 && ::ioctl(to, FICLONERANGE, &range) == 0) done = length;
+    }
+    // The kernel's copy shares blocks too where it can, and otherwise saves a trip through memory.
+    bool kernel = true;
+    std::vector<char> buffer;
+    while (done < size) {
+        ssize_t n;
+        if (kernel) {
+            loff_t in = loff_t(offset + done), out = loff_t(at + done);
+            n = ::copy_file_range(from, &in, to, &out, size_t(std::min<uint64_t>(size - done, 1u << 30)), 0);
+            if (n < 0 && (errno == EXDEV || errno == EINVAL || errno == ENOSYS || errno == EOPNOTSUPP)) {
+                kernel = false;
+                continue;
+            }
+        } else {
+            if (buffer.empty()) buffer.resize(256 * 1024);
+            n = ::pread(from, buffer.data(), size_t(std::min<uint64_t>(buffer.size(), size - done)), off_t(offset + done));
+            for (ssize_t written = 0; n > 0 && written < n;) {
+                const ssize_t w = ::pwrite(to, buffer.data() + written, size_t(n - written), off_t(at + done) + written);
+                if (w < 0 && errno == EINTR) continue;
+                if (w <= 0) return FileStatus(w < 0 ? errno : EIO);
+                written += w;
+            }
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n <= 0) return FileStatus(n < 0 ? errno : EIO);  // the source ended early
+        done += uint64_t(n);
+    }
+    return kSuccess;
 }
 
 std::string RandomName(size_t length) {

@@ -10,6 +10,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -91,6 +93,17 @@ std::optional<std::string> ReadWholeFileAt(int directory, const std::string& nam
 // Removes the name `name` under `directory`: a file, a link (never its target), or an empty
 // directory. False when it stays.
 bool RemoveAt(int directory, const std::string& name);
+
+// Makes `size` bytes at `at` of the file `to` a copy of those at `offset` of `from`. Where the
+// file system shares blocks between files (reflinks, on btrfs and XFS), whole blocks are shared
+// rather than written again: both offsets must then be multiples of kShareableBlock. Anything
+// else is copied by the kernel. A status from FileStatus on failure.
+inline constexpr uint64_t kShareableBlock = 4096;
+ZOVRELAY_Status CopyRange(int from, uint64_t offset, uint64_t size, int to, uint64_t at);
+
+// Opens the file `name` under `directory` for reading and writing when it is ours to rewrite: a
+// regular file with no other link to it (-1 with errno set otherwise).
+int OpenOwnFileAt(int directory, const std::string& name);
 
 // Random lower-case hexadecimal characters for temporary names.
 std::string RandomName(size_t length = 12);

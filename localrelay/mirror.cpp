@@ -8,6 +8,8 @@
 #include "status.h"
 
 #include "verification.h"
+#include "ziplayout.h"
+#include "zipwriter.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -125,6 +127,13 @@ void SortNewestFirst(std::vector<HeldVersion>& versions) {
               [](const HeldVersion& a, const HeldVersion& b) { return b.version < a.version; });
 }
 
+// Where an entry's data start in a merged archive: with buildpatch, a package large enough for
+// it starts on a block boundary, so that its per-version archive (and the archive's next rewrite)
+// can share its blocks instead of storing it again. Smaller ones would gain less than the padding.
+uint64_t Alignment(const Options& options, uint64_t size) {
+    return options.buildPatch != 0 && size >= 16 * kShareableBlock ? kShareableBlock : 0;
+}
+
 // A verified part file in packages/, removed unless Release()d (after it was renamed).
 class Part {
 public:
@@ -186,8 +195,12 @@ private:
     ZOVRELAY_Status Failed(PackageOutcome outcome, ZOVRELAY_Status status, std::string reason,
                            const std::string& object, bool raise = true);
     ZOVRELAY_Status Store(const Group& group);
+    ZOVRELAY_Status BuildArchive(const Group& group, Manifest& next,
+                                 const std::map<Version, const localrelay::Download*>& fresh,
+                                 const MergedArchive* previous,
+                                 std::map<Version, std::unique_ptr<TemporaryFile>>& copies, std::string& built);
     ZOVRELAY_Status KeepVersionArchives(const Group& group, const Manifest& manifest,
-                                        std::map<Version, std::unique_ptr<Part>>& parts);
+                                        std::map<Version, std::unique_ptr<TemporaryFile>>& copies);
     void CheckVersionArchives();
     void Log(const Identity& identity, const HeldVersion& held, const char* action, ZOVRELAY_Status status,
              const localrelay::Download* d = nullptr) {
@@ -321,20 +334,20 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
     if (previous != nullptr) manifest = previous->manifest();
     manifest.identity = identity;
 
-    // The verified downloads, in hidden part files that go unless kept.
+    // The verified downloads, in hidden part files that go unless they become the archive.
     std::map<Version, std::unique_ptr<Part>> parts;
-    std::map<Version, std::string> files;
+    std::map<Version, const localrelay::Download*> fresh;
     for (const Component* component : group.downloads) {
         const auto done = downloaded_.find(component);
         if (done == downloaded_.end()) continue;
-        files[component->version] = done->second->part;
+        fresh[component->version] = done->second;
         parts[component->version] = std::make_unique<Part>(packages_, done->second->part);
     }
 
     Manifest next = manifest;
     next.section = group.wanted.front()->component->section;  // as the source lists it now
     for (const Component* component : group.downloads) {
-        if (files.count(component->version) == 0) continue;
+        if (fresh.count(component->version) == 0) continue;
         next.versions.erase(std::remove_if(next.versions.begin(), next.versions.end(),
                                            [&](const HeldVersion& h) { return h.version == component->version; }),
                             next.versions.end());
@@ -355,31 +368,16 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
     std::sort(next.products.begin(), next.products.end(),
               [](const ProductRef& a, const ProductRef& b) { return a.identity < b.identity; });
 
+    std::map<Version, std::unique_ptr<TemporaryFile>> copies;  // per-version archives to be
     if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest) ||
-                                   !files.empty() || !group.damaged.empty())) {
-        // Copies of versions that no longer verify would fail the new archive's own check:
-        // leave them out, so a damaged repository heals on the next run.
-        for (auto held = next.versions.begin(); held != next.versions.end();) {
-            if (files.count(held->version) != 0 || (previous != nullptr && previous->Verify(*held) > 0)) {
-                ++held;
-                continue;
-            }
-            const bool wanted = std::any_of(group.wanted.begin(), group.wanted.end(),
-                                            [&](const Wanted* w) { return w->component->version == held->version; });
-            if (wanted) {
-                PackageOutcome outcome{held->path, FormatIdentity(identity), FormatVersion(held->version), "",
-                                       "verify", held->size, 0, 0, kSuccess, ""};
-                const ZOVRELAY_Status status =
-                    Failed(outcome, kIntegrityFailed, "held copy failed its check; dropped", held->path);
-                if (status <= 0) return status;
-            }
-            held = next.versions.erase(held);
+                                   !fresh.empty() || !group.damaged.empty())) {
+        std::string built;  // the name the new archive is written under
+        ZOVRELAY_Status status = BuildArchive(group, next, fresh, previous.get(), copies, built);
+        const bool unnamed = status <= 0;  // the writer's failures name no file; the file helpers' name theirs
+        if (status > 0 && next.versions.empty()) {  // nothing held verified: the old archive stays
+            ::unlinkat(packages_, built.c_str(), 0);
+            return kSuccess;
         }
-        if (next.versions.empty()) return kSuccess;
-        TemporaryFile temporary;
-        ZOVRELAY_Status status = temporary.Create(packages_, TemporaryPrefix(merged), kTemporarySuffix, "packages/" + merged);
-        bool unnamed = false;  // libzip's failures name no file; the file helpers' name theirs
-        if (status > 0) unnamed = (status = WriteMergedArchive(packages_, temporary.fd(), temporary.name(), next, files, previous.get())) <= 0;
         // source.ini must never name a range of the archive being replaced: it stops listing the
         // component first, and lists its new ranges once the new archive is in place.
         // A component it did not list yet is added when the run ends (the caller rewrites both
@@ -389,15 +387,17 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
         if (status > 0 && listed) status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
         if (status > 0) {
             previous.reset();
-            status = temporary.ReplaceInto(merged);
+            status = ReplaceAt(packages_, built, merged);
+            for (auto& [version, part] : parts)
+                if (status > 0 && part->name() == built) part->Release();
         }
         if (status > 0) {
             served_[identity] = Served(packages_, next);
             if (listed) status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
         }
         if (status <= 0) {
-            // libzip leaves the failing write's errno: a full disk is worth saying so.
             const Failure cause = FromErrno(errno);
+            if (!built.empty()) ::unlinkat(packages_, built.c_str(), 0);
             if (status == kIoError && RepositoryFailure(cause.status)) status = cause.status;
             const std::string reason = status == cause.status ? cause.reason : "cannot write";
             if (unnamed && (failure_ > 0 || StopsTheRun(status))) Fail(status, reason, "packages/" + merged);
@@ -411,12 +411,106 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
             Note(status);
             return kSuccess;
         }
-        // Every entry was read back before the rename: the archive is verified as it is now.
+        // Every byte was checked as it was written, and the layout on reopening: the archive is
+        // verified as it is now.
         if (const std::unique_ptr<MergedArchive> written = OpenMerged(identity))
             verified_[merged] = Verified{written->file(), now_};
     }
     final_[identity] = next;
-    return KeepVersionArchives(group, next, parts);
+    return KeepVersionArchives(group, next, copies);
+}
+
+// Writes the merged archive of `next` under a hidden name in packages/ (`built`), complete and
+// checked, for the caller to rename into place. The largest package downloaded now becomes the
+// archive: its part holds the bytes after a reserved header already, so they are written once.
+// Other versions are copied in, each checked on the way: a held copy that no longer verifies is
+// left out of `next` (so a damaged repository heals on the next run) and reported when wanted.
+// With buildpatch, each new version's per-version archive is made first (`copies`), sharing the
+// part's blocks where the file system can.
+ZOVRELAY_Status Mirrorer::BuildArchive(const Group& group, Manifest& next,
+                                       const std::map<Version, const localrelay::Download*>& fresh,
+                                       const MergedArchive* previous,
+                                       std::map<Version, std::unique_ptr<TemporaryFile>>& copies, std::string& built) {
+    const HeldVersion* first = nullptr;  // the version whose part becomes the archive
+    const localrelay::Download* base = nullptr;
+    for (const HeldVersion& held : next.versions) {
+        const auto f = fresh.find(held.version);
+        if (f != fresh.end() && (base == nullptr || f->second->size > base->size)) base = f->second, first = &held;
+    }
+    FileDescriptor file;
+    if (base != nullptr) {
+        file = FileDescriptor(OpenOwnFileAt(packages_, base->part));
+        if (file.get() < 0) return FileStatus(errno);
+        built = base->part;
+    } else {
+        TemporaryFile temporary;
+        const std::string merged = MergedArchiveName(group.identity);
+        const ZOVRELAY_Status created = temporary.Create(packages_, TemporaryPrefix(merged), kTemporarySuffix, "packages/" + merged);
+        if (created <= 0) return created;
+        file = FileDescriptor(::fcntl(temporary.fd(), F_DUPFD_CLOEXEC, 0));
+        if (file.get() < 0) return FileStatus(errno);
+        built = temporary.name();
+        temporary.Keep();  // the caller renames it, or removes it when anything fails
+    }
+    ZOVRELAY_Status status = kSuccess;
+
+    if (options_.buildPatch != 0) {
+        for (const auto& [version, d] : fresh) {
+            if (next.Find(version) == nullptr) continue;
+            const FileDescriptor part(OpenFileAt(packages_, d->part));
+            const std::string target = VersionArchiveName(group.identity, version);
+            auto copy = std::make_unique<TemporaryFile>();
+            status = copy->Create(packages_, TemporaryPrefix(target), kTemporarySuffix, "packages/" + target);
+            if (status > 0) status = part.get() >= 0 ? CopyRange(part.get(), d->headroom, d->size, copy->fd(), 0) : FileStatus(errno);
+            if (status <= 0) return status;
+            copies[version] = std::move(copy);
+        }
+    }
+
+    ZipWriter writer(file.get(), base != nullptr ? base->headroom + base->size : 0);
+    if (base != nullptr) status = writer.Adopt(EntryName(*first), 0, base->size, base->crc32, Alignment(options_, base->size));
+    const std::optional<std::map<std::string, EntryRange>> ranges =
+        previous != nullptr ? ReadEntryRanges(previous->fd()) : std::nullopt;
+    for (auto held = next.versions.begin(); status > 0 && held != next.versions.end();) {
+        const auto f = fresh.find(held->version);
+        if (base != nullptr && f != fresh.end() && f->second == base) {
+            ++held;
+            continue;
+        }
+        const std::string name = EntryName(*held);
+        ZOVRELAY_Status copied = kIntegrityFailed;
+        if (f != fresh.end()) {
+            const FileDescriptor part(OpenFileAt(packages_, f->second->part));
+            if (part.get() >= 0)
+                copied = writer.Copy(name, part.get(), f->second->headroom, held->size, held->sha256, Alignment(options_, held->size));
+        } else if (ranges) {
+            const auto range = ranges->find(name);
+            if (range != ranges->end() && range->second.stored && range->second.size == held->size)
+                copied = writer.Copy(name, previous->fd(), range->second.offset, held->size, held->sha256,
+                                     Alignment(options_, held->size));
+        }
+        if (copied > 0) {
+            ++held;
+            continue;
+        }
+        if (copied != kIntegrityFailed) return copied;
+        const bool wanted = std::any_of(group.wanted.begin(), group.wanted.end(),
+                                        [&](const Wanted* w) { return w->component->version == held->version; });
+        if (wanted) {
+            PackageOutcome outcome{held->path, FormatIdentity(group.identity), FormatVersion(held->version), "",
+                                   "verify", held->size, 0, 0, kSuccess, ""};
+            const ZOVRELAY_Status stop = Failed(outcome, kIntegrityFailed, "held copy failed its check; dropped", held->path);
+            if (stop <= 0) return stop;
+        }
+        copies.erase(held->version);
+        held = next.versions.erase(held);
+    }
+    if (status <= 0 || next.versions.empty()) return status;
+    if ((status = writer.Add(kManifestEntry, FormatManifest(next))) <= 0 || (status = writer.Finish()) <= 0)
+        return status;
+    const std::unique_ptr<MergedArchive> written = MergedArchive::Open(packages_, built, true);
+    if (written == nullptr || FormatManifest(written->manifest()) != FormatManifest(next)) return kIntegrityFailed;
+    return kSuccess;
 }
 
 // Per-version archives are made only for versions this run downloaded: a version held already is
@@ -424,20 +518,17 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
 // write and delete the same files every night. Pruning beyond keepcount happens after the index
 // stops naming the files (see Mirror's caller).
 ZOVRELAY_Status Mirrorer::KeepVersionArchives(const Group& group, const Manifest& manifest,
-                                              std::map<Version, std::unique_ptr<Part>>& parts) {
-    if (options_.buildPatch != 0) {
-        for (auto& [version, part] : parts) {
-            if (manifest.Find(version) == nullptr) continue;
-            const std::string target = VersionArchiveName(group.identity, version);
-            struct stat info {};
-            // Republished (or healed) bytes replace a file the index may name: it stops naming it first.
-            if (::fstatat(packages_, target.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
-                WriteCatalogs(root_, packages_, ReadHeld(packages_), {target});
-            const ZOVRELAY_Status status = ReplaceAt(packages_, part->name(), target);
-            if (status > 0) part->Release();
-            if (StopsTheRun(status)) return status;
-            if (status <= 0) Note(status);
-        }
+                                              std::map<Version, std::unique_ptr<TemporaryFile>>& copies) {
+    for (auto& [version, copy] : copies) {
+        if (manifest.Find(version) == nullptr) continue;
+        const std::string target = VersionArchiveName(group.identity, version);
+        struct stat info {};
+        // Republished (or healed) bytes replace a file the index may name: it stops naming it first.
+        if (::fstatat(packages_, target.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+            WriteCatalogs(root_, packages_, ReadHeld(packages_), {target});
+        const ZOVRELAY_Status status = copy->ReplaceInto(target);
+        if (StopsTheRun(status)) return status;
+        if (status <= 0) Note(status);
     }
     if (options_.keepCount > 0) {
         const std::vector<std::pair<Version, std::string>> archives = VersionArchives(packages_, group.identity);
@@ -544,6 +635,9 @@ ZOVRELAY_Status Mirrorer::Download(const std::vector<Group>& groups) {
             d.size = component->size;
             d.sha256 = component->sha256;
             d.part = PartName(group.identity, component->version);
+            // Room for the header of the merged archive entry the part may become.
+            d.headroom = LocalHeaderSize(EntryName(HeldVersion{component->version, component->PackagePath(), 0, {}}),
+                                         component->size, 0, Alignment(options_, component->size));
             downloads_.push_back(std::move(d));
             components.push_back(component);
             groupOf.push_back(size_t(&group - groups.data()));
@@ -629,7 +723,9 @@ ZOVRELAY_Status Mirrorer::Download(const std::vector<Group>& groups) {
 // the old one.
 ZOVRELAY_Status Mirrorer::CheckSpace(const std::vector<Group>& groups) const {
     uint64_t needed = 0;
-    for (const localrelay::Download& d : downloads_) needed += 2 * d.size - ResumableBytes(packages_, d);
+    // A package is written once (twice with buildpatch where blocks cannot be shared).
+    const uint64_t copies = options_.buildPatch != 0 ? 2 : 1;
+    for (const localrelay::Download& d : downloads_) needed += copies * d.size - ResumableBytes(packages_, d);
     for (const Group& group : groups) {
         struct stat info {};
         if (!group.downloads.empty() &&

@@ -63,10 +63,14 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
         for (const char* name : {kSourceCatalogName, kIndexName}) {
             std::string text, error;
             const std::string address = JoinAddress(candidate.address, name);
-            const ZOVRELAY_Status status = FetchText(address, candidate.settings, text, 64u << 20, &error);
+            bool transient = false;
+            const ZOVRELAY_Status status = FetchText(address, candidate.settings, text, 64u << 20, &error, &transient);
             if (status == kOutOfMemory) return status;
             if (status <= 0) {
                 note(address, status, error);
+                // A repository's source.ini that is only unreachable for now must not make way for
+                // its server.ini, which names far less: the source is down, try the next.
+                if (transient) break;
                 continue;
             }
             std::optional<Catalog> catalog = ParseCatalog(text, &error);

@@ -166,9 +166,9 @@ std::string JoinAddress(const std::string& address, const std::string& relative)
 }
 
 ZOVRELAY_Status Fetch(const std::string& address, const TransferSettings& settings, ChunkSink& sink,
-                      std::string* error) {
+                      std::string* error, Attempt* attempt) {
     if (StartsWithNoCase(address, "http://") || StartsWithNoCase(address, "https://"))
-        return FetchHttp(address, settings, sink, error);
+        return FetchHttp(address, settings, sink, error, attempt);
     std::string path;
     if (!LocalPath(address, path, error))
         return address.find("://") != std::string::npos && !StartsWithNoCase(address, "file://") ? kUnsupportedAddress
@@ -177,10 +177,21 @@ ZOVRELAY_Status Fetch(const std::string& address, const TransferSettings& settin
 }
 
 ZOVRELAY_Status FetchText(const std::string& address, const TransferSettings& settings, std::string& text,
-                          size_t limit, std::string* error) {
-    text.clear();
-    TextSink sink(text, limit);
-    const ZOVRELAY_Status status = Fetch(address, settings, sink, error);
+                          size_t limit, std::string* error, bool* transient) {
+    constexpr int kAttempts = 5;
+    constexpr long kRetryAfterCap = 30;
+    ZOVRELAY_Status status = kSuccess;
+    Attempt attempt;
+    for (int tries = 1;; ++tries) {
+        text.clear();
+        TextSink sink(text, limit);
+        attempt = Attempt{};
+        status = Fetch(address, settings, sink, error, &attempt);
+        if (status > 0 || !attempt.transient || tries == kAttempts) break;
+        const long pause = attempt.retryAfter >= 0 ? std::min(attempt.retryAfter, kRetryAfterCap) : 1L << (tries - 1);
+        std::this_thread::sleep_for(std::chrono::seconds(pause));
+    }
+    if (transient != nullptr) *transient = status <= 0 && attempt.transient;
     if (status == kInvalidCatalog) SetError(error, "larger than " + std::to_string(limit) + " bytes");
     if (status <= 0) text.clear();
     return status;

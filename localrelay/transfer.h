@@ -58,16 +58,25 @@ std::string JoinAddress(const std::string& address, const std::string& relative)
 // connection failed, certificate or proxy refused...); -19 for an address of another kind
 // (ftp://...); -5 for a local file that cannot be read; the sink's stopStatus when it stopped the
 // transfer; -10 for local read errors after the file was opened. `error` gets a one-line reason.
+// `transient` (when given) says whether another attempt may cure a failure (see IsTransient), and
+// `retryAfter` the seconds an HTTP server asked to wait before it (-1 when it did not say).
+struct Attempt {
+    bool transient = false;
+    long retryAfter = -1;
+};
 ZOVRELAY_Status Fetch(const std::string& address, const TransferSettings& settings, ChunkSink& sink,
-                      std::string* error = nullptr);
+                      std::string* error = nullptr, Attempt* attempt = nullptr);
 
-// Reads a small file (a catalog) whole; more than `limit` bytes answers -11 "invalid catalog".
+// Reads a small file (a catalog) whole; more than `limit` bytes answers -11 "invalid catalog". A
+// transient failure is tried again from the start, as packages are: five attempts, pausing 1, 2, 4
+// and 8 s between them, or what the server asks with Retry-After up to 30 s. `transient` tells
+// whether the final failure was still one that might pass.
 ZOVRELAY_Status FetchText(const std::string& address, const TransferSettings& settings, std::string& text,
-                          size_t limit = 64u << 20, std::string* error = nullptr);
+                          size_t limit = 64u << 20, std::string* error = nullptr, bool* transient = nullptr);
 
 // Fetch for http:// and https:// addresses (libcurl), with the same contract as Fetch.
 ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settings, ChunkSink& sink,
-                          std::string* error);
+                          std::string* error, Attempt* attempt = nullptr);
 
 }  // namespace localrelay
 

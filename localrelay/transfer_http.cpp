@@ -239,7 +239,7 @@ ZOVRELAY_Status SetCommonOptions(CURL* curl, const TransferSettings& settings, c
 }
 
 ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settings, ChunkSink& sink,
-                          std::string* error) {
+                          std::string* error, Attempt* attempt) {
     if (!CurlReady()) return Unreachable(error, "libcurl could not be initialised");
     std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init(), curl_easy_cleanup);
     if (!handle) return kOutOfMemory;
@@ -293,6 +293,13 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
     const Failure failure = FromCurl(refused ? CURLE_HTTP_RETURNED_ERROR : result, code, connect, proxyError,
                                      settings.proxy.used && !settings.proxy.user.empty(), curlError);
     if (error != nullptr) *error = failure.reason;
+    if (attempt != nullptr) {
+        attempt->transient = IsTransient(failure.status, code);
+        // libcurl answers 0 both for "Retry-After: 0" and for no such header: either way the
+        // usual pauses apply, so a busy server is not asked again at once.
+        curl_off_t wait = 0;
+        if (curl_easy_getinfo(curl, CURLINFO_RETRY_AFTER, &wait) == CURLE_OK && wait > 0) attempt->retryAfter = long(wait);
+    }
     return failure.status;
 }
 

@@ -39,7 +39,7 @@ expect "$out" '^exported kerno_english 1.01.1 into ' 2
 expect "$out" '^clean-up: server.ini reset, 5 per-version archives removed$' 1
 expect "$out" '^clean-up: server.ini reset, 0 per-version archives removed$' 1  # none rebuilt for nothing
 expect "$out" '^  c3t4l1p-1r-1o-1_merged.zip  *5.5 KiB$' 2
-expect "$out" '^mirror: listing http://127.0.0.1:[0-9]* failed: cannot connect: http://127.0.0.1:[0-9]*/server.ini (status -14)$' 1
+expect "$out" '^mirror: listing http://127.0.0.1:[0-9]* failed: cannot connect: http://127.0.0.1:[0-9]*/source.ini (status -14)$' 1
 expect "$out" '^(exit status 3)$' 1
 [ "$(ls "$tmp/demo/export")" = c3t4l1p-1r-1o-1-1.100.1.0.zip ] || fail "export: $(ls "$tmp/demo/export")"
 source=$tmp/demo/source

@@ -154,6 +154,20 @@ TEST_F(Network, RetriesWhatIsTransientAndNothingElse) {
     }
 }
 
+// Catalogs are fetched whole, with the same rule: what is transient is tried again.
+TEST_F(Network, CatalogFetchRetriesWhatIsTransient) {
+    WriteFile(Path("www/server.ini"), std::string(100000, 'c'));
+    const struct { const char* fault; ZOVRELAY_Status status; size_t requests; } cases[] = {
+        {"busy", kSuccess, 2}, {"drop", kSuccess, 2}, {"gone", kHttpError, 1}};
+    for (const auto& c : cases) {
+        std::string text;
+        fs::remove(Path("log"));
+        EXPECT_EQ(FetchText("http://127.0.0.1:" + std::to_string(port) + "/" + c.fault + "/server.ini", settings, text), c.status);
+        EXPECT_EQ(Log().size(), c.requests) << c.fault;
+        EXPECT_EQ(text.size(), c.status > 0 ? 100000u : 0u) << c.fault;
+    }
+}
+
 // A cancelled run stops every transfer at once and keeps what arrived; the next run asks only for
 // the rest, and a server that ignores ranges has the package fetched whole.
 TEST_F(Network, CancelKeepsPartsThatTheNextRunContinues) {

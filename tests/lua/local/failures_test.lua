@@ -101,7 +101,7 @@ describe("a failure", function()
       {{}, http, {}, -12, "^HTTP 404 for pattern/c3t110l2p%-1r%-1o%-1%-1%.400%.1%.0%.zip$",
        {"^pattern/c3t110l2p%-1r%-1o%-1%-1%.400%.1%.0%.zip: HTTP 404$", "^pattern/c3t210l2p%-1r%-1o%-1%-1%.400%.1%.0%.zip: "}},
       {{}, "http://nonexistent.invalid/", {}, -13, "^host name not resolved: http://nonexistent.invalid/server.ini$"},
-      {{}, closed, {}, -14, "^cannot connect: " .. closed:gsub("%p", "%%%0") .. "/server.ini$"},
+      {{}, closed, {}, -14, "^cannot connect: " .. closed:gsub("%p", "%%%0") .. "/source.ini$"},  -- retried, then not passed over
       {{}, https, {httpslevel = 2}, -15, "^certificate refused: https://127.0.0.1:%d+/server.ini$"},
       {{}, {{url = http, proxy = {host = "127.0.0.1", port = ports[5], user = "user", password = "wrong"}}}, {}, -16,
        "^proxy refused the credentials: http://127%.0%.0%..*/server%.ini$"},

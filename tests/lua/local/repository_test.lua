@@ -83,6 +83,31 @@ describe("a repository", function()
     end
   end)
 
+  it("stores each version once with buildpatch where the file system shares blocks", function()
+    local image, mount, large = work .. "/xfs.img", work .. "/xfs", work .. "/large"
+    local pipe = io.popen(string.format("(truncate -s 320M %s && mkfs.xfs -q %s && mkdir %s && mount -o loop %s %s) 2>&1",
+                                        image, image, mount, image, mount))
+    local out, mounted = pipe:read("*a"), pipe:close()
+    if not mounted then return pending("no XFS loop mount here (needs root and xfsprogs): " .. out) end
+    finally(function() os.execute("umount " .. mount .. "; rm -f " .. image) end)
+    local function used()  -- bytes, once delayed allocation is settled
+      assert(os.execute("sync -f " .. mount))
+      local df = io.popen("stat -f -c '%S %b %f' " .. mount)
+      local size, blocks, free = df:read("*n", "*n", "*n")
+      df:close()
+      return size * (blocks - free)
+    end
+    local before, held = used(), 0
+    for seed = 1, 2 do  -- two versions at once, then a third: packages are shared, then copies kept shared
+      e.makeSource(large, {products = 1, components = 1, size = 1048576, versions = 3 - seed, seed = seed})
+      assert(update.patterns(mount .. "/repository", {}, large, {buildpatch = true, ke = true, maxmerge = 2}))
+      held = held + (3 - seed) * 1048576
+    end
+    -- Merged and per-version archives of every version, and the second night's copies of the first.
+    assert.are.equal(3, #e.archives(mount .. "/repository", "version"))
+    assert.is_true(used() - before < held * 1.1, "stored " .. (used() - before) .. " bytes for " .. held)
+  end)
+
   it("lists itself from a handler of a mirror running on it: readers never wait", function()
     local path, inner = repository(), nil
     local options = {download = function() inner = {update.list(path, {})} end}
