@@ -138,12 +138,13 @@ const CachedArchive* HeldCache::Find(int packages, const std::string& name) {
             return &entry;
         }
     }
+    const int64_t read = int64_t(std::time(nullptr));  // before the reading: never later than what it saw
     const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages, name);
     if (archive == nullptr) {
         Forget(name);
         return nullptr;
     }
-    CachedArchive entry{archive->file(), int64_t(std::time(nullptr)), archive->manifest(), {}, true};
+    CachedArchive entry{archive->file(), read, archive->manifest(), {}, true};
     // The layout is read from the same file; one renamed over it meanwhile is never recorded.
     const FileDescriptor fd(OpenFileAt(packages, name));
     const std::optional<std::map<std::string, EntryRange>> ranges = fd.get() >= 0 ? ReadEntryRanges(fd.get()) : std::nullopt;
