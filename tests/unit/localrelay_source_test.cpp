@@ -87,10 +87,12 @@ TEST_F(Source, DamageIsFoundAndHealed) {
         if (keepTimes) futimens(fd, times);
         close(fd);
     };
-    const struct { const char* what; bool keepTimes; bool ageRecord; bool healed; } cases[] = {
-        {"a changed archive", false, false, true},
-        {"an unchanged-looking archive verified recently", true, false, false},
-        {"an unchanged-looking archive verified a week ago", true, true, true},
+    const struct { const char* what; bool keepTimes; bool ageRecord; bool healed; uint64_t release; } cases[] = {
+        {"a changed archive", false, false, true, 0},
+        {"an unchanged-looking archive verified recently", true, false, false, 0},
+        {"an unchanged-looking archive verified a week ago", true, true, true, 0},
+        // Rewritten for a new release: the held versions copied into the new archive are checked.
+        {"an unchanged-looking archive rewritten", true, false, true, 3},
     };
     for (const auto& c : cases) {
         Context context(central);
@@ -108,12 +110,16 @@ TEST_F(Source, DamageIsFoundAndHealed) {
             WriteFile(central + "/.verified", aged);
         }
         recorder.events.clear();
+        if (c.release != 0) MakeSource("source", c.release);
         EXPECT_EQ(mirror(), kSuccess) << c.what;
-        EXPECT_EQ(recorder.Count(ZOVRELAY_EVENT_DOWNLOADBEGIN), c.healed ? 1u : 0u) << c.what;
+        if (c.release == 0) {
+            EXPECT_EQ(recorder.Count(ZOVRELAY_EVENT_DOWNLOADBEGIN), c.healed ? 1u : 0u) << c.what;
+        }
         EXPECT_EQ(CheckRepository(central).empty(), c.healed) << c.what;
         if (!c.healed) flip(false);  // undo, so the next case starts sound
     }
     // A per-version archive is checked the same way and written again from its merged archive.
+    MakeSource("source", 2);
     Context context(Path("repo"));
     ZOVRELAY_SetOption(context.handle, 9, 1);
     const Request request = Request().Source(Path("source")).Product(kProduct0);
