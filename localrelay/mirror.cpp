@@ -163,6 +163,8 @@ public:
     ZOVRELAY_Status Run(const Plan& plan);
     const std::map<Identity, Manifest>& held() const { return final_; }
     const std::vector<std::string>& leaving() const { return leaving_; }
+    const ServedCatalog& served() const { return served_; }
+    bool servedExact() const { return servedExact_; }
 
 private:
     struct Group {
@@ -226,6 +228,7 @@ private:
     int64_t now_;
     std::map<Identity, Manifest> final_;
     ServedCatalog served_;  // what source.ini says now
+    bool servedExact_ = true;  // served_ is what the repository holds: no write failed half-way
     std::vector<std::string> leaving_;
     ZOVRELAY_Status failure_ = kSuccess;
     std::vector<localrelay::Download> downloads_;
@@ -397,6 +400,7 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
         }
         if (status <= 0) {
             const Failure cause = FromErrno(errno);
+            servedExact_ = false;
             if (!built.empty()) ::unlinkat(packages_, built.c_str(), 0);
             if (status == kIoError && RepositoryFailure(cause.status)) status = cause.status;
             const std::string reason = status == cause.status ? cause.reason : "cannot write";
@@ -603,6 +607,7 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
             leaving_.push_back(archives[i].second);
     }
     ZOVRELAY_Status status = Download(stored);
+    if (status <= 0) servedExact_ = false;
     for (const Group& group : stored) cache_.Forget(MergedArchiveName(group.identity));  // perhaps rewritten
     if (status > 0) {
         // Parts of packages this run still wants stay for the next run to continue; others go.
@@ -747,7 +752,7 @@ ZOVRELAY_Status Mirrorer::CheckSpace(const std::vector<Group>& groups) const {
 ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
                        std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log,
-                       Alternates* alternates, HeldCache* cache) {
+                       Alternates* alternates, HeldCache* cache, std::optional<ServedCatalog>* held) {
     Plan plan;
     ZOVRELAY_Status status = MakePlan(source.catalog, products, count, plan);
     if (status <= 0) return status;
@@ -755,6 +760,7 @@ ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, con
     Mirrorer mirrorer(repository, options, events, source, log, alternates, cache);
     status = mirrorer.Run(plan);
     leaving = mirrorer.leaving();
+    if (held != nullptr && mirrorer.servedExact()) *held = mirrorer.served();
     if (status <= 0) return status;
 
     for (const auto& [index, wanted] : plan.perProduct) {

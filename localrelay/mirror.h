@@ -8,9 +8,11 @@
 #include "heldcache.h"
 #include "options.h"
 #include "records.h"
+#include "repository.h"
 #include "runlog.h"
 #include "sources.h"
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -23,11 +25,13 @@ namespace localrelay {
 // also reported by an event.
 // `leaving` gets the per-version archives beyond keepcount: the caller removes them once the
 // index no longer names them. `cache`, when given, is what the caller knows of the merged archives
-// (kept up to date here).
+// (kept up to date here). `held`, when given, gets what the repository holds after the run, as
+// source.ini lists it, unless a write failed half-way (then the caller reads the archives again).
 ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
                        std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log = nullptr,
-                       Alternates* alternates = nullptr, HeldCache* cache = nullptr);
+                       Alternates* alternates = nullptr, HeldCache* cache = nullptr,
+                       std::optional<ServedCatalog>* held = nullptr);
 
 }  // namespace localrelay
 

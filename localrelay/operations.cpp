@@ -112,11 +112,11 @@ ZOVRELAY_Status Export(const Operation& operation, const std::string& destinatio
 
 // Leaves the run report and metrics for an operation that ends with `status`.
 void Report(const Operation& operation, const RunLog& log, RunSummary summary, ZOVRELAY_Status status,
-            const std::map<Identity, Manifest>& held) {
+            const ServedCatalog& held) {
     summary.ended = std::chrono::system_clock::now();
     summary.status = status;
     summary.message = MessageFor(status);
-    for (const auto& [identity, manifest] : held) summary.heldVersions += manifest.versions.size();
+    for (const auto& [identity, component] : held) summary.heldVersions += component.manifest.versions.size();
     WriteRunReport(operation.root(), operation.repository().path, log, summary);
 }
 
@@ -153,7 +153,8 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
             // The filtered mirrors begin by listing the source: a mirror job that fails there is
             // on record too. A listing that succeeds leaves the last run's report alone.
             // Readers take no lock; the report is written under it, or not at all while a writer runs.
-            if (status <= 0 && operation.Lock() > 0) Report(operation, log, summary, status, ReadHeld(operation.packages()));
+            if (status <= 0 && operation.Lock() > 0)
+                Report(operation, log, summary, status, ServedOf(operation.packages(), ReadHeld(operation.packages())));
         }
         return status > 0 ? HandOut(listed, information) : status;
     });
@@ -178,6 +179,7 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
         RunSummary summary;
         summary.started = std::chrono::system_clock::now();
         HeldCache cache = HeldCache::Read(operation.root());
+        std::optional<ServedCatalog> mirrored;  // what the repository holds after the mirror
         if (productCount > 0) {
             Pool pool;  // the catalog's connection serves the packages too
             LoadedSource source;
@@ -186,13 +188,15 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
             Alternates alternates(sources, sourceCount, served, operation.options(), &pool);
             if (status > 0)
                 status = Mirror(operation.repository(), operation.options(), operation.events(), source, products,
-                                productCount, result, leaving, &log, &alternates, &cache);
+                                productCount, result, leaving, &log, &alternates, &cache, &mirrored);
         }
         // The catalogs follow the archives whatever happened: what was stored before a failure
         // stays. Per-version archives beyond keepcount go only once the index no longer names them.
-        const std::map<Identity, Manifest> held = ReadHeld(operation.packages(), &cache);
+        // What the mirror knows it left, or else what the archives say.
+        if (!mirrored) mirrored = ServedOf(operation.packages(), ReadHeld(operation.packages(), &cache), &cache);
+        const ServedCatalog& held = *mirrored;
         const ZOVRELAY_Status indexed = WriteCatalogs(operation.root(), operation.packages(), held,
-                                                      std::set<std::string>(leaving.begin(), leaving.end()), &cache);
+                                                      std::set<std::string>(leaving.begin(), leaving.end()));
         cache.Write(operation.root());  // without it the next run reads the archives again: no harm
         if (status > 0 && indexed <= 0) status = indexed;
         if (indexed > 0 && status != kCancelled) {

@@ -88,11 +88,17 @@ Json Report(const std::string& repository, const RunLog& log, const RunSummary& 
                            {"reason", source.reason}});
     Json packages = Json::array();
     uint64_t bytes = 0;
-    size_t downloaded = 0, failed = 0;
+    size_t downloaded = 0, failed = 0, held = 0;
     for (const PackageOutcome& package : log.packages) {
         bytes += package.bytes;
         if (package.status <= 0) ++failed;
         else if (package.action == "download") ++downloaded;
+        // Packages held already are only counted: a nightly run over a large repository would
+        // otherwise write (and a reader wade through) a line for every package it did not touch.
+        if (package.status > 0 && package.action == "held") {
+            ++held;
+            continue;
+        }
         packages.push_back({{"path", package.path},
                             {"identity", package.identity},
                             {"version", package.version},
@@ -105,7 +111,7 @@ Json Report(const std::string& repository, const RunLog& log, const RunSummary& 
                             {"status", package.status},
                             {"reason", package.reason}});
     }
-    return Json{{"format", 1},
+    return Json{{"format", 2},
                 {"repository", repository},
                 {"started", IsoTime(summary.started)},
                 {"ended", IsoTime(summary.ended)},
@@ -120,6 +126,7 @@ Json Report(const std::string& repository, const RunLog& log, const RunSummary& 
                  {{"packages", log.packages.size()},
                   {"downloaded", downloaded},
                   {"failed", failed},
+                  {"held", held},
                   {"bytes", bytes},
                   {"held_versions", summary.heldVersions}}}};
 }

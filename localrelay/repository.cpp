@@ -182,13 +182,18 @@ std::string FormatSourceCatalog(const ServedCatalog& served) {
 
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
                               const std::set<std::string>& leaving, HeldCache* cache) {
-    ZOVRELAY_Status status =
-        WriteChangedFileAt(root, kSourceCatalogName, FormatSourceCatalog(ServedOf(packages, held, cache)));
+    return WriteCatalogs(root, packages, ServedOf(packages, held, cache), leaving);
+}
+
+ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving) {
+    ZOVRELAY_Status status = WriteChangedFileAt(root, kSourceCatalogName, FormatSourceCatalog(served));
     if (status <= 0) return status;
     Catalog index;
     std::vector<const Manifest*> manifests;
     const std::set<std::string> present = NamesIn(packages);  // one listing, not a lookup per component
-    for (const auto& [identity, manifest] : held) {
+    for (const auto& [identity, component] : served) {
+        const Manifest& manifest = component.manifest;
+        if (manifest.versions.empty()) continue;
         manifests.push_back(&manifest);
         const HeldVersion& newest = manifest.versions.front();
         const std::string file = VersionArchiveName(identity, newest.version);

@@ -60,6 +60,7 @@ std::string FormatSourceCatalog(const ServedCatalog& served);
 // component's newest version by its per-version archive, only where that file exists with the
 // right size and is not in `leaving` (about to be pruned), with every recorded product. A catalog
 // whose text would not change is left alone.
+ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving);
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
                               const std::set<std::string>& leaving = {}, HeldCache* cache = nullptr);
 

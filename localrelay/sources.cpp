@@ -60,11 +60,25 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
             refusal = Failure{status, reason};
             refusedAt = address;
         };
+        // Over HTTP both catalogs are asked for at once: a source that is no repository of ours
+        // answers source.ini with 404, and asking in turn cost a round trip every run. The
+        // server.ini request stops as soon as source.ini is coming.
+        const std::vector<std::string> addresses{JoinAddress(candidate.address, kSourceCatalogName),
+                                                 JoinAddress(candidate.address, kIndexName)};
+        std::vector<std::string> texts(2);
+        std::vector<Fetched> first;
+        if (IsHttpAddress(candidate.address)) FetchFirstText(addresses, candidate.settings, texts, first);
         for (const char* name : {kSourceCatalogName, kIndexName}) {
+            const size_t k = name == kSourceCatalogName ? 0 : 1;
             std::string text, error;
-            const std::string address = JoinAddress(candidate.address, name);
+            const std::string& address = addresses[k];
             bool transient = false;
-            const ZOVRELAY_Status status = FetchText(address, candidate.settings, text, 64u << 20, &error, &transient);
+            ZOVRELAY_Status status;
+            if (first.empty() || first[k].stopped || (first[k].status <= 0 && first[k].attempt.transient)) {
+                status = FetchText(address, candidate.settings, text, 64u << 20, &error, &transient);
+            } else {
+                status = first[k].status, error = first[k].error, text = std::move(texts[k]);
+            }
             if (status == kOutOfMemory) return status;
             if (status <= 0) {
                 note(address, status, error);

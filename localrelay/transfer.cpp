@@ -10,6 +10,7 @@
 #include <chrono>
 #include <cstring>
 #include <thread>
+#include <memory>
 #include <vector>
 
 namespace localrelay {
@@ -174,6 +175,22 @@ ZOVRELAY_Status Fetch(const std::string& address, const TransferSettings& settin
         return address.find("://") != std::string::npos && !StartsWithNoCase(address, "file://") ? kUnsupportedAddress
                                                                                                    : kNoSourceReachable;
     return FetchLocal(path, settings, sink, error);
+}
+
+void FetchFirstText(const std::vector<std::string>& urls, const TransferSettings& settings,
+                    std::vector<std::string>& texts, std::vector<Fetched>& outcomes, size_t limit) {
+    texts.assign(urls.size(), std::string());
+    std::vector<std::unique_ptr<TextSink>> sinks;
+    std::vector<ChunkSink*> pointers;
+    for (std::string& text : texts) {
+        sinks.push_back(std::make_unique<TextSink>(text, limit));
+        pointers.push_back(sinks.back().get());
+    }
+    FetchFirstHttp(urls, settings, pointers, outcomes);
+    for (size_t i = 0; i < urls.size(); ++i) {
+        if (outcomes[i].status == kInvalidCatalog) outcomes[i].error = "larger than " + std::to_string(limit) + " bytes";
+        if (outcomes[i].status <= 0) texts[i].clear();
+    }
 }
 
 ZOVRELAY_Status FetchText(const std::string& address, const TransferSettings& settings, std::string& text,

@@ -7,6 +7,7 @@
 #include <stdint.h>
 
 #include <string>
+#include <vector>
 
 #include "status.h"
 
@@ -73,6 +74,24 @@ ZOVRELAY_Status Fetch(const std::string& address, const TransferSettings& settin
 // whether the final failure was still one that might pass.
 ZOVRELAY_Status FetchText(const std::string& address, const TransferSettings& settings, std::string& text,
                           size_t limit = 64u << 20, std::string* error = nullptr, bool* transient = nullptr);
+
+// How one of several requests went.
+struct Fetched {
+    ZOVRELAY_Status status = kNoSourceReachable;
+    std::string error;
+    Attempt attempt;
+    bool stopped = false;  // not needed after all: an earlier one answered
+};
+
+// Asks for every address at once (HTTP, over the settings' pool), the bodies going to `sinks`, and
+// stops the later requests as soon as an earlier one answers 2xx: what a caller would try in turn,
+// without a round trip for each. One attempt each.
+void FetchFirstHttp(const std::vector<std::string>& urls, const TransferSettings& settings,
+                    const std::vector<ChunkSink*>& sinks, std::vector<Fetched>& outcomes);
+
+// FetchFirstHttp for small files read whole, as FetchText reads one (without its retries).
+void FetchFirstText(const std::vector<std::string>& urls, const TransferSettings& settings,
+                    std::vector<std::string>& texts, std::vector<Fetched>& outcomes, size_t limit = 64u << 20);
 
 // Fetch for http:// and https:// addresses (libcurl), with the same contract as Fetch.
 ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settings, ChunkSink& sink,

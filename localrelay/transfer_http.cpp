@@ -89,11 +89,14 @@ struct Transfer {
     bool statusChecked = false;
     bool partial = false;    // a byte range was asked for: only 206 brings it
     long refusedStatus = 0;  // a final response that is not 2xx
+    size_t swallowed = 0;    // of an error page's body
     bool sinkStopped = false;
     std::exception_ptr failure;  // thrown by the sink; must not unwind through libcurl's C frames
 };
 
 bool IsSuccess(long code) { return code >= 200 && code <= 299; }
+
+constexpr size_t kErrorBodyLimit = 64 * 1024;
 
 size_t Receive(char* data, size_t, size_t size, void* user) noexcept {
     Transfer& transfer = *static_cast<Transfer*>(user);
@@ -105,7 +108,12 @@ size_t Receive(char* data, size_t, size_t size, void* user) noexcept {
         // A range asked for must come as one: a whole file from a server ignoring Range is refused.
         if (!IsSuccess(code) || (transfer.partial && code != 206)) {
             transfer.refusedStatus = code;
-            return 0;
+            // A short error page is read and dropped, so that the connection stays for the next
+            // request (a 404 for source.ini is what every source that is no repository answers).
+            // Anything else (a whole file where a range was asked) ends the transfer.
+            if (IsSuccess(code) || transfer.swallowed + size > kErrorBodyLimit) return 0;
+            transfer.swallowed += size;
+            return size;
         }
         transfer.statusChecked = true;
     }
@@ -238,28 +246,33 @@ ZOVRELAY_Status SetCommonOptions(CURL* curl, const TransferSettings& settings, c
     return kSuccess;
 }
 
-ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settings, ChunkSink& sink,
-                          std::string* error, Attempt* attempt) {
-    if (!CurlReady()) return Unreachable(error, "libcurl could not be initialised");
-    std::unique_ptr<CURL, void (*)(CURL*)> handle(curl_easy_init(), curl_easy_cleanup);
-    if (!handle) return kOutOfMemory;
-    CURL* curl = handle.get();
+namespace {
 
-    Transfer transfer(curl, sink, settings.maxBandwidth);
-    const std::string range = settings.length > 0 ? std::to_string(settings.offset) + "-" +
-                                                        std::to_string(settings.offset + settings.length - 1)
-                                                  : std::string();
-    transfer.partial = !range.empty();
+// One request: set up, run (alone, or beside others on a multi handle), concluded.
+struct Request {
+    Request(CURL* handle, ChunkSink& sink, const TransferSettings& settings)
+        : curl(handle, curl_easy_cleanup), transfer(handle, sink, settings.maxBandwidth) {}
+    std::unique_ptr<CURL, void (*)(CURL*)> curl;
+    Transfer transfer;
+    std::string range;
     char curlError[CURL_ERROR_SIZE] = "";
-    const ZOVRELAY_Status common = SetCommonOptions(curl, settings, curlError, error);
+};
+
+ZOVRELAY_Status Prepare(Request& request, const std::string& url, const TransferSettings& settings, std::string* error) {
+    CURL* curl = request.curl.get();
+    Transfer& transfer = request.transfer;
+    request.range = settings.length > 0 ? std::to_string(settings.offset) + "-" +
+                                              std::to_string(settings.offset + settings.length - 1)
+                                        : std::string();
+    transfer.partial = !request.range.empty();
+    const ZOVRELAY_Status common = SetCommonOptions(curl, settings, request.curlError, error);
     if (common <= 0) return common;
     Options options(curl);
     options.Set(CURLOPT_URL, url.c_str());
-    options.Set(CURLOPT_FAILONERROR, 1L);
     options.Set(CURLOPT_WRITEFUNCTION, static_cast<curl_write_callback>(&Receive));
     options.Set(CURLOPT_WRITEDATA, static_cast<void*>(&transfer));
     options.Set(CURLOPT_BUFFERSIZE, transfer.pacer.ChunkSize(kReceiveBufferSize));
-    if (!range.empty()) options.Set(CURLOPT_RANGE, range.c_str());
+    if (!request.range.empty()) options.Set(CURLOPT_RANGE, request.range.c_str());
     if (settings.maxBandwidth > 0) {
         constexpr int64_t kMaxKiB = std::numeric_limits<curl_off_t>::max() / 1024;
         const int64_t kib = settings.maxBandwidth < kMaxKiB ? settings.maxBandwidth : kMaxKiB;
@@ -269,13 +282,18 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
     if (options.Result() != CURLE_OK) {
         return Unreachable(error, std::string("libcurl refused a setting: ") + curl_easy_strerror(options.Result()));
     }
+    return kSuccess;
+}
 
-    const CURLcode result = curl_easy_perform(curl);
+ZOVRELAY_Status Conclude(Request& request, CURLcode result, const TransferSettings& settings, std::string* error,
+                         Attempt* attempt) {
+    CURL* curl = request.curl.get();
+    Transfer& transfer = request.transfer;
     if (transfer.failure) std::rethrow_exception(transfer.failure);
     if (result == CURLE_OK && !transfer.sinkStopped) transfer.sinkStopped = !transfer.Deliver(nullptr, 0);
     if (transfer.sinkStopped) {
-        if (error != nullptr) *error = sink.stopReason;
-        return sink.stopStatus;
+        if (error != nullptr) *error = transfer.sink.stopReason;
+        return transfer.sink.stopStatus;
     }
 
     long code = transfer.refusedStatus;
@@ -291,7 +309,7 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
     curl_easy_getinfo(curl, CURLINFO_PROXY_ERROR, &proxyError);
 #endif
     const Failure failure = FromCurl(refused ? CURLE_HTTP_RETURNED_ERROR : result, code, connect, proxyError,
-                                     settings.proxy.used && !settings.proxy.user.empty(), curlError);
+                                     settings.proxy.used && !settings.proxy.user.empty(), request.curlError);
     if (error != nullptr) *error = failure.reason;
     if (attempt != nullptr) {
         attempt->transient = IsTransient(failure.status, code);
@@ -301,6 +319,76 @@ ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settin
         if (curl_easy_getinfo(curl, CURLINFO_RETRY_AFTER, &wait) == CURLE_OK && wait > 0) attempt->retryAfter = long(wait);
     }
     return failure.status;
+}
+
+}  // namespace
+
+ZOVRELAY_Status FetchHttp(const std::string& url, const TransferSettings& settings, ChunkSink& sink,
+                          std::string* error, Attempt* attempt) {
+    if (!CurlReady()) return Unreachable(error, "libcurl could not be initialised");
+    CURL* curl = curl_easy_init();
+    if (curl == nullptr) return kOutOfMemory;
+    Request request(curl, sink, settings);
+    const ZOVRELAY_Status prepared = Prepare(request, url, settings, error);
+    if (prepared <= 0) return prepared;
+    return Conclude(request, curl_easy_perform(curl), settings, error, attempt);
+}
+
+void FetchFirstHttp(const std::vector<std::string>& urls, const TransferSettings& settings,
+                    const std::vector<ChunkSink*>& sinks, std::vector<Fetched>& outcomes) {
+    outcomes.assign(urls.size(), Fetched{});
+    if (!CurlReady()) {
+        for (Fetched& outcome : outcomes) outcome.status = Unreachable(&outcome.error, "libcurl could not be initialised");
+        return;
+    }
+    std::unique_ptr<CURLM, CURLMcode (*)(CURLM*)> multi(curl_multi_init(), curl_multi_cleanup);
+    std::vector<std::unique_ptr<Request>> requests;
+    std::vector<bool> running(urls.size(), false);
+    for (size_t i = 0; i < urls.size(); ++i) {
+        CURL* curl = curl_easy_init();
+        if (curl == nullptr || multi == nullptr) {
+            if (curl != nullptr) curl_easy_cleanup(curl);
+            outcomes[i].status = kOutOfMemory;
+            requests.emplace_back();
+            continue;
+        }
+        requests.push_back(std::make_unique<Request>(curl, *sinks[i], settings));
+        outcomes[i].status = Prepare(*requests[i], urls[i], settings, &outcomes[i].error);
+        running[i] = outcomes[i].status > 0 && curl_multi_add_handle(multi.get(), curl) == CURLM_OK;
+        if (outcomes[i].status > 0 && !running[i]) outcomes[i].status = kOutOfMemory;
+    }
+    for (int active = 1; active > 0;) {
+        if (curl_multi_perform(multi.get(), &active) != CURLM_OK) break;
+        int left = 0;
+        while (CURLMsg* message = curl_multi_info_read(multi.get(), &left)) {
+            if (message->msg != CURLMSG_DONE) continue;
+            for (size_t i = 0; i < requests.size(); ++i) {
+                if (!running[i] || requests[i]->curl.get() != message->easy_handle) continue;
+                curl_multi_remove_handle(multi.get(), message->easy_handle);
+                running[i] = false;
+                outcomes[i].status = Conclude(*requests[i], message->data.result, settings, &outcomes[i].error,
+                                              &outcomes[i].attempt);
+            }
+        }
+        // Once an earlier one is under way with a good answer, the later ones are not wanted.
+        for (size_t i = 0; i < requests.size(); ++i) {
+            const bool good = requests[i] != nullptr && (running[i] ? requests[i]->transfer.statusChecked : outcomes[i].status > 0);
+            if (!good) continue;
+            for (size_t j = i + 1; j < requests.size(); ++j) {
+                if (!running[j]) continue;
+                curl_multi_remove_handle(multi.get(), requests[j]->curl.get());
+                running[j] = false;
+                outcomes[j].stopped = true;
+            }
+            break;
+        }
+        if (active > 0 && curl_multi_poll(multi.get(), nullptr, 0, 1000, nullptr) != CURLM_OK) break;
+    }
+    for (size_t i = 0; i < requests.size(); ++i)
+        if (running[i]) {
+            curl_multi_remove_handle(multi.get(), requests[i]->curl.get());
+            outcomes[i].status = kOutOfMemory;
+        }
 }
 
 }  // namespace localrelay

@@ -28,7 +28,7 @@ local SHAPE = {format = "number", repository = "string", started = "string", end
                status = "number", message = "string", last_success = "string|null", served_by = "string|null",
                sources = {{address = "string", served = "boolean", status = "number", reason = "string"}},
                packages = {ITEM},
-               totals = {packages = "number", downloaded = "number", failed = "number", bytes = "number",
+               totals = {packages = "number", downloaded = "number", failed = "number", held = "number", bytes = "number",
                          held_versions = "number"}}
 
 local function conforms(value, shape, where)
