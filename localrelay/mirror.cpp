@@ -576,7 +576,7 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
         if (added) groups.push_back(Group{identity, {}, {}, {}, {}, false});
         groups[at->second].wanted.push_back(&wanted);
     }
-    served_ = ServedOf(packages_, ReadHeld(packages_, &cache_), &cache_);
+    served_ = ReadServed(packages_, cache_);
     uint64_t planned = 0;
     for (Group& group : groups) {
         Decide(group);
@@ -588,8 +588,8 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
                 std::find(downloads.begin(), downloads.end(), &component) != downloads.end())
                 continue;
             const auto& skip = group.skipped;
-            const bool skipped = std::find(skip.begin(), skip.end(), &component) != skip.end();
-            log_->packages.push_back(Outcome(component, skipped ? "skip" : "held"));
+            if (std::find(skip.begin(), skip.end(), &component) != skip.end()) log_->packages.push_back(Outcome(component, "skip"));
+            else ++log_->held;
         }
     }
     if (!events_.Raise(ZOVRELAY_EVENT_DOWNLOAD, source_.address, planned, 0)) return kCancelled;

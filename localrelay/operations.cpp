@@ -193,7 +193,7 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
         // The catalogs follow the archives whatever happened: what was stored before a failure
         // stays. Per-version archives beyond keepcount go only once the index no longer names them.
         // What the mirror knows it left, or else what the archives say.
-        if (!mirrored) mirrored = ServedOf(operation.packages(), ReadHeld(operation.packages(), &cache), &cache);
+        if (!mirrored) mirrored = ReadServed(operation.packages(), cache);
         const ServedCatalog& held = *mirrored;
         const ZOVRELAY_Status indexed = WriteCatalogs(operation.root(), operation.packages(), held,
                                                       std::set<std::string>(leaving.begin(), leaving.end()));

@@ -88,17 +88,14 @@ Json Report(const std::string& repository, const RunLog& log, const RunSummary& 
                            {"reason", source.reason}});
     Json packages = Json::array();
     uint64_t bytes = 0;
-    size_t downloaded = 0, failed = 0, held = 0;
+    size_t downloaded = 0, failed = 0;
+    // Packages held already are only counted (by the mirror): a nightly run over a large
+    // repository would otherwise write (and a reader wade through) a line for every package it
+    // did not touch.
     for (const PackageOutcome& package : log.packages) {
         bytes += package.bytes;
         if (package.status <= 0) ++failed;
         else if (package.action == "download") ++downloaded;
-        // Packages held already are only counted: a nightly run over a large repository would
-        // otherwise write (and a reader wade through) a line for every package it did not touch.
-        if (package.status > 0 && package.action == "held") {
-            ++held;
-            continue;
-        }
         packages.push_back({{"path", package.path},
                             {"identity", package.identity},
                             {"version", package.version},
@@ -123,10 +120,10 @@ Json Report(const std::string& repository, const RunLog& log, const RunSummary& 
                 {"served_by", log.servedBy.empty() ? Json() : Json(log.servedBy)},
                 {"packages", packages},
                 {"totals",
-                 {{"packages", log.packages.size()},
+                 {{"packages", log.packages.size() + log.held},
                   {"downloaded", downloaded},
                   {"failed", failed},
-                  {"held", held},
+                  {"held", log.held},
                   {"bytes", bytes},
                   {"held_versions", summary.heldVersions}}}};
 }

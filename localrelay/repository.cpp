@@ -124,8 +124,25 @@ std::map<Identity, Manifest> ReadHeld(int packages, HeldCache* cache) {
     return held;
 }
 
-ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache) {
+namespace {
+
+ServedComponent ServedFrom(const Manifest& manifest, const std::map<std::string, EntryRange>* ranges,
+                           const std::string& merged) {
     ServedComponent served{manifest, {}};
+    if (ranges == nullptr) return served;  // an archive we cannot read the layout of serves nothing
+    served.versions.reserve(manifest.versions.size());
+    for (const HeldVersion& held : manifest.versions) {
+        const auto range = ranges->find(EntryName(held));
+        if (range == ranges->end() || !range->second.stored || range->second.size != held.size) continue;
+        served.versions.push_back(Component{manifest.section, manifest.identity, held.version, "packages/" + merged,
+                                            held.size, held.sha256, range->second.offset, held.path});
+    }
+    return served;
+}
+
+}  // namespace
+
+ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache) {
     const std::string merged = MergedArchiveName(manifest.identity);
     std::optional<std::map<std::string, EntryRange>> read;
     const std::map<std::string, EntryRange>* ranges = nullptr;
@@ -135,13 +152,20 @@ ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache)
         const FileDescriptor fd(OpenFileAt(packages, merged));
         if (fd.get() >= 0 && (read = ReadEntryRanges(fd.get()))) ranges = &*read;
     }
-    if (ranges == nullptr) return served;  // an archive we cannot read the layout of serves nothing
-    for (const HeldVersion& held : manifest.versions) {
-        const auto range = ranges->find(EntryName(held));
-        if (range == ranges->end() || !range->second.stored || range->second.size != held.size) continue;
-        served.versions.push_back(Component{manifest.section, manifest.identity, held.version, "packages/" + merged,
-                                            held.size, held.sha256, range->second.offset, held.path});
-    }
+    return ServedFrom(manifest, ranges, merged);
+}
+
+ServedCatalog ReadServed(int packages, HeldCache& cache) {
+    ServedCatalog served;
+    ForEachEntry(packages, [&](std::string_view name) {
+        if (!EndsWith(name, kMergedSuffix)) return;
+        const std::optional<Identity> identity = ParseIdentity(name.substr(0, name.size() - kMergedSuffix.size()));
+        if (!identity) return;
+        const std::string merged(name);
+        const CachedArchive* archive = cache.Find(packages, merged);
+        if (archive != nullptr && archive->manifest.identity == *identity && !archive->manifest.versions.empty())
+            served.emplace_hint(served.end(), *identity, ServedFrom(archive->manifest, &archive->ranges, merged));
+    });
     return served;
 }
 

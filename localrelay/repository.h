@@ -52,6 +52,8 @@ struct ServedComponent {
 };
 using ServedCatalog = std::map<Identity, ServedComponent>;
 ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache = nullptr);
+// ServedOf(ReadHeld) in one pass over the archives the cache knows (or reads).
+ServedCatalog ReadServed(int packages, HeldCache& cache);
 ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held, HeldCache* cache = nullptr);
 std::string FormatSourceCatalog(const ServedCatalog& served);
 

@@ -16,7 +16,7 @@ struct PackageOutcome {
     std::string identity;  // "c3t4l1p-1r-1o-1"
     std::string version;   // "16.1230.0.0"
     std::string source;    // the address that served it, or the last one tried
-    std::string action;    // "download", "heal" (a held copy no longer verified), "held" (nothing to do)
+    std::string action;    // "download", "heal" (a held copy no longer verified), "skip", "verify"
     uint64_t size = 0;     // the catalog's size
     uint64_t bytes = 0;    // bytes received from sources for it in this run
     double seconds = 0;
@@ -33,7 +33,8 @@ struct SourceAttempt {
 struct RunLog {
     std::vector<SourceAttempt> sourcesTried;  // in the order tried
     std::string servedBy;                     // the source whose catalog served the run
-    std::vector<PackageOutcome> packages;
+    std::vector<PackageOutcome> packages;  // those the run acted on
+    size_t held = 0;                        // packages of the plan held already: nothing to do
 };
 
 }  // namespace localrelay
