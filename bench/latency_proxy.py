@@ -8,6 +8,7 @@ this between the clients and a real server on 127.0.0.1.
 With COUNT_FILE, the bytes sent from the server to clients so far are written there after every
 chunk (for the resume benchmark)."""
 import asyncio
+import os
 import sys
 import time
 
@@ -32,9 +33,10 @@ async def pump(reader, writer, downstream):
             await writer.drain()
             if downstream:
                 delivered += len(data)
-                if count_file:
-                    with open(count_file, "w") as out:
+                if count_file:  # whole or not at all: the benchmark reads it while we run
+                    with open(count_file + ".new", "w") as out:
                         out.write(str(delivered))
+                    os.replace(count_file + ".new", count_file)
         writer.close()
 
     sender = asyncio.ensure_future(deliver())

@@ -163,7 +163,7 @@ public:
     ZOVRELAY_Status Run(const Plan& plan);
     const std::map<Identity, Manifest>& held() const { return final_; }
     const std::vector<std::string>& leaving() const { return leaving_; }
-    const ServedCatalog& served() const { return served_; }
+    ServedCatalog TakeServed() { return std::move(served_); }
     bool servedExact() const { return servedExact_; }
 
 private:
@@ -760,7 +760,7 @@ ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, con
     Mirrorer mirrorer(repository, options, events, source, log, alternates, cache);
     status = mirrorer.Run(plan);
     leaving = mirrorer.leaving();
-    if (held != nullptr && mirrorer.servedExact()) *held = mirrorer.served();
+    if (held != nullptr && mirrorer.servedExact()) *held = mirrorer.TakeServed();
     if (status <= 0) return status;
 
     for (const auto& [index, wanted] : plan.perProduct) {
