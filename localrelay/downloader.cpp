@@ -53,18 +53,6 @@ std::string ResumeName(const std::string& part) {
     return part.substr(0, part.size() - std::string(".part").size()) + ".resume.part";
 }
 
-// Opens an existing file of ours under the directory: a regular file with one link, else -1.
-int OpenOwn(int directory, const std::string& name, int flags) {
-    const int fd = ::openat(directory, name.c_str(), flags | O_NOFOLLOW | O_CLOEXEC);
-    if (fd < 0) return -1;
-    struct stat info {};
-    if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_nlink != 1) {
-        ::close(fd);
-        return -1;
-    }
-    return fd;
-}
-
 bool WriteAll(int fd, const char* data, size_t size, uint64_t at) {
     while (size > 0) {
         const ssize_t n = ::pwrite(fd, data, size, off_t(at));
@@ -88,7 +76,7 @@ struct Validators {
 
 // The validators of a part the next request may continue, when its record matches `d`.
 bool ReadResumeRecord(int directory, const Download& d, Validators& validators) {
-    const int fd = OpenOwn(directory, ResumeName(d.part), O_RDONLY);
+    const int fd = OpenOwnFileAt(directory, ResumeName(d.part), O_RDONLY);
     if (fd < 0) return false;
     char buffer[8192];
     const ssize_t got = ::read(fd, buffer, sizeof buffer);
@@ -275,7 +263,7 @@ ZOVRELAY_Status Engine::OpenPart(Job& job, bool resumable) {
     job.crc = 0;
     job.have = 0;
     if (resumable && ReadResumeRecord(directory_, d, job.validators)) {
-        job.fd = OpenOwn(directory_, d.part, O_RDWR);
+        job.fd = OpenOwnFileAt(directory_, d.part);
         struct stat info {};
         if (job.fd >= 0 && ::fstat(job.fd, &info) == 0 && uint64_t(info.st_size) >= d.headroom &&
             uint64_t(info.st_size) - d.headroom <= d.size) {

@@ -58,8 +58,8 @@ int OpenFileAt(int directory, const std::string& name) {
     return fd;
 }
 
-int OpenOwnFileAt(int directory, const std::string& name) {
-    const int fd = ::openat(directory, name.c_str(), O_RDWR | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
+int OpenOwnFileAt(int directory, const std::string& name, int flags) {
+    const int fd = ::openat(directory, name.c_str(), flags | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC);
     if (fd < 0) return -1;
     struct stat info {};
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode) || info.st_nlink != 1) {

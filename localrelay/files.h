@@ -8,6 +8,7 @@
 
 #include "zovrelay.h"
 
+#include <fcntl.h>
 #include <sys/types.h>
 
 #include <cstdint>
@@ -101,9 +102,10 @@ bool RemoveAt(int directory, const std::string& name);
 inline constexpr uint64_t kShareableBlock = 4096;
 ZOVRELAY_Status CopyRange(int from, uint64_t offset, uint64_t size, int to, uint64_t at);
 
-// Opens the file `name` under `directory` for reading and writing when it is ours to rewrite: a
-// regular file with no other link to it (-1 with errno set otherwise).
-int OpenOwnFileAt(int directory, const std::string& name);
+// Opens the file `name` under `directory` (O_RDWR unless `flags` say otherwise) when it is ours to
+// rewrite or continue: a regular file with no other link to it, never through a symbolic link
+// (-1 with errno set otherwise).
+int OpenOwnFileAt(int directory, const std::string& name, int flags = O_RDWR);
 
 // Random lower-case hexadecimal characters for temporary names.
 std::string RandomName(size_t length = 12);

@@ -291,8 +291,8 @@ void Mirrorer::Decide(Group& group) {
     if (group.settled) final_[group.identity] = *manifest;
 }
 
-// The manifest Store records when nothing new is stored: the section as the source lists it now,
-// the versions kept, and the selected products that contain a kept version.
+// The manifest Store records, given the versions held and stored now: the section as the source
+// lists it now, the newest versions kept, and the selected products that contain a kept version.
 Manifest Mirrorer::Updated(const Group& group, Manifest next) const {
     next.section = group.wanted.front()->component->section;
     SortNewestFirst(next.versions);
@@ -348,7 +348,6 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
     }
 
     Manifest next = manifest;
-    next.section = group.wanted.front()->component->section;  // as the source lists it now
     for (const Component* component : group.downloads) {
         if (fresh.count(component->version) == 0) continue;
         next.versions.erase(std::remove_if(next.versions.begin(), next.versions.end(),
@@ -357,19 +356,7 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
         next.versions.push_back(
             HeldVersion{component->version, component->PackagePath(), component->size, component->sha256});
     }
-    SortNewestFirst(next.versions);
-    if (next.versions.size() > options_.VersionsKept()) next.versions.resize(options_.VersionsKept());
-    for (const Wanted* wanted : group.wanted) {
-        if (Blacklisted(*wanted->component) || next.Find(wanted->component->version) == nullptr) continue;
-        for (const ProductRef& product : wanted->products) {
-            auto same = std::find_if(next.products.begin(), next.products.end(),
-                                     [&](const ProductRef& p) { return p.identity == product.identity; });
-            if (same == next.products.end()) next.products.push_back(product);
-            else if (same->version < product.version) same->version = product.version;
-        }
-    }
-    std::sort(next.products.begin(), next.products.end(),
-              [](const ProductRef& a, const ProductRef& b) { return a.identity < b.identity; });
+    next = Updated(group, std::move(next));
 
     std::map<Version, std::unique_ptr<TemporaryFile>> copies;  // per-version archives to be
     if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest) ||
