@@ -8,7 +8,6 @@
 #include "status.h"
 #include "zipwriter.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -791,29 +790,22 @@ bool IsResumablePart(int packagesDirectory, const std::string& name) {
     return false;
 }
 
-void RemoveUnplannedParts(int packagesDirectory, const std::vector<Download>& planned) {
+bool RemoveUnplannedParts(int packagesDirectory, const std::set<std::string>& names, const std::vector<Download>& planned) {
     std::set<std::string> keep;
     for (const Download& d : planned) {
         if (!d.keep) continue;
         keep.insert(d.part);
         keep.insert(ResumeName(d.part));
     }
-    const int listing = ::dup(packagesDirectory);
-    DIR* directory = listing >= 0 ? ::fdopendir(listing) : nullptr;
-    if (directory == nullptr) {
-        if (listing >= 0) ::close(listing);
-        return;
-    }
-    ::rewinddir(directory);
-    while (const dirent* entry = ::readdir(directory)) {
-        const std::string name = entry->d_name;
+    bool removed = false;
+    for (const std::string& name : names) {
         if (name.size() < 6 || name[0] != '.' || name.compare(name.size() - 5, 5, ".part") != 0 || keep.count(name))
             continue;
         struct stat info {};
         if (::fstatat(packagesDirectory, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode))
-            ::unlinkat(packagesDirectory, name.c_str(), 0);
+            removed |= ::unlinkat(packagesDirectory, name.c_str(), 0) == 0;
     }
-    ::closedir(directory);
+    return removed;
 }
 
 }  // namespace localrelay

@@ -9,6 +9,7 @@
 
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -52,8 +53,9 @@ using DownloadDone = std::function<ZOVRELAY_Status(Download&)>;
 ZOVRELAY_Status DownloadAll(std::vector<Download>& downloads, int packagesDirectory, int64_t maxBandwidth,
                             const Events& events, const DownloadDone& done);
 
-// Removes the part files in packages/ (and their resume records) that `planned` does not name.
-void RemoveUnplannedParts(int packagesDirectory, const std::vector<Download>& planned);
+// Removes the part files among `names` (the listing of packages/), and their resume records,
+// that `planned` does not name. Answers whether it removed any.
+bool RemoveUnplannedParts(int packagesDirectory, const std::set<std::string>& names, const std::vector<Download>& planned);
 
 // Whether `name` in packages/ is a part file or resume record that a later run may continue.
 bool IsResumablePart(int packagesDirectory, const std::string& name);

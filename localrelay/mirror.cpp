@@ -154,16 +154,15 @@ private:
 class Mirrorer {
 public:
     Mirrorer(const Repository& repository, const Options& options, const Events& events, const LoadedSource& source,
-             RunLog* log, Alternates* alternates, HeldCache* cache)
+             RunLog* log, Alternates* alternates, HeldState& state)
         : log_(log), root_(repository.directory.get()), packages_(repository.packages.get()),
           packagesPath_(repository.path + "/packages"), options_(options), events_(events), source_(source),
-          alternates_(alternates), cache_(cache != nullptr ? *cache : ownCache_), verified_(ReadVerification(root_)),
-          now_(int64_t(std::time(nullptr))) {}
+          alternates_(alternates), cache_(state.cache), listing_(state.packages), verified_(state.verified),
+          served_(state.served), sourceCatalog_(state.sourceCatalog), now_(int64_t(std::time(nullptr))) {}
 
     ZOVRELAY_Status Run(const Plan& plan);
     const std::map<Identity, Manifest>& held() const { return final_; }
     const std::vector<std::string>& leaving() const { return leaving_; }
-    ServedCatalog TakeServed() { return std::move(served_); }
     bool servedExact() const { return servedExact_; }
 
 private:
@@ -180,6 +179,10 @@ private:
     std::unique_ptr<MergedArchive> OpenMerged(const Identity& identity) const {
         std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages_, MergedArchiveName(identity));
         return archive != nullptr && archive->manifest().identity == identity ? std::move(archive) : nullptr;
+    }
+    void RecordVerified(const std::string& name, const FileIdentity& file) {
+        verified_[name] = Verified{file, now_};
+        verifiedChanged_ = true;
     }
     void Note(ZOVRELAY_Status status) {
         if (failure_ > 0) failure_ = status;
@@ -203,7 +206,7 @@ private:
                                  std::map<Version, std::unique_ptr<TemporaryFile>>& copies, std::string& built);
     ZOVRELAY_Status KeepVersionArchives(const Group& group, const Manifest& manifest,
                                         std::map<Version, std::unique_ptr<TemporaryFile>>& copies);
-    void CheckVersionArchives();
+    bool CheckVersionArchives();
     void Log(const Identity& identity, const HeldVersion& held, const char* action, ZOVRELAY_Status status,
              const localrelay::Download* d = nullptr) {
         if (log_ == nullptr) return;
@@ -220,14 +223,16 @@ private:
     const Events& events_;
     const LoadedSource& source_;
     Alternates* alternates_;
-    HeldCache ownCache_;
     HeldCache& cache_;  // what the merged archives hold, without opening those that did not change
+    Listing& listing_;  // packages/, told of every change the run makes there
     std::optional<Catalog> reloaded_;  // the source's catalog read again after a byte range failed
     bool reloadTried_ = false;
-    VerificationRecord verified_;
+    VerificationRecord& verified_;
+    bool verifiedChanged_ = false;
+    ServedCatalog& served_;  // what source.ini says now
+    std::optional<std::string>& sourceCatalog_;  // its text, while served_ is as read
     int64_t now_;
     std::map<Identity, Manifest> final_;
-    ServedCatalog served_;  // what source.ini says now
     bool servedExact_ = true;  // served_ is what the repository holds: no write failed half-way
     std::vector<std::string> leaving_;
     ZOVRELAY_Status failure_ = kSuccess;
@@ -265,7 +270,7 @@ void Mirrorer::Decide(Group& group) {
             }
             candidates.push_back(held.version);
         }
-        if (archive != nullptr && damaged.empty()) verified_[name] = Verified{archive->file(), now_};
+        if (archive != nullptr && damaged.empty()) RecordVerified(name, archive->file());
     }
     for (const Wanted* wanted : group.wanted)
         if (!Blacklisted(*wanted->component)) candidates.push_back(wanted->component->version);
@@ -374,6 +379,7 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
         // catalogs): rewriting source.ini after every new component made a first mirror of many
         // small components quadratic in bytes written.
         const bool listed = status > 0 && served_.erase(identity) != 0;
+        sourceCatalog_.reset();
         if (status > 0 && listed) status = WriteWholeFileAt(root_, kSourceCatalogName, FormatSourceCatalog(served_));
         if (status > 0) {
             previous.reset();
@@ -405,7 +411,7 @@ ZOVRELAY_Status Mirrorer::Store(const Group& group) {
         // Every byte was checked as it was written, and the layout on reopening: the archive is
         // verified as it is now.
         if (const std::unique_ptr<MergedArchive> written = OpenMerged(identity))
-            verified_[merged] = Verified{written->file(), now_};
+            RecordVerified(merged, written->file());
     }
     final_[identity] = next;
     return KeepVersionArchives(group, next, copies);
@@ -531,8 +537,9 @@ ZOVRELAY_Status Mirrorer::KeepVersionArchives(const Group& group, const Manifest
 // Per-version archives follow the same verification policy, checked against their merged
 // archive's manifest: one whose bytes differ is written again from the merged archive (removed when
 // that fails), so the index never names garbage.
-void Mirrorer::CheckVersionArchives() {
-    for (const auto& [identity, archives] : AllVersionArchives(packages_)) {
+bool Mirrorer::CheckVersionArchives() {
+    bool changed = false;
+    for (const auto& [identity, archives] : AllVersionArchives(listing_.names())) {
         const auto served = served_.find(identity);
         std::unique_ptr<MergedArchive> merged;
         for (const auto& [version, name] : archives) {
@@ -541,7 +548,7 @@ void Mirrorer::CheckVersionArchives() {
             const std::optional<FileIdentity> file = fd.get() >= 0 ? FileIdentityOf(fd.get()) : std::nullopt;
             if (held == nullptr || !file || !NeedsVerification(verified_, name, *file, now_)) continue;
             if (FileMatches(fd.get(), held->size, held->sha256)) {
-                verified_[name] = Verified{*file, now_};
+                RecordVerified(name, *file);
                 continue;
             }
             if (merged == nullptr) merged = OpenMerged(identity);
@@ -550,8 +557,10 @@ void Mirrorer::CheckVersionArchives() {
                                   : kIntegrityFailed;
             if (status <= 0) RemoveAt(packages_, name);
             Log(identity, *held, "heal", status);
+            changed = true;
         }
     }
+    return changed;
 }
 
 ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
@@ -563,7 +572,6 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
         if (added) groups.push_back(Group{identity, {}, {}, {}, {}, false});
         groups[at->second].wanted.push_back(&wanted);
     }
-    served_ = ReadServed(packages_, cache_);
     uint64_t planned = 0;
     for (Group& group : groups) {
         Decide(group);
@@ -583,7 +591,7 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
     // Settled components are done but for keepcount; the rest go to Download, which stores them.
     std::vector<Group> stored;
     std::map<Identity, std::vector<std::pair<Version, std::string>>> versionArchives;
-    if (options_.keepCount > 0) versionArchives = AllVersionArchives(packages_);  // one listing for all
+    if (options_.keepCount > 0) versionArchives = AllVersionArchives(listing_.names());
     for (Group& group : groups) {
         if (!group.settled) {
             stored.push_back(std::move(group));
@@ -594,20 +602,21 @@ ZOVRELAY_Status Mirrorer::Run(const Plan& plan) {
             leaving_.push_back(archives[i].second);
     }
     ZOVRELAY_Status status = Download(stored);
+    if (!stored.empty()) listing_.Changed();
     if (status <= 0) servedExact_ = false;
     for (const Group& group : stored) cache_.Forget(MergedArchiveName(group.identity));  // perhaps rewritten
     if (status > 0) {
         // Parts of packages this run still wants stay for the next run to continue; others go.
-        RemoveUnplannedParts(packages_, downloads_);
-        CheckVersionArchives();
+        if (RemoveUnplannedParts(packages_, listing_.names(), downloads_)) listing_.Changed();
+        if (CheckVersionArchives()) listing_.Changed();
     }
     // Archives gone since they were recorded need no record.
-    const std::set<std::string> present = NamesIn(packages_);
+    const std::set<std::string>& present = listing_.names();
     for (auto record = verified_.begin(); record != verified_.end();) {
-        if (present.count(record->first) == 0) record = verified_.erase(record);
+        if (present.count(record->first) == 0) record = verified_.erase(record), verifiedChanged_ = true;
         else ++record;
     }
-    WriteVerification(root_, verified_);  // without it the next run verifies again: no harm
+    if (verifiedChanged_) WriteVerification(root_, verified_);  // without it the next run verifies again: no harm
     return status <= 0 ? status : failure_;
 }
 
@@ -736,18 +745,25 @@ ZOVRELAY_Status Mirrorer::CheckSpace(const std::vector<Group>& groups) const {
 
 }  // namespace
 
+HeldState ReadHeldState(int root, int packages) {
+    HeldState state{HeldCache::Read(root), Listing(packages), {}, {}, ReadVerification(root)};
+    state.served = ReadServed(packages, state.packages.names(), state.cache);
+    state.sourceCatalog = FormatSourceCatalog(state.served);
+    return state;
+}
+
 ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, const Events& events,
                        const LoadedSource& source, const ZOVRELAY_Product* products, size_t count,
-                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving, RunLog* log,
-                       Alternates* alternates, HeldCache* cache, std::optional<ServedCatalog>* held) {
+                       std::vector<ListedProduct>& result, std::vector<std::string>& leaving, HeldState& state,
+                       bool& exact, RunLog* log, Alternates* alternates) {
     Plan plan;
     ZOVRELAY_Status status = MakePlan(source.catalog, products, count, plan);
     if (status <= 0) return status;
 
-    Mirrorer mirrorer(repository, options, events, source, log, alternates, cache);
+    Mirrorer mirrorer(repository, options, events, source, log, alternates, state);
     status = mirrorer.Run(plan);
     leaving = mirrorer.leaving();
-    if (held != nullptr && mirrorer.servedExact()) *held = mirrorer.TakeServed();
+    exact = mirrorer.servedExact();
     if (status <= 0) return status;
 
     for (const auto& [index, wanted] : plan.perProduct) {

@@ -16,6 +16,8 @@
 #include "wide.h"
 
 #include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -23,6 +25,8 @@
 #include <cstdlib>
 #include <set>
 #include <filesystem>
+#include <system_error>
+#include <thread>
 
 namespace localrelay {
 namespace {
@@ -120,6 +124,40 @@ void Report(const Operation& operation, const RunLog& log, RunSummary summary, Z
     WriteRunReport(operation.root(), operation.repository().path, log, summary);
 }
 
+// Runs `fetch` (the source's catalog: mostly a wait on the network) while a thread of its own
+// reads what the repository holds, which takes as long again on a large repository. The reader
+// raises no event, shares nothing with `fetch` and takes no signal (the host's handlers run on
+// its own thread, as before); where no thread can be had, it reads after.
+template <class Fetch>
+HeldState ReadHeldStateDuring(const Operation& operation, Fetch&& fetch) {
+    std::optional<HeldState> state;
+    {
+        std::thread reader;
+        sigset_t all, before;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, &before);  // the reader starts with every signal blocked
+        try {
+            reader = std::thread([&state, root = operation.root(), packages = operation.packages()]() noexcept {
+                try {
+                    state = ReadHeldState(root, packages);
+                } catch (...) {  // out of memory: read again below, where it fails the operation
+                }
+            });
+        } catch (const std::system_error&) {
+        }
+        ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        struct Join {
+            std::thread& thread;
+            ~Join() {
+                if (thread.joinable()) thread.join();
+            }
+        } join{reader};
+        fetch();
+    }
+    if (!state) state = ReadHeldState(operation.root(), operation.packages());
+    return std::move(*state);
+}
+
 }  // namespace
 }  // namespace localrelay
 
@@ -178,25 +216,34 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
         RunLog log;
         RunSummary summary;
         summary.started = std::chrono::system_clock::now();
-        HeldCache cache = HeldCache::Read(operation.root());
-        std::optional<ServedCatalog> mirrored;  // what the repository holds after the mirror
+        HeldState state;
+        bool exact = true;  // state.served is what the repository holds
         if (productCount > 0) {
             Pool pool;  // the catalog's connection serves the packages too
             LoadedSource source;
             size_t served = 0;
-            status = LoadSource(sources, sourceCount, operation.options(), source, &pool, &served, &log);
+            state = ReadHeldStateDuring(operation, [&] {
+                status = LoadSource(sources, sourceCount, operation.options(), source, &pool, &served, &log);
+            });
             Alternates alternates(sources, sourceCount, served, operation.options(), &pool);
             if (status > 0)
                 status = Mirror(operation.repository(), operation.options(), operation.events(), source, products,
-                                productCount, result, leaving, &log, &alternates, &cache, &mirrored);
+                                productCount, result, leaving, state, exact, &log, &alternates);
+        } else {
+            state = ReadHeldState(operation.root(), operation.packages());
         }
         // The catalogs follow the archives whatever happened: what was stored before a failure
         // stays. Per-version archives beyond keepcount go only once the index no longer names them.
         // What the mirror knows it left, or else what the archives say.
-        if (!mirrored) mirrored = ReadServed(operation.packages(), cache);
-        const ServedCatalog& held = *mirrored;
-        const ZOVRELAY_Status indexed = WriteCatalogs(operation.root(), operation.packages(), held,
-                                                      std::set<std::string>(leaving.begin(), leaving.end()));
+        HeldCache& cache = state.cache;
+        if (!exact) {
+            state.served = ReadServed(operation.packages(), state.packages.names(), cache);
+            state.sourceCatalog.reset();
+        }
+        const ServedCatalog& held = state.served;
+        const ZOVRELAY_Status indexed = WriteCatalogs(
+            operation.root(), operation.packages(), held, std::set<std::string>(leaving.begin(), leaving.end()),
+            state.packages.names(), state.sourceCatalog ? &*state.sourceCatalog : nullptr);
         cache.Write(operation.root());  // without it the next run reads the archives again: no harm
         if (status > 0 && indexed <= 0) status = indexed;
         if (indexed > 0 && status != kCancelled) {

@@ -155,17 +155,17 @@ ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache)
     return ServedFrom(manifest, ranges, merged);
 }
 
-ServedCatalog ReadServed(int packages, HeldCache& cache) {
+ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldCache& cache) {
     ServedCatalog served;
-    ForEachEntry(packages, [&](std::string_view name) {
-        if (!EndsWith(name, kMergedSuffix)) return;
+    for (const std::string& merged : names) {
+        const std::string_view name(merged);
+        if (!EndsWith(name, kMergedSuffix)) continue;
         const std::optional<Identity> identity = ParseIdentity(name.substr(0, name.size() - kMergedSuffix.size()));
-        if (!identity) return;
-        const std::string merged(name);
+        if (!identity) continue;
         const CachedArchive* archive = cache.Find(packages, merged);
         if (archive != nullptr && archive->manifest.identity == *identity && !archive->manifest.versions.empty())
             served.emplace_hint(served.end(), *identity, ServedFrom(archive->manifest, &archive->ranges, merged));
-    });
+    }
     return served;
 }
 
@@ -206,15 +206,16 @@ std::string FormatSourceCatalog(const ServedCatalog& served) {
 
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
                               const std::set<std::string>& leaving, HeldCache* cache) {
-    return WriteCatalogs(root, packages, ServedOf(packages, held, cache), leaving);
+    return WriteCatalogs(root, packages, ServedOf(packages, held, cache), leaving, NamesIn(packages));
 }
 
-ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving) {
-    ZOVRELAY_Status status = WriteChangedFileAt(root, kSourceCatalogName, FormatSourceCatalog(served));
+ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
+                              const std::set<std::string>& present, const std::string* sourceCatalog) {
+    ZOVRELAY_Status status = WriteChangedFileAt(root, kSourceCatalogName,
+                                                sourceCatalog != nullptr ? *sourceCatalog : FormatSourceCatalog(served));
     if (status <= 0) return status;
     Catalog index;
     std::vector<const Manifest*> manifests;
-    const std::set<std::string> present = NamesIn(packages);  // one listing, not a lookup per component
     for (const auto& [identity, component] : served) {
         const Manifest& manifest = component.manifest;
         if (manifest.versions.empty()) continue;
@@ -233,15 +234,16 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& serve
     return WriteChangedFileAt(root, kIndexName, FormatCatalog(index));
 }
 
-std::map<Identity, std::vector<std::pair<Version, std::string>>> AllVersionArchives(int packages) {
+std::map<Identity, std::vector<std::pair<Version, std::string>>> AllVersionArchives(const std::set<std::string>& names) {
     std::map<Identity, std::vector<std::pair<Version, std::string>>> archives;
-    ForEachEntry(packages, [&](std::string_view name) {
+    for (const std::string& file : names) {
+        const std::string_view name(file);
         const size_t cut = name.find('_');
-        if (cut == std::string_view::npos || !EndsWith(name, ".zip") || EndsWith(name, kMergedSuffix)) return;
+        if (cut == std::string_view::npos || !EndsWith(name, ".zip") || EndsWith(name, kMergedSuffix)) continue;
         const std::optional<Identity> identity = ParseIdentity(name.substr(0, cut));
         const std::optional<Version> version = ParseVersion(name.substr(cut + 1, name.size() - cut - 5));
-        if (identity && version) archives[*identity].emplace_back(*version, std::string(name));
-    });
+        if (identity && version) archives[*identity].emplace_back(*version, file);
+    }
     for (auto& [identity, list] : archives) std::sort(list.begin(), list.end());
     return archives;
 }

@@ -35,6 +35,23 @@ inline constexpr std::string_view kTemporarySuffix = ".tmp";
 // The names in `directory`, from one listing; none when it cannot be read.
 std::set<std::string> NamesIn(int directory);
 
+// The names in a directory, listed on first use and again only after a writer said it changed:
+// a run with nothing to do lists packages/ once, however many steps look at it.
+class Listing {
+public:
+    explicit Listing(int directory = -1) : directory_(directory) {}
+    const std::set<std::string>& names() {
+        if (!current_) names_ = NamesIn(directory_), current_ = true;
+        return names_;
+    }
+    void Changed() { current_ = false; }
+
+private:
+    int directory_;
+    std::set<std::string> names_;
+    bool current_ = false;
+};
+
 // Removes what a killed run left behind: our temporaries in packages/ and in the root (files,
 // links, and empty directories planted under such names; a link's target is never touched).
 void RemoveStaleTemporaries(int root, int packages);
@@ -52,8 +69,9 @@ struct ServedComponent {
 };
 using ServedCatalog = std::map<Identity, ServedComponent>;
 ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache = nullptr);
-// ServedOf(ReadHeld) in one pass over the archives the cache knows (or reads).
-ServedCatalog ReadServed(int packages, HeldCache& cache);
+// ServedOf(ReadHeld) in one pass over the archives the cache knows (or reads); `names` is the
+// listing of packages/.
+ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldCache& cache);
 ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held, HeldCache* cache = nullptr);
 std::string FormatSourceCatalog(const ServedCatalog& served);
 
@@ -61,16 +79,18 @@ std::string FormatSourceCatalog(const ServedCatalog& served);
 // lists every held version as its byte range of the merged archive; server.ini lists each
 // component's newest version by its per-version archive, only where that file exists with the
 // right size and is not in `leaving` (about to be pruned), with every recorded product. A catalog
-// whose text would not change is left alone.
-ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving);
+// whose text would not change is left alone. `present` is the listing of packages/;
+// `sourceCatalog`, when given, is FormatSourceCatalog(served) made before.
+ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
+                              const std::set<std::string>& present, const std::string* sourceCatalog = nullptr);
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
                               const std::set<std::string>& leaving = {}, HeldCache* cache = nullptr);
 
 // Per-version archives of one component in packages/, oldest first: (version, file name).
 std::vector<std::pair<Version, std::string>> VersionArchives(int packages, const Identity& identity);
 
-// Every per-version archive in packages/, by identity, oldest first: one listing of the directory.
-std::map<Identity, std::vector<std::pair<Version, std::string>>> AllVersionArchives(int packages);
+// Every per-version archive among `names` (the listing of packages/), by identity, oldest first.
+std::map<Identity, std::vector<std::pair<Version, std::string>>> AllVersionArchives(const std::set<std::string>& names);
 
 // Removes the named per-version archives, raising "removebegin" before each and "removefailed"
 // when one stays (event texts name `packagesPath`/<name>). kCancelled when a handler answers 0.
