@@ -7,7 +7,7 @@
 #include <string>
 #include <string_view>
 
-#include "catalog.h"
+#include "catalog/catalog.h"
 
 namespace {
 

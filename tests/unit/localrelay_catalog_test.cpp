@@ -1,5 +1,5 @@
 // The catalog format: what parses, what is refused whole, and that writing it back reads the same.
-#include "catalog.h"
+#include "catalog/catalog.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // Failure classification, descriptions within the message's 63 characters, and which text
 // ZOVRELAY_GetStatusMessage answers on which thread and after which call.
-#include "failure.h"
+#include "base/failure.h"
 
 #include <gtest/gtest.h>
 

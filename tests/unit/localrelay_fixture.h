@@ -5,11 +5,11 @@
 #ifndef TESTS_UNIT_LOCALRELAY_FIXTURE_H
 #define TESTS_UNIT_LOCALRELAY_FIXTURE_H
 
-#include "archive.h"
-#include "catalog.h"
-#include "package.h"
+#include "archive/archive.h"
+#include "catalog/catalog.h"
+#include "transfer/package.h"
 #include "sourcemaker.h"
-#include "wide.h"
+#include "base/wide.h"
 
 #include <gtest/gtest.h>
 #include <zip.h>

@@ -2,7 +2,7 @@
 // file server (plain, and TLS with a self-signed certificate), tinyproxy and microsocks, both
 // requiring a user and password. Every file lives in a temporary directory.
 #include "localrelay_fixture.h"
-#include "transfer.h"
+#include "transfer/transfer.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>

@@ -1,7 +1,7 @@
 // The download queue against a fault-injecting HTTP server on 127.0.0.1 that this test starts: a
 // path "/<fault>/<file>" serves www/<file> after the fault. Every request is logged with its Range.
 // The failover case opens contexts, which share /dev/shm/sem.zovrelay.
-#include "downloader.h"
+#include "transfer/downloader.h"
 #include "localrelay_fixture.h"
 
 #include <arpa/inet.h>

@@ -1,7 +1,7 @@
 // A repository the relay wrote serves other relays, after the module's clean-up too; damage in it
 // is found and healed; readers run beside a writer. Contexts share /dev/shm/sem.zovrelay.
 #include "localrelay_fixture.h"
-#include "ziplayout.h"
+#include "archive/ziplayout.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

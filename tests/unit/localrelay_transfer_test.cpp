@@ -1,7 +1,7 @@
 // Local transfers: paths and file URLs, the catalog size limit, and the reads maxbandwidth paces.
 // No context is opened.
 #include "localrelay_fixture.h"
-#include "transfer.h"
+#include "transfer/transfer.h"
 
 namespace relaytest {
 namespace {

@@ -1,0 +1,45 @@
+// A relay context: one locked repository directory, with what the calls on it configure.
+#ifndef LOCALRELAY_CONTEXT_H
+#define LOCALRELAY_CONTEXT_H
+
+#include "base/events.h"
+#include "repository/lock.h"
+#include "run/options.h"
+#include "zovrelay.h"
+
+#include <semaphore.h>
+
+#include <string>
+#include <utility>
+
+namespace localrelay {
+
+// The machine-wide semaphore /zovrelay, held open (never unlinked) for a context's life.
+class NamedSemaphore {
+public:
+    NamedSemaphore();
+    NamedSemaphore(const NamedSemaphore&) = delete;
+    NamedSemaphore& operator=(const NamedSemaphore&) = delete;
+    ~NamedSemaphore();
+
+private:
+    sem_t* handle_ = SEM_FAILED;
+};
+
+} // namespace localrelay
+
+// One member per concern; a plain delete releases them all.
+struct ZOVRELAY_Context {
+    explicit ZOVRELAY_Context(localrelay::Repository opened) : repository(std::move(opened)) {}
+
+    localrelay::Repository repository;
+    localrelay::NamedSemaphore semaphore;
+    localrelay::Options options;
+    localrelay::Events events;
+    // An operation is running on this context. A handler may then destroy the context: that only
+    // sets destroyPending, and the operation deletes the context when it returns.
+    bool running = false;
+    bool destroyPending = false;
+};
+
+#endif

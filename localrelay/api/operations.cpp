@@ -1,0 +1,282 @@
+// Listing, mirroring, export and the release of information records: the calls that work on a
+// context's repository. Arguments are checked here; the work lives in listing, mirror and
+// repository.
+#include "api/context.h"
+#include "base/failure.h"
+#include "transfer/http.h"
+#include "base/files.h"
+#include "api/library.h"
+#include "run/listing.h"
+#include "run/mirror.h"
+#include "api/records.h"
+#include "run/report.h"
+#include "repository/repository.h"
+#include "run/sources.h"
+#include "base/status.h"
+#include "base/wide.h"
+
+#include <fcntl.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdlib>
+#include <set>
+#include <filesystem>
+#include <system_error>
+#include <thread>
+
+namespace localrelay {
+namespace {
+
+// One operation at a time per context. A handler that destroys the running operation's context
+// only marks it; the context goes when the operation returns. Everything the operation needs is
+// copied first, so a handler changing options or subscriptions does not disturb it.
+class Operation {
+public:
+    explicit Operation(ZOVRELAY_Context* context)
+        : context_(context), busy_(context->running), options_(context->options), events_(context->events) {
+        context_->running = true;
+    }
+    Operation(const Operation&) = delete;
+    Operation& operator=(const Operation&) = delete;
+    ~Operation() {
+        if (busy_) return;
+        UnlockRepository(context_->repository);
+        context_->running = false;
+        if (context_->destroyPending) delete context_;
+    }
+
+    bool busy() const { return busy_; }
+    // Writers take the repository's lock for the operation; readers never do.
+    ZOVRELAY_Status Lock() const { return LockRepository(context_->repository); }
+    const Repository& repository() const { return context_->repository; }
+    int root() const { return context_->repository.directory.get(); }
+    int packages() const { return context_->repository.packages.get(); }
+    const Options& options() const { return options_; }
+    const Events& events() const { return events_; }
+
+private:
+    ZOVRELAY_Context* context_;
+    bool busy_;
+    const Options options_;
+    const Events events_;
+};
+
+bool ValidRequest(const ZOVRELAY_Product* products, size_t productCount, const ZOVRELAY_Source* sources,
+                  size_t sourceCount) {
+    if ((productCount > 0 && products == nullptr) || (sourceCount > 0 && sources == nullptr)) return false;
+    for (size_t i = 0; i < productCount; ++i)
+        if (products[i].componentCount > 0 && products[i].components == nullptr) return false;
+    return true;
+}
+
+ZOVRELAY_Status HandOut(const std::vector<ListedProduct>& listed, ZOVRELAY_Information** information) {
+    ZOVRELAY_Information* record = MakeInformation(listed);
+    if (record == nullptr) return kOutOfMemory;
+    *information = record;
+    return kSuccess;
+}
+
+// "not found: c3t4l1p-1r-1o-1 16.1230.0.0", the version left out when any would do.
+ZOVRELAY_Status NotHeld(const Identity& identity, const Version& version) {
+    const std::string text = FormatVersion(version);
+    return Fail(kNotFound, "not found", FormatIdentity(identity) + (text == "0.0.0.0" ? "" : " " + text));
+}
+
+// Takes no lock: the archive is opened once, and writers only ever replace it by rename.
+ZOVRELAY_Status Export(const Operation& operation, const std::string& destination, const ZOVRELAY_EntityItem& entity) {
+    const Identity identity = IdentityOf(entity);
+    const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(operation.packages(), MergedArchiveName(identity));
+    if (archive == nullptr || archive->manifest().identity != identity) return NotHeld(identity, VersionOf(entity));
+    const HeldVersion* chosen = nullptr;
+    for (const HeldVersion& held : archive->manifest().versions) {  // newest first
+        if (VersionNames(VersionOf(entity), held.version)) {
+            chosen = &held;
+            break;
+        }
+    }
+    if (chosen == nullptr) return NotHeld(identity, VersionOf(entity));
+
+    std::error_code error;
+    std::filesystem::create_directories(destination, error);
+    // The destination is the caller's path, links and all; within it we create only our own
+    // exclusive temporary and rename it to the package's name.
+    const FileDescriptor directory(::open(destination.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    if (directory.get() < 0) {
+        const Failure failure = FromErrno(errno);
+        return Fail(failure.status, failure.reason, destination);
+    }
+    RemoveAbandonedExports(directory.get());
+    const std::string name = NameOf(chosen->path);
+    return ExtractInto(*archive, *chosen, directory.get(), "." + name + ".", kExportSuffix, name, true);
+}
+
+// Leaves the run report and metrics for an operation that ends with `status`.
+void Report(const Operation& operation, const RunLog& log, RunSummary summary, ZOVRELAY_Status status,
+            const ServedCatalog& held) {
+    summary.ended = std::chrono::system_clock::now();
+    summary.status = status;
+    summary.message = MessageFor(status);
+    for (const auto& [identity, component] : held) summary.heldVersions += component.manifest.versions.size();
+    WriteRunReport(operation.root(), operation.repository().path, log, summary);
+}
+
+// Runs `fetch` (the source's catalog: mostly a wait on the network) while a thread of its own
+// reads what the repository holds, which takes as long again on a large repository. The reader
+// raises no event, shares nothing with `fetch` and takes no signal (the host's handlers run on
+// its own thread, as before); where no thread can be had, it reads after.
+template <class Fetch>
+HeldState ReadHeldStateDuring(const Operation& operation, Fetch&& fetch) {
+    std::optional<HeldState> state;
+    {
+        std::thread reader;
+        sigset_t all, before;
+        ::sigfillset(&all);
+        ::pthread_sigmask(SIG_SETMASK, &all, &before);  // the reader starts with every signal blocked
+        try {
+            reader = std::thread([&state, root = operation.root(), packages = operation.packages()]() noexcept {
+                try {
+                    state = ReadHeldState(root, packages);
+                } catch (...) {  // out of memory: read again below, where it fails the operation
+                }
+            });
+        } catch (const std::system_error&) {
+        }
+        ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
+        struct Join {
+            std::thread& thread;
+            ~Join() {
+                if (thread.joinable()) thread.join();
+            }
+        } join{reader};
+        fetch();
+    }
+    if (!state) state = ReadHeldState(operation.root(), operation.packages());
+    return std::move(*state);
+}
+
+}  // namespace
+}  // namespace localrelay
+
+using namespace localrelay;
+
+extern "C" {
+
+ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELAY_Product* products,
+                                        size_t productCount, const ZOVRELAY_Source* sources, size_t sourceCount,
+                                        ZOVRELAY_Information** information) {
+    if (!IsStarted()) return Settle(kNotStarted);
+    if (context == nullptr || information == nullptr) return Settle(kInvalidArgument);
+    if ((productCount > 0 && products == nullptr) || (sourceCount > 0 && sources == nullptr))
+        return Settle(kInvalidArgument);
+    return Guard([&]() -> ZOVRELAY_Status {
+        const Operation operation(context);
+        if (operation.busy()) return kRepositoryBusy;
+        std::vector<ListedProduct> listed;
+        ZOVRELAY_Status status;
+        if (sourceCount == 0) {
+            // No lock: the held cache is read, never written.
+            HeldCache cache = HeldCache::Read(operation.root());
+            status = ListRepository(ReadHeld(operation.packages(), &cache), products, productCount, listed);
+        } else {
+            RunLog log;
+            RunSummary summary;
+            summary.started = std::chrono::system_clock::now();
+            LoadedSource source;
+            status = LoadSource(sources, sourceCount, operation.options(), source, nullptr, nullptr, &log);
+            if (status > 0) status = ListCatalog(source.catalog, products, productCount, listed);
+            // The filtered mirrors begin by listing the source: a mirror job that fails there is
+            // on record too. A listing that succeeds leaves the last run's report alone.
+            // Readers take no lock; the report is written under it, or not at all while a writer runs.
+            if (status <= 0 && operation.Lock() > 0)
+                Report(operation, log, summary, status, ServedOf(operation.packages(), ReadHeld(operation.packages())));
+        }
+        return status > 0 ? HandOut(listed, information) : status;
+    });
+}
+
+ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Product* products, size_t productCount,
+                                   const ZOVRELAY_Source* sources, size_t sourceCount,
+                                   ZOVRELAY_Information** information) {
+    if (!IsStarted()) return Settle(kNotStarted);
+    if (context == nullptr || information == nullptr || !ValidRequest(products, productCount, sources, sourceCount))
+        return Settle(kInvalidArgument);
+    return Guard([&]() -> ZOVRELAY_Status {
+        const Operation operation(context);
+        if (operation.busy()) return kRepositoryBusy;
+        ZOVRELAY_Status status = operation.Lock();
+        if (status <= 0) return status;
+        std::vector<ListedProduct> result;
+        std::vector<std::string> leaving;
+        // Zero products mirror nothing: a filtered mirror that kept nothing must never become a
+        // full mirror.
+        RunLog log;
+        RunSummary summary;
+        summary.started = std::chrono::system_clock::now();
+        HeldState state;
+        bool exact = true;  // state.served is what the repository holds
+        if (productCount > 0) {
+            Pool pool;  // the catalog's connection serves the packages too
+            LoadedSource source;
+            size_t served = 0;
+            state = ReadHeldStateDuring(operation, [&] {
+                status = LoadSource(sources, sourceCount, operation.options(), source, &pool, &served, &log);
+            });
+            Alternates alternates(sources, sourceCount, served, operation.options(), &pool);
+            if (status > 0)
+                status = Mirror(operation.repository(), operation.options(), operation.events(), source, products,
+                                productCount, result, leaving, state, exact, &log, &alternates);
+        } else {
+            state = ReadHeldState(operation.root(), operation.packages());
+        }
+        // The catalogs follow the archives whatever happened: what was stored before a failure
+        // stays. Per-version archives beyond keepcount go only once the index no longer names them.
+        // What the mirror knows it left, or else what the archives say.
+        HeldCache& cache = state.cache;
+        if (!exact) {
+            state.served = ReadServed(operation.packages(), state.packages.names(), cache);
+            state.sourceCatalog.reset();
+        }
+        const ServedCatalog& held = state.served;
+        const ZOVRELAY_Status indexed = WriteCatalogs(
+            operation.root(), operation.packages(), held, std::set<std::string>(leaving.begin(), leaving.end()),
+            state.packages.names(), state.sourceCatalog ? &*state.sourceCatalog : nullptr);
+        cache.Write(operation.root());  // without it the next run reads the archives again: no harm
+        if (status > 0 && indexed <= 0) status = indexed;
+        if (indexed > 0 && status != kCancelled) {
+            const ZOVRELAY_Status pruned = RemoveVersionArchives(operation.packages(), operation.repository().path + "/packages",
+                                                                 leaving, operation.events());
+            if (status > 0 && pruned <= 0) status = pruned;
+        }
+        if (status > 0) status = HandOut(result, information);
+        Report(operation, log, summary, status, held);
+        return status;
+    });
+}
+
+// Frees whatever the library's state, so that a record never outlives a shut-down as a leak.
+ZOVRELAY_Status ZOVRELAY_DestroyData(ZOVRELAY_Information* information) {
+    const ZOVRELAY_Status stopped = IsStarted() ? kSuccess : kNotStarted;
+    if (information == nullptr) return stopped > 0 ? kInvalidArgument : stopped;
+    const ZOVRELAY_Status released =
+        Guard([&]() -> ZOVRELAY_Status { return ReleaseInformation(information) ? kSuccess : kInvalidArgument; });
+    return stopped > 0 ? released : stopped;
+}
+
+ZOVRELAY_Status ZOVRELAY_ExportComponent(ZOVRELAY_Context* context, const wchar_t* destination,
+                                         ZOVRELAY_EntityItem entity) {
+    if (!IsStarted()) return Settle(kNotStarted);
+    if (context == nullptr || destination == nullptr) return Settle(kInvalidArgument);
+    return Guard([&]() -> ZOVRELAY_Status {
+        const std::optional<std::string> path = NarrowWide(destination);
+        if (!path || path->empty()) return kInvalidArgument;
+        const Operation operation(context);
+        if (operation.busy()) return kRepositoryBusy;
+        return Export(operation, *path, entity);
+    });
+}
+
+}  // extern "C"

@@ -1,0 +1,179 @@
+#include "repository/heldcache.h"
+#include "base/files.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <charconv>
+#include <ctime>
+
+namespace localrelay {
+namespace {
+
+// "zovrelay-held 1", then per archive:
+//   archive <name> <size> <inode> <device> <mtime-ns> <read-at> <manifest bytes>
+//   <the manifest's text>
+//   range <offset> <size> <stored 0|1>   (or "range none"), one per manifest version in its order
+constexpr std::string_view kHeader = "zovrelay-held 1\n";
+constexpr size_t kLimit = size_t(1) << 30;
+
+FileIdentity IdentityOf(const struct stat& info) {
+    return FileIdentity{uint64_t(info.st_size), uint64_t(info.st_ino), uint64_t(info.st_dev),
+                        int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
+}
+
+// Reads the record's text from the front, one line or field at a time; any misstep fails it all.
+struct Reader {
+    std::string_view text;
+    bool ok = true;
+
+    std::string_view Line() {
+        const size_t end = text.find('\n');
+        if (end == std::string_view::npos) return ok = false, std::string_view();
+        const std::string_view line = text.substr(0, end);
+        text.remove_prefix(end + 1);
+        return line;
+    }
+    std::string_view Bytes(uint64_t count) {
+        if (count > text.size()) return ok = false, std::string_view();
+        const std::string_view bytes = text.substr(0, size_t(count));
+        text.remove_prefix(size_t(count));
+        return bytes;
+    }
+};
+
+std::string_view Word(std::string_view& line) {
+    const size_t end = line.find(' ');
+    const std::string_view word = line.substr(0, end);
+    line.remove_prefix(end == std::string_view::npos ? line.size() : end + 1);
+    return word;
+}
+
+template <class Number>
+bool Take(std::string_view& line, Number& number) {
+    const std::string_view word = Word(line);
+    const auto [end, error] = std::from_chars(word.data(), word.data() + word.size(), number);
+    return !word.empty() && error == std::errc() && end == word.data() + word.size();
+}
+
+}  // namespace
+
+std::string FormatHeldCache(const std::map<std::string, CachedArchive>& entries) {
+    std::string text(kHeader);
+    for (const auto& [name, entry] : entries) {
+        const std::string manifest = FormatManifest(entry.manifest);
+        text += "archive " + name + " " + std::to_string(entry.file.size) + " " + std::to_string(entry.file.inode) +
+                " " + std::to_string(entry.file.device) + " " + std::to_string(entry.file.modified) + " " +
+                std::to_string(entry.read) + " " + std::to_string(manifest.size()) + "\n" + manifest;
+        for (const HeldVersion& held : entry.manifest.versions) {
+            const auto range = entry.ranges.find(EntryName(held));
+            text += range == entry.ranges.end() ? std::string("range none\n")
+                                                : "range " + std::to_string(range->second.offset) + " " +
+                                                      std::to_string(range->second.size) + " " +
+                                                      (range->second.stored ? "1\n" : "0\n");
+        }
+    }
+    return text;
+}
+
+std::optional<std::map<std::string, CachedArchive>> ParseHeldCache(std::string_view text) {
+    Reader reader{text};
+    if (reader.Line() != kHeader.substr(0, kHeader.size() - 1)) return std::nullopt;
+    std::map<std::string, CachedArchive> entries;
+    while (reader.ok && !reader.text.empty()) {
+        std::string_view line = reader.Line();
+        CachedArchive entry;
+        uint64_t bytes = 0;
+        if (Word(line) != "archive") return std::nullopt;
+        const std::string name(Word(line));
+        if (name.empty() || !Take(line, entry.file.size) || !Take(line, entry.file.inode) ||
+            !Take(line, entry.file.device) || !Take(line, entry.file.modified) || !Take(line, entry.read) ||
+            !Take(line, bytes) || !line.empty())
+            return std::nullopt;
+        std::optional<Manifest> manifest = ParseManifest(reader.Bytes(bytes));
+        if (!manifest) return std::nullopt;
+        entry.manifest = std::move(*manifest);
+        for (const HeldVersion& held : entry.manifest.versions) {
+            std::string_view range = reader.Line();
+            EntryRange at;
+            int stored = 0;
+            if (Word(range) != "range") return std::nullopt;
+            if (range == "none") continue;
+            // A range past the file's end cannot be the file's: the record is not this repository's.
+            if (!Take(range, at.offset) || !Take(range, at.size) || !Take(range, stored) || !range.empty() ||
+                stored < 0 || stored > 1 || at.offset > entry.file.size || at.size > entry.file.size - at.offset)
+                return std::nullopt;
+            at.stored = stored == 1;
+            entry.ranges[EntryName(held)] = at;
+        }
+        if (!reader.ok || !entries.emplace(name, std::move(entry)).second) return std::nullopt;
+    }
+    if (!reader.ok) return std::nullopt;
+    return entries;
+}
+
+HeldCache HeldCache::Read(int root) {
+    HeldCache cache;
+    cache.now_ = int64_t(std::time(nullptr));
+    const std::optional<std::string> text = ReadWholeFileAt(root, kHeldCacheName, kLimit);
+    std::optional<std::map<std::string, CachedArchive>> entries = text ? ParseHeldCache(*text) : std::nullopt;
+    if (entries) cache.entries_ = std::move(*entries);
+    return cache;
+}
+
+const CachedArchive* HeldCache::Find(int packages, const std::string& name) {
+    if (now_ == 0) now_ = int64_t(std::time(nullptr));
+    const auto found = entries_.find(name);
+    if (found != entries_.end() && found->second.checked) return &found->second;
+    struct stat info {};
+    if (::fstatat(packages, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(info.st_mode)) {
+        Forget(name);
+        return nullptr;
+    }
+    if (found != entries_.end()) {
+        CachedArchive& entry = found->second;
+        const int64_t modified = entry.file.modified / 1000000000;
+        if (entry.file == IdentityOf(info) && modified + 1 < entry.read && entry.read <= now_) {
+            entry.checked = true;
+            return &entry;
+        }
+    }
+    const int64_t read = int64_t(std::time(nullptr));  // before the reading: never later than what it saw
+    const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages, name);
+    if (archive == nullptr) {
+        Forget(name);
+        return nullptr;
+    }
+    CachedArchive entry{archive->file(), read, archive->manifest(), {}, true};
+    // The layout is read from the same file; one renamed over it meanwhile is never recorded.
+    const FileDescriptor fd(OpenFileAt(packages, name));
+    const std::optional<std::map<std::string, EntryRange>> ranges = fd.get() >= 0 ? ReadEntryRanges(fd.get()) : std::nullopt;
+    if (ranges && FileIdentityOf(fd.get()) == archive->file()) {
+        for (const HeldVersion& held : entry.manifest.versions) {
+            const auto range = ranges->find(EntryName(held));
+            if (range != ranges->end()) entry.ranges.insert(*range);
+        }
+    } else {
+        entry.read = 0;  // never trusted
+    }
+    changed_ = true;
+    return &(entries_[name] = std::move(entry));
+}
+
+void HeldCache::Forget(const std::string& name) { changed_ = entries_.erase(name) != 0 || changed_; }
+
+ZOVRELAY_Status HeldCache::Write(int root) {
+    for (auto entry = entries_.begin(); entry != entries_.end();) {
+        if (entry->second.checked) {
+            ++entry;
+            continue;
+        }
+        entry = entries_.erase(entry);
+        changed_ = true;
+    }
+    if (!changed_) return kSuccess;
+    changed_ = false;
+    return WriteWholeFileAt(root, kHeldCacheName, FormatHeldCache(entries_));
+}
+
+}  // namespace localrelay

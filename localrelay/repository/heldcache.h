@@ -1,0 +1,65 @@
+// What each merged archive held when it was last read, so that a run with nothing to do need not
+// open them: without it every run opened every merged archive several times (libzip reads the
+// central directory, then the manifest), and a run's cost followed the bytes held rather than the
+// catalog. The record is the hidden file ".held" in the repository's root.
+//
+// An entry is used only for the very file it was read from: same size, inode, device and
+// modification time to the nanosecond, read more than a second after that modification (file
+// times move in clock ticks, so a change within the same tick could leave the same time behind)
+// and not in the future. Anything else, and a record that is damaged in any way, means the
+// archive is opened and read again. A writer replaces an archive by rename, which brings another
+// inode and time, so an archive written since is read again on its next lookup.
+#ifndef LOCALRELAY_HELDCACHE_H
+#define LOCALRELAY_HELDCACHE_H
+
+#include "archive/archive.h"
+#include "archive/ziplayout.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace localrelay {
+
+inline constexpr const char* kHeldCacheName = ".held";
+
+// One merged archive as read at `read`: its manifest and the byte ranges of its versions' entries
+// (by entry name; a version whose entry is missing has none).
+struct CachedArchive {
+    FileIdentity file;
+    int64_t read = 0;  // seconds since the epoch
+    Manifest manifest;
+    std::map<std::string, EntryRange> ranges;
+    bool checked = false;  // found to be this file during the operation (not recorded)
+};
+
+class HeldCache {
+public:
+    HeldCache() = default;
+    // The record in `root`; empty when it is missing or damaged anywhere.
+    static HeldCache Read(int root);
+
+    // The merged archive `name` in `packages` as it is now (never through a link): the recorded
+    // entry when it is still that file, otherwise what the archive holds, read now and recorded.
+    // nullptr when there is no regular file with a valid manifest there. The file is looked at
+    // once: the holder of the repository's lock, the only writer, forgets what it rewrites.
+    const CachedArchive* Find(int packages, const std::string& name);
+    // Drops what is known of `name`: its next lookup looks at the file again.
+    void Forget(const std::string& name);
+
+    // Writes the record when it changed, keeping the archives found since it was read.
+    ZOVRELAY_Status Write(int root);
+
+private:
+    std::map<std::string, CachedArchive> entries_;
+    bool changed_ = false;
+    int64_t now_ = 0;
+};
+
+std::string FormatHeldCache(const std::map<std::string, CachedArchive>& entries);
+// nullopt for anything but a whole, well-formed record.
+std::optional<std::map<std::string, CachedArchive>> ParseHeldCache(std::string_view text);
+
+}  // namespace localrelay
+
+#endif

@@ -1,0 +1,305 @@
+#include "repository/repository.h"
+#include "transfer/downloader.h"
+#include "base/files.h"
+#include "transfer/package.h"
+#include "base/status.h"
+#include "archive/ziplayout.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <ctime>
+
+namespace localrelay {
+namespace {
+
+constexpr std::string_view kMergedSuffix = "_merged.zip";
+
+bool EndsWith(std::string_view text, std::string_view suffix) {
+    return text.size() >= suffix.size() && text.substr(text.size() - suffix.size()) == suffix;
+}
+
+// Calls `visit` with the name of every entry of `directory`, read through a fresh open of it (a
+// dup would share, and move, the descriptor's position); quietly nothing when it cannot be read.
+template <class Visit>
+void ForEachEntry(int directory, Visit&& visit) {
+    const int fd = OpenDirectoryAt(directory, ".");
+    DIR* listing = fd >= 0 ? ::fdopendir(fd) : nullptr;
+    if (listing == nullptr) {
+        if (fd >= 0) ::close(fd);
+        return;
+    }
+    while (const dirent* entry = ::readdir(listing)) {
+        const std::string_view name(entry->d_name);
+        if (name != "." && name != "..") visit(name);
+    }
+    ::closedir(listing);
+}
+
+// Hands the package's bytes to a temporary file (the archive checks them on the way).
+class FileSink : public ChunkSink {
+public:
+    explicit FileSink(TemporaryFile& file) : file_(file) {}
+    bool Write(const char* data, size_t size) override {
+        stopStatus = file_.Write(data, size);
+        return stopStatus > 0;
+    }
+
+private:
+    TemporaryFile& file_;
+};
+
+}  // namespace
+
+bool IsTemporaryName(std::string_view name) {
+    if (name.empty() || name[0] != '.') return false;
+    name.remove_prefix(1);  // what remains is "<name><suffix>", with a name before the suffix
+    for (const std::string_view suffix : {".part", ".tmp"})
+        if (name.size() > suffix.size() && EndsWith(name, suffix)) return true;
+    return name.size() > 11 && name.substr(name.size() - 11, 5) == ".tmp.";  // libzip's mkstemp
+}
+
+std::string PartName(const Identity& identity, const Version& version) {
+    return "." + FormatIdentity(identity) + "_" + FormatVersion(version) + ".part";
+}
+
+std::string TemporaryPrefix(std::string_view name) { return "." + std::string(name) + "."; }
+
+namespace {
+
+// In the root only the temporaries of our own files count: someone else's ".notes.tmp" stays.
+bool IsRootTemporaryName(std::string_view name) {
+    for (const std::string_view file : {kIndexName, kSourceCatalogName, ".verified", kHeldCacheName}) {
+        const std::string prefix = TemporaryPrefix(file);
+        if (name.size() > prefix.size() && name.substr(0, prefix.size()) == prefix && EndsWith(name, kTemporarySuffix))
+            return true;
+    }
+    return name == ".server.ini.tmp";  // from earlier versions
+}
+
+}  // namespace
+
+std::set<std::string> NamesIn(int directory) {
+    std::set<std::string> names;
+    ForEachEntry(directory, [&](std::string_view name) { names.emplace(name); });
+    return names;
+}
+
+void RemoveStaleTemporaries(int root, int packages) {
+    for (const int directory : {root, packages}) {
+        std::vector<std::string> stale;
+        ForEachEntry(directory, [&](std::string_view name) {
+            // A part with its resume record is kept: the next mirror continues it, and removes it
+            // when it no longer wants it.
+            if (directory == root ? IsRootTemporaryName(name)
+                                  : IsTemporaryName(name) && !IsResumablePart(packages, std::string(name)))
+                stale.emplace_back(name);
+        });
+        // What cannot be removed (a full directory planted under such a name) stays: temporaries
+        // are always created under fresh names, so it is in nobody's way.
+        for (const std::string& name : stale) RemoveAt(directory, name);
+    }
+}
+
+std::map<Identity, Manifest> ReadHeld(int packages, HeldCache* cache) {
+    std::map<Identity, Manifest> held;
+    ForEachEntry(packages, [&](std::string_view name) {
+        if (!EndsWith(name, kMergedSuffix)) return;
+        const std::optional<Identity> identity = ParseIdentity(name.substr(0, name.size() - kMergedSuffix.size()));
+        if (!identity) return;
+        if (cache != nullptr) {
+            const CachedArchive* archive = cache->Find(packages, std::string(name));
+            if (archive != nullptr && archive->manifest.identity == *identity && !archive->manifest.versions.empty())
+                held.emplace(*identity, archive->manifest);
+            return;
+        }
+        const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages, std::string(name));
+        if (archive != nullptr && archive->manifest().identity == *identity && !archive->manifest().versions.empty())
+            held.emplace(*identity, archive->manifest());
+    });
+    return held;
+}
+
+namespace {
+
+ServedComponent ServedFrom(const Manifest& manifest, const std::map<std::string, EntryRange>* ranges,
+                           const std::string& merged) {
+    ServedComponent served{manifest, {}};
+    if (ranges == nullptr) return served;  // an archive we cannot read the layout of serves nothing
+    served.versions.reserve(manifest.versions.size());
+    for (const HeldVersion& held : manifest.versions) {
+        const auto range = ranges->find(EntryName(held));
+        if (range == ranges->end() || !range->second.stored || range->second.size != held.size) continue;
+        served.versions.push_back(Component{manifest.section, manifest.identity, held.version, "packages/" + merged,
+                                            held.size, held.sha256, range->second.offset, held.path});
+    }
+    return served;
+}
+
+}  // namespace
+
+ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache) {
+    const std::string merged = MergedArchiveName(manifest.identity);
+    std::optional<std::map<std::string, EntryRange>> read;
+    const std::map<std::string, EntryRange>* ranges = nullptr;
+    if (const CachedArchive* cached = cache != nullptr ? cache->Find(packages, merged) : nullptr) {
+        ranges = &cached->ranges;
+    } else if (cache == nullptr) {
+        const FileDescriptor fd(OpenFileAt(packages, merged));
+        if (fd.get() >= 0 && (read = ReadEntryRanges(fd.get()))) ranges = &*read;
+    }
+    return ServedFrom(manifest, ranges, merged);
+}
+
+ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldCache& cache) {
+    ServedCatalog served;
+    for (const std::string& merged : names) {
+        const std::string_view name(merged);
+        if (!EndsWith(name, kMergedSuffix)) continue;
+        const std::optional<Identity> identity = ParseIdentity(name.substr(0, name.size() - kMergedSuffix.size()));
+        if (!identity) continue;
+        const CachedArchive* archive = cache.Find(packages, merged);
+        if (archive != nullptr && archive->manifest.identity == *identity && !archive->manifest.versions.empty())
+            served.emplace_hint(served.end(), *identity, ServedFrom(archive->manifest, &archive->ranges, merged));
+    }
+    return served;
+}
+
+ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held, HeldCache* cache) {
+    ServedCatalog served;
+    for (const auto& [identity, manifest] : held) served.emplace(identity, Served(packages, manifest, cache));
+    return served;
+}
+
+namespace {
+
+// Every recorded product, naming those of its components that the catalog lists.
+void AddProducts(Catalog& catalog, const std::vector<const Manifest*>& manifests) {
+    std::map<std::pair<Identity, Version>, std::vector<Identity>> products;
+    for (const Manifest* manifest : manifests)
+        for (const ProductRef& product : manifest->products) products[{product.identity, product.version}];
+    std::set<Identity> listed;  // a lookup, not a scan per manifest: linear in the repository's size
+    for (const Component& component : catalog.components) listed.insert(component.identity);
+    for (const Manifest* manifest : manifests)
+        if (listed.count(manifest->identity) != 0)
+            for (const ProductRef& product : manifest->products)
+                products[{product.identity, product.version}].push_back(manifest->identity);
+    for (auto& [product, components] : products) catalog.products.push_back(Product{product.first, product.second, components});
+}
+
+}  // namespace
+
+std::string FormatSourceCatalog(const ServedCatalog& served) {
+    Catalog catalog;
+    std::vector<const Manifest*> manifests;
+    for (const auto& [identity, component] : served) {
+        catalog.components.insert(catalog.components.end(), component.versions.begin(), component.versions.end());
+        manifests.push_back(&component.manifest);
+    }
+    AddProducts(catalog, manifests);
+    return FormatCatalog(catalog);
+}
+
+ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
+                              const std::set<std::string>& leaving, HeldCache* cache) {
+    return WriteCatalogs(root, packages, ServedOf(packages, held, cache), leaving, NamesIn(packages));
+}
+
+ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
+                              const std::set<std::string>& present, const std::string* sourceCatalog) {
+    ZOVRELAY_Status status = WriteChangedFileAt(root, kSourceCatalogName,
+                                                sourceCatalog != nullptr ? *sourceCatalog : FormatSourceCatalog(served));
+    if (status <= 0) return status;
+    Catalog index;
+    std::vector<const Manifest*> manifests;
+    for (const auto& [identity, component] : served) {
+        const Manifest& manifest = component.manifest;
+        if (manifest.versions.empty()) continue;
+        manifests.push_back(&manifest);
+        const HeldVersion& newest = manifest.versions.front();
+        const std::string file = VersionArchiveName(identity, newest.version);
+        struct stat info {};
+        if (leaving.count(file) != 0 || present.count(file) == 0 ||
+            ::fstatat(packages, file.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 ||
+            !S_ISREG(info.st_mode) || uint64_t(info.st_size) != newest.size)
+            continue;
+        index.components.push_back(Component{manifest.section, identity, newest.version, "packages/" + file,
+                                             newest.size, newest.sha256, 0, {}});
+    }
+    AddProducts(index, manifests);
+    return WriteChangedFileAt(root, kIndexName, FormatCatalog(index));
+}
+
+std::map<Identity, std::vector<std::pair<Version, std::string>>> AllVersionArchives(const std::set<std::string>& names) {
+    std::map<Identity, std::vector<std::pair<Version, std::string>>> archives;
+    for (const std::string& file : names) {
+        const std::string_view name(file);
+        const size_t cut = name.find('_');
+        if (cut == std::string_view::npos || !EndsWith(name, ".zip") || EndsWith(name, kMergedSuffix)) continue;
+        const std::optional<Identity> identity = ParseIdentity(name.substr(0, cut));
+        const std::optional<Version> version = ParseVersion(name.substr(cut + 1, name.size() - cut - 5));
+        if (identity && version) archives[*identity].emplace_back(*version, file);
+    }
+    for (auto& [identity, list] : archives) std::sort(list.begin(), list.end());
+    return archives;
+}
+
+std::vector<std::pair<Version, std::string>> VersionArchives(int packages, const Identity& identity) {
+    const std::string prefix = FormatIdentity(identity) + "_";
+    std::vector<std::pair<Version, std::string>> archives;
+    ForEachEntry(packages, [&](std::string_view name) {
+        if (name.substr(0, prefix.size()) != prefix || !EndsWith(name, ".zip") || EndsWith(name, kMergedSuffix)) return;
+        const std::optional<Version> version = ParseVersion(name.substr(prefix.size(), name.size() - prefix.size() - 4));
+        if (version) archives.emplace_back(*version, std::string(name));
+    });
+    std::sort(archives.begin(), archives.end());
+    return archives;
+}
+
+ZOVRELAY_Status RemoveVersionArchives(int packages, const std::string& packagesPath, const std::vector<std::string>& names,
+                                      const Events& events) {
+    for (const std::string& name : names) {
+        const std::string path = packagesPath + "/" + name;
+        struct stat info {};
+        const uint64_t size = ::fstatat(packages, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 ? uint64_t(info.st_size) : 0;
+        if (!events.Raise(ZOVRELAY_EVENT_REMOVEBEGIN, path, size, 0)) return kCancelled;
+        if (::unlinkat(packages, name.c_str(), 0) != 0 && !events.Raise(ZOVRELAY_EVENT_REMOVEFAILED, path, size, 0))
+            return kCancelled;
+    }
+    return kSuccess;
+}
+
+ZOVRELAY_Status ExtractInto(const MergedArchive& archive, const HeldVersion& held, int directory,
+                            std::string_view prefix, std::string_view suffix, const std::string& target, bool lock) {
+    TemporaryFile temporary;
+    ZOVRELAY_Status status = temporary.Create(directory, prefix, suffix, target);
+    if (status <= 0) return status;
+    if (lock) ::flock(temporary.fd(), LOCK_EX | LOCK_NB);
+    FileSink sink(temporary);
+    status = archive.Extract(held, sink);
+    if (status > 0) status = temporary.ReplaceInto(target);
+    return status;
+}
+
+void RemoveAbandonedExports(int directory) {
+    std::vector<std::string> candidates;
+    ForEachEntry(directory, [&](std::string_view name) {
+        if (name.size() > kExportSuffix.size() + 1 && name[0] == '.' && EndsWith(name, kExportSuffix))
+            candidates.emplace_back(name);
+    });
+    const int64_t now = int64_t(::time(nullptr));
+    for (const std::string& name : candidates) {
+        const FileDescriptor fd(OpenFileAt(directory, name));
+        struct stat info {};
+        if (fd.get() < 0 || ::fstat(fd.get(), &info) != 0 || now - int64_t(info.st_mtime) < 60 ||
+            ::flock(fd.get(), LOCK_EX | LOCK_NB) != 0)
+            continue;
+        ::unlinkat(directory, name.c_str(), 0);
+    }
+}
+
+}  // namespace localrelay

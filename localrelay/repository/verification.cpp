@@ -1,0 +1,72 @@
+#include "repository/verification.h"
+#include "base/files.h"
+#include "base/status.h"
+
+#include "transfer/package.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <vector>
+
+#include <algorithm>
+#include <charconv>
+
+namespace localrelay {
+
+VerificationRecord ReadVerification(int root) {
+    VerificationRecord record;
+    const std::string text = ReadWholeFileAt(root, kVerificationName, 64u << 20).value_or("");
+    // Lines "name size inode device mtime-ns verified-at"; a malformed one is skipped.
+    for (const char *at = text.data(), *end = at + text.size(); at < end;) {
+        const char* const stop = std::find(at, end, '\n');
+        const char* next = std::find(at, stop, ' ');
+        const std::string name(at, next);
+        at = stop + (stop < end ? 1 : 0);
+        bool ok = !name.empty();
+        const auto take = [&](auto& field) {
+            if (!ok || next == stop || *next != ' ') return void(ok = false);
+            const auto [after, error] = std::from_chars(next + 1, stop, field);
+            ok = error == std::errc() && after != next + 1;
+            next = after;
+        };
+        Verified verified;
+        take(verified.file.size), take(verified.file.inode), take(verified.file.device), take(verified.file.modified),
+            take(verified.at);
+        if (ok && next == stop) record[name] = verified;
+    }
+    return record;
+}
+
+ZOVRELAY_Status WriteVerification(int root, const VerificationRecord& record) {
+    std::string text;
+    for (const auto& [name, v] : record)
+        text += name + " " + std::to_string(v.file.size) + " " + std::to_string(v.file.inode) + " " +
+                std::to_string(v.file.device) + " " + std::to_string(v.file.modified) + " " + std::to_string(v.at) + "\n";
+    return WriteChangedFileAt(root, kVerificationName, text);
+}
+
+bool FileMatches(int fd, uint64_t size, const std::string& sha256) {
+    CheckingSink checking(size);
+    std::vector<char> buffer(64 * 1024);
+    for (off_t at = 0;;) {
+        const ssize_t n = ::pread(fd, buffer.data(), buffer.size(), at);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return false;
+        if (n == 0) return checking.Check(sha256) > 0;
+        if (!checking.Write(buffer.data(), size_t(n))) return false;
+        at += n;
+    }
+}
+
+bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now) {
+    const auto found = record.find(name);
+    if (found == record.end() || !(found->second.file == file)) return true;
+    // File times move in clock ticks: a change made within a second of the modification we
+    // recorded could leave the same time behind. Such a record proves nothing; verify again.
+    const int64_t modified = found->second.file.modified / 1000000000;
+    return modified + 1 >= found->second.at || now - found->second.at >= kVerificationInterval ||
+           found->second.at > now;  // a clock set back must not postpone it for years
+}
+
+}  // namespace localrelay

@@ -1,0 +1,40 @@
+// When held versions are read back in full. Reading every byte of a large repository every night
+// would cost more than the mirror itself, so each merged archive is verified when it changed since
+// its last full verification (another size, modification time or inode: rewritten, replaced,
+// restored from a backup) and otherwise at least once a week. The record is the hidden file
+// ".verified" in the repository's root, which the module's clean-up never touches.
+#ifndef LOCALRELAY_VERIFICATION_H
+#define LOCALRELAY_VERIFICATION_H
+
+#include "archive/archive.h"
+
+#include <cstdint>
+#include <map>
+#include <string>
+
+namespace localrelay {
+
+inline constexpr const char* kVerificationName = ".verified";
+inline constexpr int64_t kVerificationInterval = 7 * 24 * 3600;  // seconds
+
+struct Verified {
+    FileIdentity file;
+    int64_t at = 0;  // seconds since the epoch of the last full verification
+};
+
+// Archive file name -> its last full verification. A missing or malformed record is empty: every
+// archive is then verified once.
+using VerificationRecord = std::map<std::string, Verified>;
+
+VerificationRecord ReadVerification(int root);
+ZOVRELAY_Status WriteVerification(int root, const VerificationRecord& record);
+
+// The file open at `fd` holds exactly `size` bytes with this SHA-256 (read whole).
+bool FileMatches(int fd, uint64_t size, const std::string& sha256);
+
+// The archive `name`, as opened now, must be read back in full.
+bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now);
+
+}  // namespace localrelay
+
+#endif

@@ -1,0 +1,142 @@
+#include "run/sources.h"
+#include "base/failure.h"
+#include "repository/repository.h"
+#include "base/status.h"
+#include "base/wide.h"
+
+#include <algorithm>
+
+namespace localrelay {
+namespace {
+
+bool Narrow(const wchar_t* text, std::string& bytes) {
+    if (text == nullptr) {
+        bytes.clear();
+        return true;
+    }
+    std::optional<std::string> narrowed = NarrowWide(text);
+    if (!narrowed) return false;
+    bytes = std::move(*narrowed);
+    return true;
+}
+
+}  // namespace
+
+ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options,
+                           LoadedSource& loaded, Pool* pool, size_t* served, RunLog* log) {
+    Failure failure{kNoSourceReachable, "no source address given"};
+    std::string failed;  // the catalog's address
+    auto refused = [&](const std::string& address, const std::string& catalog, ZOVRELAY_Status status,
+                       const std::string& reason) {
+        if (log != nullptr) log->sourcesTried.push_back(SourceAttempt{address, status, reason});
+        if (failed.empty() || (status == kInvalidCatalog && failure.status != kInvalidCatalog)) {
+            failure = Failure{status, reason};
+            failed = catalog;
+        }
+    };
+    for (size_t i = 0; i < count; ++i) {
+        const ZOVRELAY_Source& source = sources[i];
+        if (source.url == nullptr) continue;
+        LoadedSource candidate;
+        candidate.settings.maxBandwidth = options.maxBandwidth;
+        candidate.settings.httpsLevel = options.httpsLevel;
+        candidate.settings.pool = pool;
+        if (!Narrow(source.url, candidate.address)) return kInvalidArgument;
+        if (const ZOVRELAY_Proxy* proxy = source.proxy) {
+            ProxySettings& settings = candidate.settings.proxy;
+            if (!Narrow(proxy->host, settings.host) || !Narrow(proxy->user, settings.user) ||
+                !Narrow(proxy->password, settings.password))
+                return kInvalidArgument;
+            settings.used = !settings.host.empty();  // a proxy without a host is no proxy
+            settings.type = proxy->type;
+            settings.port = proxy->port;
+        }
+        // A source that is not a repository of ours has no source.ini: what its server.ini
+        // answered is the reason, unless either catalog was malformed.
+        Failure refusal{kNoSourceReachable, ""};
+        std::string refusedAt;
+        const auto note = [&](const std::string& address, ZOVRELAY_Status status, const std::string& reason) {
+            if (refusal.status == kInvalidCatalog && status != kInvalidCatalog) return;
+            refusal = Failure{status, reason};
+            refusedAt = address;
+        };
+        // Over HTTP both catalogs are asked for at once: a source that is no repository of ours
+        // answers source.ini with 404, and asking in turn cost a round trip every run. The
+        // server.ini request stops as soon as source.ini is coming.
+        const std::vector<std::string> addresses{JoinAddress(candidate.address, kSourceCatalogName),
+                                                 JoinAddress(candidate.address, kIndexName)};
+        std::vector<std::string> texts(2);
+        std::vector<Fetched> first;
+        if (IsHttpAddress(candidate.address)) FetchFirstText(addresses, candidate.settings, texts, first);
+        for (const char* name : {kSourceCatalogName, kIndexName}) {
+            const size_t k = name == kSourceCatalogName ? 0 : 1;
+            std::string text, error;
+            const std::string& address = addresses[k];
+            bool transient = false;
+            ZOVRELAY_Status status;
+            if (first.empty() || first[k].stopped || (first[k].status <= 0 && first[k].attempt.transient)) {
+                status = FetchText(address, candidate.settings, text, 64u << 20, &error, &transient);
+            } else {
+                status = first[k].status, error = first[k].error, text = std::move(texts[k]);
+            }
+            if (status == kOutOfMemory) return status;
+            if (status <= 0) {
+                note(address, status, error);
+                // A repository's source.ini that is only unreachable for now must not make way for
+                // its server.ini, which names far less: the source is down, try the next.
+                if (transient) break;
+                continue;
+            }
+            std::optional<Catalog> catalog = ParseCatalog(text, &error);
+            if (!catalog) {
+                note(address, kInvalidCatalog, "invalid catalog (" + error + ")");
+                continue;
+            }
+            if (log != nullptr) {
+                log->sourcesTried.push_back(SourceAttempt{candidate.address, kSuccess, ""});
+                log->servedBy = candidate.address;
+            }
+            candidate.catalog = std::move(*catalog);
+            candidate.catalogName = name;
+            loaded = std::move(candidate);
+            if (served != nullptr) *served = i;
+            return kSuccess;
+        }
+        refused(candidate.address, refusedAt, refusal.status, refusal.reason);
+    }
+    return Fail(failure.status, failure.reason, failed);
+}
+
+bool Alternates::Find(const Component& component, size_t& after, const LoadedSource*& source,
+                      const Component*& listed) {
+    for (size_t i = std::max(after + 1, next_); i < count_; ++i) {
+        Loaded& entry = loaded_[i];
+        if (entry.source == nullptr && entry.index.empty()) {
+            auto candidate = std::make_unique<LoadedSource>();
+            if (LoadSource(&sources_[i], 1, options_, *candidate, pool_) > 0) {
+                for (const Component& c : candidate->catalog.components) entry.index[{c.identity, c.version}] = &c;
+                entry.source = std::move(candidate);
+            } else {
+                entry.index[{}] = nullptr;  // tried: never loaded again
+            }
+        }
+        if (entry.source == nullptr) continue;
+        const auto found = entry.index.find({component.identity, component.version});
+        if (found == entry.index.end() || found->second->size != component.size ||
+            found->second->sha256 != component.sha256)
+            continue;
+        after = i;
+        source = entry.source.get();
+        listed = found->second;
+        return true;
+    }
+    return false;
+}
+
+std::optional<Catalog> ReloadCatalog(const LoadedSource& source) {
+    std::string text;
+    if (FetchText(JoinAddress(source.address, source.catalogName), source.settings, text) <= 0) return std::nullopt;
+    return ParseCatalog(text);
+}
+
+}  // namespace localrelay

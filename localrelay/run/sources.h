@@ -1,0 +1,62 @@
+// Choosing the source that serves an operation: the first, in the order given, whose catalog loads.
+#ifndef LOCALRELAY_SOURCES_H
+#define LOCALRELAY_SOURCES_H
+
+#include "catalog/catalog.h"
+#include "run/options.h"
+#include "run/runlog.h"
+#include "transfer/transfer.h"
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace localrelay {
+
+struct LoadedSource {
+    std::string address;
+    TransferSettings settings;  // the context's limits with this source's proxy
+    Catalog catalog;
+    std::string catalogName;  // the file it came from: source.ini of a repository, else server.ini
+};
+
+// Sources with a null address are skipped. kInvalidArgument for a string that names no
+// characters; otherwise, when no catalog loads, kInvalidCatalog if some source answered with a
+// malformed one, else the first source's failure (the one the administrator looks at first),
+// with its address and reason as the failure's detail. Each source tried goes into `log`.
+// A source's catalog is its source.ini when it has one that parses (a repository written by this
+// relay), otherwise its server.ini.
+// Transfers go through `pool` when given; `served`, when given, receives the serving source's index.
+ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options, LoadedSource& loaded,
+                           Pool* pool = nullptr, size_t* served = nullptr, RunLog* log = nullptr);
+
+// The sources after the serving one, for packages it cannot deliver: each catalog is loaded at
+// most once, and only when a package first needs it.
+class Alternates {
+public:
+    Alternates(const ZOVRELAY_Source* sources, size_t count, size_t served, const Options& options, Pool* pool)
+        : sources_(sources), count_(count), next_(served + 1), options_(options), pool_(pool) {}
+    // The first source after index `after` whose catalog lists `component` at the same version,
+    // size and SHA-256, with the component as it lists it; false when none does.
+    bool Find(const Component& component, size_t& after, const LoadedSource*& source, const Component*& listed);
+
+private:
+    struct Loaded {
+        std::unique_ptr<LoadedSource> source;  // nullptr: it cannot serve
+        std::map<std::pair<Identity, Version>, const Component*> index;
+    };
+    const ZOVRELAY_Source* sources_;
+    size_t count_, next_;
+    const Options& options_;
+    Pool* pool_;
+    std::map<size_t, Loaded> loaded_;
+};
+
+// The serving source's catalog read again (from the same file): after a package's byte range no
+// longer matched, the source's archives may have been replaced since it was first read.
+std::optional<Catalog> ReloadCatalog(const LoadedSource& source);
+
+}  // namespace localrelay
+
+#endif
