@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <charconv>
+#include <functional>
 
 namespace localrelay {
 
@@ -59,13 +60,27 @@ bool FileMatches(int fd, uint64_t size, const std::string& sha256) {
     }
 }
 
+std::optional<std::string> FileDigest(int fd) {
+    Sha256 digest;
+    std::vector<char> buffer(64 * 1024);
+    for (off_t at = 0;;) {
+        const ssize_t n = ::pread(fd, buffer.data(), buffer.size(), at);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return std::nullopt;
+        if (n == 0) return digest.HexDigest();
+        digest.Update(buffer.data(), size_t(n));
+        at += n;
+    }
+}
+
 bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now) {
     const auto found = record.find(name);
     if (found == record.end() || !(found->second.file == file)) return true;
     // File times move in clock ticks: a change made within a second of the modification we
     // recorded could leave the same time behind. Such a record proves nothing; verify again.
     const int64_t modified = found->second.file.modified / 1000000000;
-    return modified + 1 >= found->second.at || now - found->second.at >= kVerificationInterval ||
+    const int64_t interval = kVerificationInterval - int64_t(std::hash<std::string>{}(name) % (kVerificationInterval / 2));
+    return modified + 1 >= found->second.at || now - found->second.at >= interval ||
            found->second.at > now;  // a clock set back must not postpone it for years
 }
 

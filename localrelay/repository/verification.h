@@ -10,6 +10,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 namespace localrelay {
@@ -31,8 +32,12 @@ ZOVRELAY_Status WriteVerification(int root, const VerificationRecord& record);
 
 // The file open at `fd` holds exactly `size` bytes with this SHA-256 (read whole).
 bool FileMatches(int fd, uint64_t size, const std::string& sha256);
+// The SHA-256 of the whole file open at `fd`; nullopt when it cannot be read.
+std::optional<std::string> FileDigest(int fd);
 
-// The archive `name`, as opened now, must be read back in full.
+// The archive `name`, as opened now, must be read back in full. The week is shortened by up to
+// half of it, by a fraction that the name decides: archives verified together the first time fall
+// due on different nights after, so no night reads the whole repository back.
 bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now);
 
 }  // namespace localrelay

@@ -1,0 +1,108 @@
+// Executing a plan: what the steps of one run share (the repository, the source, the records they
+// keep up to date, the outcome so far), the storing of merged and per-version archives
+// (store.cpp) and the downloads (fetch.cpp). Internal to run/.
+#ifndef LOCALRELAY_EXECUTION_H
+#define LOCALRELAY_EXECUTION_H
+
+#include "archive/zipwriter.h"
+#include "base/events.h"
+#include "base/files.h"
+#include "repository/lock.h"
+#include "run/options.h"
+#include "run/plan.h"
+#include "run/runlog.h"
+#include "run/sources.h"
+#include "run/survey.h"
+#include "transfer/downloader.h"
+
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace localrelay {
+
+// Failures of one package leave the rest of the run going; these stop it at once: the repository
+// cannot take more until the administrator acts.
+bool StopsTheRun(ZOVRELAY_Status status);
+// Failures of the repository's own files, whose message names the file rather than the package.
+bool RepositoryFailure(ZOVRELAY_Status status);
+
+struct RunContext {
+    RunContext(const Repository& repository, const Options& options, const Events& events, const LoadedSource& source,
+               RunLog* log, Alternates* alternates, HeldState& state, const Selection& selection, const Plan& plan,
+               int64_t now);
+
+    int root, packages;
+    std::string packagesPath;
+    const Options& options;
+    const Events& events;
+    const LoadedSource& source;
+    RunLog* log;
+    Alternates* alternates;
+    HeldState& state;  // the records, told of everything the run changes
+    const Selection& selection;
+    const Plan& plan;
+    int64_t now;
+
+    std::map<Identity, Manifest> final;  // what each planned component holds afterwards
+    std::vector<std::string> leaving;    // per-version archives beyond keepcount
+    bool servedExact = true;             // state.served is what the repository holds: no write failed half-way
+    bool verifiedChanged = false;
+    ZOVRELAY_Status failure = kSuccess;  // the first failure that did not stop the run
+
+    void Note(ZOVRELAY_Status status) {
+        if (failure > 0) failure = status;
+    }
+    void RecordVerified(const std::string& name, const FileIdentity& file) {
+        state.verified[name] = Verified{file, now};
+        verifiedChanged = true;
+    }
+    // The component's merged archive; nullptr when there is none we can trust, which is then replaced.
+    std::unique_ptr<MergedArchive> OpenMerged(const Identity& identity) const;
+    // A package that failed is reported as it happens, by a "downloadend" whose `finished` (the
+    // bytes verified, 0) differs from `total` and whose information is "<path>: <reason>", and goes
+    // into the run log. The run goes on unless the failure stops it; the first failure is the
+    // run's status.
+    ZOVRELAY_Status Failed(PackageOutcome outcome, ZOVRELAY_Status status, std::string reason, const std::string& object,
+                           bool raise = true);
+    void Log(const Identity& identity, const HeldVersion& held, const char* action, ZOVRELAY_Status status,
+             const Download* d = nullptr);
+    PackageOutcome Outcome(const Component& component, const char* action) const;
+};
+
+// Writes what a component's downloads brought into its merged archive (and per-version archives),
+// and heals per-version archives from their merged archive.
+class Storer {
+public:
+    explicit Storer(RunContext& run) : run_(run) {}
+    // `fresh`: the component's verified downloads, in their part files.
+    ZOVRELAY_Status Store(size_t component, const std::map<Version, const Download*>& fresh);
+    void Settle(size_t component);  // nothing to write: keepcount only
+    bool HealVersionArchives(const HeldView& view);  // whether it changed packages/
+
+private:
+    ZOVRELAY_Status BuildArchive(const ComponentPlan& plan, Manifest& next, const std::map<Version, const Download*>& fresh,
+                                 const MergedArchive* previous, std::map<Version, std::unique_ptr<TemporaryFile>>& copies,
+                                 std::string& built);
+    ZOVRELAY_Status CopyVersions(const ComponentPlan& plan, Manifest& next, const std::map<Version, const Download*>& fresh,
+                                 const Download* base, const MergedArchive* previous, ZipWriter& writer,
+                                 std::map<Version, std::unique_ptr<TemporaryFile>>& copies);
+    ZOVRELAY_Status Replace(const ComponentPlan& plan, const Manifest& next, const std::string& built,
+                            std::unique_ptr<MergedArchive>& previous);
+    ZOVRELAY_Status NotStored(const Identity& identity, ZOVRELAY_Status status, bool unnamed, const std::string& built);
+    ZOVRELAY_Status KeepVersionArchives(const ComponentPlan& plan, const Manifest& manifest,
+                                        std::map<Version, std::unique_ptr<TemporaryFile>>& copies);
+
+    RunContext& run_;
+};
+
+// Downloads every package the plan lacks from one queue, storing each component as soon as its
+// last download ended, so that a run cut short keeps every component it completed. `planned`
+// gets every download, for the parts a later run may continue.
+ZOVRELAY_Status FetchAndStore(RunContext& run, Storer& storer, const std::vector<size_t>& components,
+                              std::vector<Download>& planned);
+
+}  // namespace localrelay
+
+#endif

@@ -1,0 +1,312 @@
+// Storing a component: its merged archive written anew around what was downloaded, checked, and
+// renamed into place; its per-version archives kept with buildpatch; per-version archives healed.
+#include "archive/ziplayout.h"
+#include "archive/zipwriter.h"
+#include "base/failure.h"
+#include "base/files.h"
+#include "base/status.h"
+#include "run/execution.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace localrelay {
+namespace {
+
+// Where an entry's data start in a merged archive: with buildpatch, a package large enough for
+// it starts on a block boundary, so that its per-version archive (and the archive's next rewrite)
+// can share its blocks instead of storing it again. Smaller ones would gain less than the padding.
+uint64_t Alignment(const Options& options, uint64_t size) {
+    return options.buildPatch != 0 && size >= 16 * kShareableBlock ? kShareableBlock : 0;
+}
+
+// A verified part file in packages/, removed unless released (after it was renamed).
+class Part {
+public:
+    Part(int directory, std::string name) : packages_(directory), name_(std::move(name)) {}
+    Part(const Part&) = delete;
+    Part& operator=(const Part&) = delete;
+    ~Part() {
+        if (!name_.empty()) ::unlinkat(packages_, name_.c_str(), 0);
+    }
+    const std::string& name() const { return name_; }
+    void Release() { name_.clear(); }
+
+private:
+    int packages_;
+    std::string name_;
+};
+
+// The file the new archive is written into: the largest download's part, whose bytes already
+// follow a reserved header (so they are written once), or else a fresh temporary.
+ZOVRELAY_Status OpenBuilt(int packages, const Identity& identity, const Download* base, FileDescriptor& file,
+                          std::string& built) {
+    if (base != nullptr) {
+        file = FileDescriptor(OpenOwnFileAt(packages, base->part));
+        if (file.get() < 0) return FileStatus(errno);
+        built = base->part;
+        return kSuccess;
+    }
+    TemporaryFile temporary;
+    const std::string merged = MergedArchiveName(identity);
+    const ZOVRELAY_Status created = temporary.Create(packages, TemporaryPrefix(merged), kTemporarySuffix, "packages/" + merged);
+    if (created <= 0) return created;
+    file = FileDescriptor(::fcntl(temporary.fd(), F_DUPFD_CLOEXEC, 0));
+    if (file.get() < 0) return FileStatus(errno);
+    built = temporary.name();
+    temporary.Keep();  // the caller renames it, or removes it when anything fails
+    return kSuccess;
+}
+
+}  // namespace
+
+ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Download*>& fresh) {
+    const ComponentPlan& plan = run_.plan.components[index];
+    std::unique_ptr<MergedArchive> previous = run_.OpenMerged(plan.identity);
+    Manifest manifest;
+    if (previous != nullptr) manifest = previous->manifest();
+    manifest.identity = plan.identity;
+
+    // The verified downloads, in hidden part files that go unless they become the archive.
+    std::map<Version, std::unique_ptr<Part>> parts;
+    std::vector<const Component*> stored;
+    for (const Component* component : plan.Downloads()) {
+        const auto done = fresh.find(component->version);
+        if (done == fresh.end()) continue;
+        parts[component->version] = std::make_unique<Part>(run_.packages, done->second->part);
+        stored.push_back(component);
+    }
+    // Copies the survey found damaged are not carried over; what replaces them was downloaded.
+    Manifest base = manifest;
+    base.versions.erase(std::remove_if(base.versions.begin(), base.versions.end(),
+                                       [&](const HeldVersion& v) {
+                                           return std::find(plan.damaged.begin(), plan.damaged.end(), v.version) !=
+                                                  plan.damaged.end();
+                                       }),
+                        base.versions.end());
+    Manifest next = NextManifest(run_.source.catalog, run_.selection.components[index], std::move(base), stored, run_.options);
+
+    std::map<Version, std::unique_ptr<TemporaryFile>> copies;  // per-version archives to be
+    if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest) ||
+                                   !fresh.empty() || !plan.damaged.empty())) {
+        std::string built;  // the name the new archive is written under
+        ZOVRELAY_Status status = BuildArchive(plan, next, fresh, previous.get(), copies, built);
+        const bool unnamed = status <= 0;  // the writer's failures name no file; the file helpers' name theirs
+        if (status > 0 && next.versions.empty()) {  // nothing held verified: the old archive stays
+            ::unlinkat(run_.packages, built.c_str(), 0);
+            return kSuccess;
+        }
+        if (status > 0) status = Replace(plan, next, built, previous);
+        if (status > 0)
+            for (auto& [version, part] : parts)
+                if (part->name() == built) part->Release();
+        if (status <= 0) return NotStored(plan.identity, status, unnamed, built);
+    }
+    run_.final[plan.identity] = next;
+    return KeepVersionArchives(plan, next, copies);
+}
+
+// source.ini must never name a range of the archive being replaced: it stops listing the
+// component first, and lists its new ranges once the new archive is in place. A component it did
+// not list yet is added when the run ends (the caller rewrites both catalogs).
+ZOVRELAY_Status Storer::Replace(const ComponentPlan& plan, const Manifest& next, const std::string& built,
+                                std::unique_ptr<MergedArchive>& previous) {
+    HeldState& state = run_.state;
+    const std::string merged = MergedArchiveName(plan.identity);
+    const bool listed = state.served.erase(plan.identity) != 0;
+    state.sourceCatalog.reset();
+    ZOVRELAY_Status status = kSuccess;
+    if (listed) status = WriteWholeFileAt(run_.root, kSourceCatalogName, FormatSourceCatalog(state.served));
+    if (status > 0) {
+        previous.reset();
+        status = ReplaceAt(run_.packages, built, merged);
+    }
+    if (status > 0) {
+        state.served[plan.identity] = Served(run_.packages, next);
+        if (listed) status = WriteWholeFileAt(run_.root, kSourceCatalogName, FormatSourceCatalog(state.served));
+    }
+    if (status <= 0) return status;
+    // Every byte was checked as it was written, and the layout on reopening: the archive is
+    // verified as it is now.
+    if (const std::unique_ptr<MergedArchive> written = run_.OpenMerged(plan.identity))
+        run_.RecordVerified(merged, written->file());
+    return kSuccess;
+}
+
+// A merged archive that could not be written: what this run downloaded for it is lost with it.
+ZOVRELAY_Status Storer::NotStored(const Identity& identity, ZOVRELAY_Status status, bool unnamed, const std::string& built) {
+    const Failure cause = FromErrno(errno);
+    run_.servedExact = false;
+    if (!built.empty()) ::unlinkat(run_.packages, built.c_str(), 0);
+    if (status == kIoError && RepositoryFailure(cause.status)) status = cause.status;
+    const std::string reason = status == cause.status ? cause.reason : "cannot write";
+    if (unnamed && (run_.failure > 0 || StopsTheRun(status))) Fail(status, reason, "packages/" + MergedArchiveName(identity));
+    const std::string identityText = FormatIdentity(identity);
+    if (run_.log != nullptr)
+        for (PackageOutcome& outcome : run_.log->packages)
+            if (outcome.identity == identityText && outcome.action == "download" && outcome.status > 0)
+                outcome.status = status, outcome.reason = "not stored: " + reason;
+    if (StopsTheRun(status)) return status;
+    run_.Note(status);
+    return kSuccess;
+}
+
+// Writes the merged archive of `next` under a hidden name in packages/ (`built`), complete and
+// checked, for the caller to rename into place. With buildpatch, each new version's per-version
+// archive is made first (`copies`), sharing the part's blocks where the file system can.
+ZOVRELAY_Status Storer::BuildArchive(const ComponentPlan& plan, Manifest& next,
+                                     const std::map<Version, const Download*>& fresh, const MergedArchive* previous,
+                                     std::map<Version, std::unique_ptr<TemporaryFile>>& copies, std::string& built) {
+    const Download* base = nullptr;  // the largest download: its part becomes the archive
+    for (const HeldVersion& held : next.versions) {
+        const auto f = fresh.find(held.version);
+        if (f != fresh.end() && (base == nullptr || f->second->size > base->size)) base = f->second;
+    }
+    FileDescriptor file;
+    ZOVRELAY_Status status = OpenBuilt(run_.packages, plan.identity, base, file, built);
+    if (status <= 0) return status;
+    if (run_.options.buildPatch != 0) {
+        for (const auto& [version, d] : fresh) {
+            if (next.Find(version) == nullptr) continue;
+            const FileDescriptor part(OpenFileAt(run_.packages, d->part));
+            const std::string target = VersionArchiveName(plan.identity, version);
+            auto copy = std::make_unique<TemporaryFile>();
+            status = copy->Create(run_.packages, TemporaryPrefix(target), kTemporarySuffix, "packages/" + target);
+            if (status > 0) status = part.get() >= 0 ? CopyRange(part.get(), d->headroom, d->size, copy->fd(), 0) : FileStatus(errno);
+            if (status <= 0) return status;
+            copies[version] = std::move(copy);
+        }
+    }
+    ZipWriter writer(file.get(), base != nullptr ? base->headroom + base->size : 0);
+    if (base != nullptr) {
+        const HeldVersion* first = nullptr;
+        for (const HeldVersion& held : next.versions)
+            if (fresh.count(held.version) != 0 && fresh.at(held.version) == base) first = &held;
+        status = writer.Adopt(EntryName(*first), 0, base->size, base->crc32, Alignment(run_.options, base->size));
+    }
+    if (status > 0) status = CopyVersions(plan, next, fresh, base, previous, writer, copies);
+    if (status <= 0 || next.versions.empty()) return status;
+    if ((status = writer.Add(kManifestEntry, FormatManifest(next))) <= 0 || (status = writer.Finish()) <= 0) return status;
+    const std::unique_ptr<MergedArchive> written = MergedArchive::Open(run_.packages, built, true);
+    if (written == nullptr || FormatManifest(written->manifest()) != FormatManifest(next)) return kIntegrityFailed;
+    return kSuccess;
+}
+
+// Every version but the adopted one is copied in, checked on the way: a held copy that no longer
+// verifies is left out of `next` (so a damaged repository heals on the next run) and reported
+// when it is wanted.
+ZOVRELAY_Status Storer::CopyVersions(const ComponentPlan& plan, Manifest& next,
+                                     const std::map<Version, const Download*>& fresh, const Download* base,
+                                     const MergedArchive* previous, ZipWriter& writer,
+                                     std::map<Version, std::unique_ptr<TemporaryFile>>& copies) {
+    const std::optional<std::map<std::string, EntryRange>> ranges =
+        previous != nullptr ? ReadEntryRanges(previous->fd()) : std::nullopt;
+    for (auto held = next.versions.begin(); held != next.versions.end();) {
+        const auto f = fresh.find(held->version);
+        if (base != nullptr && f != fresh.end() && f->second == base) {
+            ++held;
+            continue;
+        }
+        const std::string name = EntryName(*held);
+        const uint64_t align = Alignment(run_.options, held->size);
+        ZOVRELAY_Status copied = kIntegrityFailed;
+        if (f != fresh.end()) {
+            const FileDescriptor part(OpenFileAt(run_.packages, f->second->part));
+            if (part.get() >= 0) copied = writer.Copy(name, part.get(), f->second->headroom, held->size, held->sha256, align);
+        } else if (ranges) {
+            const auto range = ranges->find(name);
+            if (range != ranges->end() && range->second.stored && range->second.size == held->size)
+                copied = writer.Copy(name, previous->fd(), range->second.offset, held->size, held->sha256, align);
+        }
+        if (copied > 0) {
+            ++held;
+            continue;
+        }
+        if (copied != kIntegrityFailed) return copied;
+        const bool wanted = std::any_of(plan.versions.begin(), plan.versions.end(),
+                                        [&](const PlannedVersion& v) { return v.component->version == held->version; });
+        if (wanted) {
+            PackageOutcome outcome{held->path, FormatIdentity(plan.identity), FormatVersion(held->version), "", "verify",
+                                   held->size, 0, 0, kSuccess, ""};
+            const ZOVRELAY_Status stop = run_.Failed(outcome, kIntegrityFailed, "held copy failed its check; dropped", held->path);
+            if (stop <= 0) return stop;
+        }
+        copies.erase(held->version);
+        held = next.versions.erase(held);
+    }
+    return kSuccess;
+}
+
+// Per-version archives are made only for versions this run downloaded: a version held already is
+// served from its merged archive, and rebuilding the copies the module's clean-up deletes would
+// write and delete the same files every night. Pruning beyond keepcount happens after the index
+// stops naming the files (see the caller of Mirror).
+ZOVRELAY_Status Storer::KeepVersionArchives(const ComponentPlan& plan, const Manifest& manifest,
+                                            std::map<Version, std::unique_ptr<TemporaryFile>>& copies) {
+    for (auto& [version, copy] : copies) {
+        if (manifest.Find(version) == nullptr) continue;
+        const std::string target = VersionArchiveName(plan.identity, version);
+        struct stat info {};
+        // Republished (or healed) bytes replace a file the index may name: it stops naming it first.
+        if (::fstatat(run_.packages, target.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+            WriteCatalogs(run_.root, run_.packages, ReadHeld(run_.packages), {target});
+        const ZOVRELAY_Status status = copy->ReplaceInto(target);
+        if (StopsTheRun(status)) return status;
+        if (status <= 0) run_.Note(status);
+    }
+    if (run_.options.keepCount > 0) {
+        const std::vector<std::pair<Version, std::string>> archives = VersionArchives(run_.packages, plan.identity);
+        for (size_t i = 0; i + size_t(run_.options.keepCount) < archives.size(); ++i)
+            run_.leaving.push_back(archives[i].second);
+    }
+    return kSuccess;
+}
+
+void Storer::Settle(size_t index) {
+    const ComponentPlan& plan = run_.plan.components[index];
+    if (const Manifest* held = run_.state.served.count(plan.identity) ? &run_.state.served.at(plan.identity).manifest : nullptr)
+        run_.final[plan.identity] = *held;
+    run_.leaving.insert(run_.leaving.end(), plan.pruned.begin(), plan.pruned.end());
+}
+
+// Per-version archives follow the same verification policy, checked against their merged
+// archive's manifest: one whose bytes differ is written again from the merged archive (removed
+// when that fails), so the index never names garbage. What the survey read is not read again.
+bool Storer::HealVersionArchives(const HeldView& view) {
+    bool changed = false;
+    for (const auto& [identity, archives] : AllVersionArchives(run_.state.packages.names())) {
+        const auto served = run_.state.served.find(identity);
+        const auto surveyed = view.versionArchives.find(identity);
+        std::unique_ptr<MergedArchive> merged;
+        for (const auto& [version, name] : archives) {
+            const HeldVersion* held = served != run_.state.served.end() ? served->second.manifest.Find(version) : nullptr;
+            const FileDescriptor fd(OpenFileAt(run_.packages, name));
+            const std::optional<FileIdentity> file = fd.get() >= 0 ? FileIdentityOf(fd.get()) : std::nullopt;
+            if (held == nullptr || !file) continue;
+            std::optional<std::string> digest;
+            if (surveyed != view.versionArchives.end())
+                for (const VersionArchive& archive : surveyed->second)
+                    if (archive.name == name && archive.file == *file) digest = archive.sha256;
+            const bool due = digest || NeedsVerification(run_.state.verified, name, *file, run_.now);
+            if (!due) continue;
+            if (digest ? file->size == held->size && *digest == held->sha256 : FileMatches(fd.get(), held->size, held->sha256)) {
+                run_.RecordVerified(name, *file);
+                continue;
+            }
+            if (merged == nullptr) merged = run_.OpenMerged(identity);
+            const ZOVRELAY_Status status =
+                merged != nullptr ? ExtractInto(*merged, *held, run_.packages, TemporaryPrefix(name), kTemporarySuffix, name)
+                                  : kIntegrityFailed;
+            if (status <= 0) RemoveAt(run_.packages, name);
+            run_.Log(identity, *held, "heal", status);
+            changed = true;
+        }
+    }
+    return changed;
+}
+
+}  // namespace localrelay
