@@ -2,6 +2,7 @@
 #include "api/context.h"
 #include "base/failure.h"
 #include "api/library.h"
+#include "api/runmode.h"
 #include "repository/repository.h"
 #include "base/status.h"
 #include "base/wide.h"
@@ -40,7 +41,7 @@ ZOVRELAY_Status ZOVRELAY_CreateContext(ZOVRELAY_Context** context, const wchar_t
         std::optional<std::string> path = NarrowWide(repository);
         if (!path) return kInvalidArgument;
         Repository opened;
-        const ZOVRELAY_Status status = OpenRepository(*path, opened);
+        const ZOVRELAY_Status status = OpenRepository(*path, opened, !PlanOnly());
         if (status <= 0) return status;
         // The semaphore comes last, so that a refused context never opens it.
         *context = new ZOVRELAY_Context(std::move(opened));

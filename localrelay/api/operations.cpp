@@ -2,12 +2,14 @@
 // context's repository. Arguments are checked here; the work lives in listing, mirror and
 // repository.
 #include "api/context.h"
+#include "api/runmode.h"
 #include "base/failure.h"
 #include "transfer/http.h"
 #include "base/files.h"
 #include "api/library.h"
 #include "run/listing.h"
 #include "run/mirror.h"
+#include "run/plan.h"
 #include "api/records.h"
 #include "run/report.h"
 #include "repository/repository.h"
@@ -158,6 +160,90 @@ HeldState ReadHeldStateDuring(const Operation& operation, Fetch&& fetch) {
     return std::move(*state);
 }
 
+struct Request {
+    const ZOVRELAY_Product* products;
+    size_t productCount;
+    const ZOVRELAY_Source* sources;
+    size_t sourceCount;
+};
+
+// A plan-only run: the same catalog fetch, selection and decisions as a mirror, under no lock,
+// raising no event and writing nothing; the plan is kept for ZOVRELAY_LocalTakePlan.
+ZOVRELAY_Status PlanMirror(const Operation& operation, const Request& request, std::vector<ListedProduct>& result) {
+    // Zero products mirror nothing, and contact no source.
+    if (request.productCount == 0) return KeepPlan(FormatPlan(Plan{}, "")), kSuccess;
+    Pool pool;
+    LoadedSource source;
+    ZOVRELAY_Status status = kSuccess;
+    HeldState state = ReadHeldStateDuring(operation, [&] {
+        status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool);
+    });
+    if (status <= 0) return status;
+    std::vector<std::string> leaving;
+    bool exact = true;
+    std::string plan;
+    const Events silent;
+    status = Mirror(operation.repository(), operation.options(), silent, source, request.products, request.productCount,
+                    result, leaving, state, exact, nullptr, nullptr, RunMode{true, ReadBackAll(), &plan});
+    if (status > 0) KeepPlan(std::move(plan));
+    return status;
+}
+
+// The catalogs follow the archives whatever happened: what was stored before a failure stays.
+// Per-version archives beyond keepcount go only once the index no longer names them.
+ZOVRELAY_Status Conclude(const Operation& operation, HeldState& state, bool exact, const std::vector<std::string>& leaving,
+                         ZOVRELAY_Status status) {
+    // What the mirror knows it left, or else what the archives say.
+    HeldCache& cache = state.cache;
+    if (!exact) {
+        state.served = ReadServed(operation.packages(), state.packages.names(), cache);
+        state.sourceCatalog.reset();
+    }
+    const ZOVRELAY_Status indexed = WriteCatalogs(
+        operation.root(), operation.packages(), state.served, std::set<std::string>(leaving.begin(), leaving.end()),
+        state.packages.names(), state.sourceCatalog ? &*state.sourceCatalog : nullptr);
+    cache.Write(operation.root());  // without it the next run reads the archives again: no harm
+    if (status > 0 && indexed <= 0) status = indexed;
+    if (indexed > 0 && status != kCancelled) {
+        const ZOVRELAY_Status pruned = RemoveVersionArchives(operation.packages(), operation.repository().path + "/packages",
+                                                             leaving, operation.events());
+        if (status > 0 && pruned <= 0) status = pruned;
+    }
+    return status;
+}
+
+ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, std::vector<ListedProduct>& result) {
+    ZOVRELAY_Status status = operation.Lock();
+    if (status <= 0) return status;
+    std::vector<std::string> leaving;
+    RunLog log;
+    RunSummary summary;
+    summary.started = std::chrono::system_clock::now();
+    HeldState state;
+    bool exact = true;  // state.served is what the repository holds
+    std::string plan;
+    // Zero products mirror nothing: a filtered mirror that kept nothing must never become a full mirror.
+    if (request.productCount > 0) {
+        Pool pool;  // the catalog's connection serves the packages too
+        LoadedSource source;
+        size_t served = 0;
+        state = ReadHeldStateDuring(operation, [&] {
+            status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served, &log);
+        });
+        Alternates alternates(request.sources, request.sourceCount, served, operation.options(), &pool);
+        if (status > 0)
+            status = Mirror(operation.repository(), operation.options(), operation.events(), source, request.products,
+                            request.productCount, result, leaving, state, exact, &log, &alternates,
+                            RunMode{false, ReadBackAll(), ReadBackAll() ? &plan : nullptr});
+    } else {
+        state = ReadHeldState(operation.root(), operation.packages());
+    }
+    status = Conclude(operation, state, exact, leaving, status);
+    if (!plan.empty()) KeepPlan(std::move(plan));
+    Report(operation, log, summary, status, state.served);
+    return status;
+}
+
 }  // namespace
 }  // namespace localrelay
 
@@ -191,7 +277,7 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
             // The filtered mirrors begin by listing the source: a mirror job that fails there is
             // on record too. A listing that succeeds leaves the last run's report alone.
             // Readers take no lock; the report is written under it, or not at all while a writer runs.
-            if (status <= 0 && operation.Lock() > 0)
+            if (status <= 0 && !PlanOnly() && operation.Lock() > 0)
                 Report(operation, log, summary, status, ServedOf(operation.packages(), ReadHeld(operation.packages())));
         }
         return status > 0 ? HandOut(listed, information) : status;
@@ -207,52 +293,10 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
     return Guard([&]() -> ZOVRELAY_Status {
         const Operation operation(context);
         if (operation.busy()) return kRepositoryBusy;
-        ZOVRELAY_Status status = operation.Lock();
-        if (status <= 0) return status;
+        const Request request{products, productCount, sources, sourceCount};
         std::vector<ListedProduct> result;
-        std::vector<std::string> leaving;
-        // Zero products mirror nothing: a filtered mirror that kept nothing must never become a
-        // full mirror.
-        RunLog log;
-        RunSummary summary;
-        summary.started = std::chrono::system_clock::now();
-        HeldState state;
-        bool exact = true;  // state.served is what the repository holds
-        if (productCount > 0) {
-            Pool pool;  // the catalog's connection serves the packages too
-            LoadedSource source;
-            size_t served = 0;
-            state = ReadHeldStateDuring(operation, [&] {
-                status = LoadSource(sources, sourceCount, operation.options(), source, &pool, &served, &log);
-            });
-            Alternates alternates(sources, sourceCount, served, operation.options(), &pool);
-            if (status > 0)
-                status = Mirror(operation.repository(), operation.options(), operation.events(), source, products,
-                                productCount, result, leaving, state, exact, &log, &alternates);
-        } else {
-            state = ReadHeldState(operation.root(), operation.packages());
-        }
-        // The catalogs follow the archives whatever happened: what was stored before a failure
-        // stays. Per-version archives beyond keepcount go only once the index no longer names them.
-        // What the mirror knows it left, or else what the archives say.
-        HeldCache& cache = state.cache;
-        if (!exact) {
-            state.served = ReadServed(operation.packages(), state.packages.names(), cache);
-            state.sourceCatalog.reset();
-        }
-        const ServedCatalog& held = state.served;
-        const ZOVRELAY_Status indexed = WriteCatalogs(
-            operation.root(), operation.packages(), held, std::set<std::string>(leaving.begin(), leaving.end()),
-            state.packages.names(), state.sourceCatalog ? &*state.sourceCatalog : nullptr);
-        cache.Write(operation.root());  // without it the next run reads the archives again: no harm
-        if (status > 0 && indexed <= 0) status = indexed;
-        if (indexed > 0 && status != kCancelled) {
-            const ZOVRELAY_Status pruned = RemoveVersionArchives(operation.packages(), operation.repository().path + "/packages",
-                                                                 leaving, operation.events());
-            if (status > 0 && pruned <= 0) status = pruned;
-        }
+        ZOVRELAY_Status status = PlanOnly() ? PlanMirror(operation, request, result) : RunMirror(operation, request, result);
         if (status > 0) status = HandOut(result, information);
-        Report(operation, log, summary, status, held);
         return status;
     });
 }

@@ -17,10 +17,20 @@
 
 namespace localrelay {
 
-ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository) {
+// A repository that is not there yet reads as empty to a reader that must not create it: its
+// descriptors stay closed, and every lookup through them finds nothing.
+ZOVRELAY_Status OpenMissingRepository(const std::string& path, Repository& repository) {
+    std::error_code error;
+    const std::filesystem::path absolute = std::filesystem::absolute(path, error);
+    if (error) return Fail(kRepositoryNotAccessible, "repository not accessible", path);
+    repository.path = absolute.lexically_normal().string();
+    return kSuccess;
+}
+
+ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository, bool create) {
     std::error_code ignored;
     // Whatever went wrong shows again when the directory is opened.
-    std::filesystem::create_directories(path, ignored);
+    if (create) std::filesystem::create_directories(path, ignored);
 
     // The path itself is the caller's to choose (a link to the real place is fine); what lies
     // inside it is never followed.
@@ -28,10 +38,12 @@ ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository) 
     const auto refused = [&](const char* what) {
         return Fail(kRepositoryNotAccessible, std::string(what) + " (" + FromErrno(errno).reason + ")", path);
     };
+    if (directory.get() < 0 && !create && errno == ENOENT) return OpenMissingRepository(path, repository);
     if (directory.get() < 0) return refused("repository not accessible");
-    if (::mkdirat(directory.get(), "packages", 0777) != 0 && errno != EEXIST) return refused("no packages/ in the repository");
+    if (create && ::mkdirat(directory.get(), "packages", 0777) != 0 && errno != EEXIST)
+        return refused("no packages/ in the repository");
     FileDescriptor packages(OpenDirectoryAt(directory.get(), "packages"));
-    if (packages.get() < 0) return refused("no packages/ in the repository");
+    if (packages.get() < 0 && !(!create && errno == ENOENT)) return refused("no packages/ in the repository");
 
     // Absolute, so that a later change of working directory cannot move the repository.
     const std::unique_ptr<char, decltype(&std::free)> absolute(::realpath(path.c_str(), nullptr), &std::free);
@@ -41,7 +53,7 @@ ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository) 
     repository.directory = std::move(directory);
     repository.packages = std::move(packages);
     // A killed run's leftovers go as soon as nobody writes: clean up if the lock is free now.
-    if (LockRepository(repository) > 0) UnlockRepository(repository);
+    if (create && LockRepository(repository) > 0) UnlockRepository(repository);
     return kSuccess;
 }
 

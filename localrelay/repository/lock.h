@@ -26,8 +26,9 @@ inline constexpr const char* kLockName = ".lock";
 
 // Creates the directory and its packages/ when missing and opens both; a packages/ that is not a
 // real directory (a link to elsewhere, say) is refused. Takes no lock: readers never wait.
-// kRepositoryNotAccessible when it cannot.
-ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository);
+// kRepositoryNotAccessible when it cannot. Without `create`, nothing is made or removed: a
+// missing directory (or packages/) stays closed and reads as an empty repository.
+ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository, bool create = true);
 
 // For a writing operation: takes the lock file's flock without waiting, then removes the
 // temporaries a killed run left. kRepositoryBusy when another writer holds it.

@@ -1,0 +1,105 @@
+// require "localrelay": the command's reach into the local relay beyond the relay interface, so
+// that what the command shows comes from the relay itself rather than from a second copy of its
+// rules. The module `update` never uses it and runs on any relay library; this one needs ours.
+//
+//   plan, results... = localrelay.run({plan = true, readback = false}, fn, ...)
+//       calls fn(...) (a module function such as update.patterns) with the calling thread's run
+//       mode set: `plan`, the mirror plans and writes nothing (a dry run exact by construction);
+//       `readback`, every held archive is read back in full. Answers the plan the mirror made as
+//       JSON text (nil when none), then fn's results. An error in fn is raised again as it was,
+//       after the mode is restored.
+//   localrelay.stoponsignal()  SIGTERM and SIGINT ask the running operation to stop as a
+//       cancelled one does (downloads kept for the next run to continue)
+//   localrelay.stopped()       the name of the signal that asked, or nil
+#include <signal.h>
+#include <stdlib.h>
+
+#include <lua.hpp>
+
+#include "localrelay/api/extensions.h"
+
+namespace {
+
+volatile sig_atomic_t stoppedBy = 0;
+
+void onSignal(int number) {
+    stoppedBy = number;
+    ZOVRELAY_LocalRequestStop();
+}
+
+/* [-0, +1]: the plan the last mirror left, as a string, or nil */
+void pushPlan(lua_State* L) {
+    char* plan = ZOVRELAY_LocalTakePlan();
+    if (plan == nullptr) {
+        lua_pushnil(L);
+        return;
+    }
+    // A failed push (no memory) raises: the text is freed first, through a copy on the stack.
+    lua_pushlightuserdata(L, plan);
+    lua_pushcfunction(L, [](lua_State* S) -> int {
+        lua_pushstring(S, static_cast<const char*>(lua_touserdata(S, 1)));
+        return 1;
+    });
+    lua_pushvalue(L, -2);
+    const int failed = lua_pcall(L, 1, 1, 0);
+    ZOVRELAY_LocalFreeText(plan);
+    lua_remove(L, -2);
+    if (failed) lua_error(L);
+}
+
+int flag(lua_State* L, const char* name) {
+    lua_getfield(L, 1, name);
+    const int set = lua_toboolean(L, -1);
+    lua_pop(L, 1);
+    return set;
+}
+
+/* [-(2+n), +(1+r)]: (modes, fn, ...) -> plan or nil, fn's results */
+int l_run(lua_State* L) {
+    luaL_checktype(L, 1, LUA_TTABLE);
+    luaL_checktype(L, 2, LUA_TFUNCTION);
+    const int mode = (flag(L, "plan") ? ZOVRELAY_LOCAL_PLAN_ONLY : 0) | (flag(L, "readback") ? ZOVRELAY_LOCAL_READ_BACK : 0);
+    ZOVRELAY_LocalFreeText(ZOVRELAY_LocalTakePlan());  // a plan left by an earlier call is not this one's
+    const int before = ZOVRELAY_LocalRunMode(mode);
+    const int base = 1;  // results start above the modes table once fn and its arguments are consumed
+    const int failed = lua_pcall(L, lua_gettop(L) - 2, LUA_MULTRET, 0);
+    ZOVRELAY_LocalRunMode(before);
+    if (failed) {
+        ZOVRELAY_LocalFreeText(ZOVRELAY_LocalTakePlan());
+        return lua_error(L);
+    }
+    const int results = lua_gettop(L) - base;
+    pushPlan(L);
+    lua_insert(L, base + 1);
+    return results + 1;
+}
+
+int l_stoponsignal(lua_State* L) {
+    struct sigaction action {};
+    action.sa_handler = onSignal;
+    sigemptyset(&action.sa_mask);
+    action.sa_flags = SA_RESTART;
+    if (sigaction(SIGTERM, &action, nullptr) != 0 || sigaction(SIGINT, &action, nullptr) != 0)
+        return luaL_error(L, "cannot catch SIGTERM and SIGINT");
+    return 0;
+}
+
+int l_stopped(lua_State* L) {
+    if (stoppedBy == 0) lua_pushnil(L);
+    else lua_pushstring(L, stoppedBy == SIGINT ? "SIGINT" : "SIGTERM");
+    return 1;
+}
+
+const luaL_Reg kFunctions[] = {
+    {"run", l_run},
+    {"stoponsignal", l_stoponsignal},
+    {"stopped", l_stopped},
+    {nullptr, nullptr},
+};
+
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int luaopen_localrelay(lua_State* L) {
+    luaL_newlib(L, kFunctions);
+    return 1;
+}

@@ -1,0 +1,36 @@
+// Calls of the local relay beyond the relay interface, for the project's own tools (the command's
+// companion module `localrelay`); the module never uses them, so it runs on any relay library.
+// They set how the calling thread's next operations run and hand out what those left.
+#ifndef LOCALRELAY_EXTENSIONS_H
+#define LOCALRELAY_EXTENSIONS_H
+
+#include "relay/zovrelay.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+// Bits of the run mode.
+enum {
+    ZOVRELAY_LOCAL_PLAN_ONLY = 1,  // ZOVRELAY_Duplicate plans and writes nothing: no lock, no file,
+                                   // no event; a context does not create its repository
+    ZOVRELAY_LOCAL_READ_BACK = 2,  // every held archive is read back in full, due or not
+};
+
+// Sets the calling thread's run mode (0: as the interface says) and answers the one before.
+ZOVRELAY_API int ZOVRELAY_LocalRunMode(int mode);
+
+// The plan of the calling thread's last ZOVRELAY_Duplicate, as JSON text, or null when there is
+// none; the caller frees it with ZOVRELAY_LocalFreeText. Taking it forgets it.
+ZOVRELAY_API char* ZOVRELAY_LocalTakePlan(void);
+ZOVRELAY_API void ZOVRELAY_LocalFreeText(char* text);
+
+// Asks every running operation of the process to stop as a cancelled one does, keeping what
+// was downloaded for a later run to continue. Safe in a signal handler.
+ZOVRELAY_API void ZOVRELAY_LocalRequestStop(void);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif
