@@ -36,6 +36,7 @@ build = {
     CMAKE_INSTALL_PREFIX = "$(PREFIX)",
     LUA_INCDIR = "$(LUA_INCDIR)",
     INSTALL_CMOD = "$(LIBDIR)",
+    INSTALL_LMOD = "$(LUADIR)",
     UPDATE_TESTS = "OFF",
     LUA_INTERPRETER = "$(LUA)",
   },

@@ -1,17 +1,17 @@
 -- Renders a command's documentation table as a troff manual page (man(7) macros), at build time:
 --
---   lua5.2 command/manpage.lua command/update-mirror.lua DATE > update-mirror.1
+--   lua5.2 command/manpage.lua command/update_mirror/arguments.lua DATE > update-mirror.1
 --
--- The command file, loaded as a chunk without the global `arg`, returns its DOC table; --help is
--- made from the same table, so the page and the help never disagree.
+-- The command's arguments module returns its DOC table (as the field DOC); --help is made from
+-- the same table, so the page and the help never disagree.
 local path, date = ...
 if not path then
-  io.stderr:write("usage: lua5.2 manpage.lua COMMAND.lua [DATE]\n")
+  io.stderr:write("usage: lua5.2 manpage.lua MODULE.lua [DATE]\n")
   os.exit(2)
 end
-arg = nil
-local doc = assert(loadfile(path))()
-assert(type(doc) == "table", path .. " returned no documentation table")
+local loaded = assert(loadfile(path))()
+local doc = type(loaded) == "table" and (loaded.DOC or loaded)
+assert(type(doc) == "table" and doc.options, path .. " returned no documentation table")
 
 -- troff escapes: backslashes, leading dots and quotes, and hyphens that are minus signs in flags.
 local function escape(text)

@@ -6,7 +6,7 @@ set -eu
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 DESTDIR=$tmp cmake --install "$1" --prefix /usr/local >/dev/null
-for file in bin/update-mirror lib/lua/5.2/update.so lib/lua/5.2/libzovrelay.so share/man/man1/update-mirror.1; do
+for file in bin/update-mirror share/lua/5.2/update_mirror/actions.lua lib/lua/5.2/update.so lib/lua/5.2/libzovrelay.so share/man/man1/update-mirror.1; do
   [ -s "$tmp/usr/local/$file" ] || { echo "not installed: $file"; exit 1; }
 done
 env -u LUA_CPATH "$tmp/usr/local/bin/update-mirror" --help | grep -q -- '--dry-run'
