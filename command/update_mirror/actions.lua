@@ -280,11 +280,23 @@ local function list(given, settings)
   os.exit(EXIT.ok)
 end
 
+-- A held entity's version as a string that sorts as the version does.
+local function versionOf(entity)
+  local major, minor, build = entity.extract:match("v(%d+)%.(%d+)%.(%d+)")
+  return string.format("%010d.%010d.%010d", major, minor, build)
+end
+
 local function export(_, settings, component, directory)
   existing(settings)
   local held, status, message = update.list(settings.repository, {})
   if not update.ok(status) then fail(EXIT_OF_STATUS[status] or EXIT.failure, "listing %s failed: %s (status %d)", settings.repository, message, status) end
-  local wanted = held and held[component]
+  -- A friendly name stands for its component's newest held version (the listing's own entry
+  -- under that name is only one of them): the unversioned identifier asks the relay for the newest.
+  local wanted, newest = nil, nil
+  for _, entity in ipairs(held or {}) do
+    if entity.friendly == component and (not newest or versionOf(entity) > versionOf(newest)) then newest = entity end
+  end
+  if newest then wanted = newest.name end
   if not wanted then
     if not isIdentifier(component) then
       fail(EXIT.usage, "--export: %s is neither a friendly name the repository holds nor an identifier", component)
@@ -293,7 +305,7 @@ local function export(_, settings, component, directory)
   end
   local ok, exported, why = update.extract(settings.repository, wanted, directory)
   if not ok then fail(EXIT_OF_STATUS[exported] or EXIT.failure, "exporting %s failed: %s (status %d)", component, why, exported) end
-  say("exported %s into %s", type(wanted) == "table" and (component .. " " .. wanted.version) or component, directory)
+  say("exported %s into %s", newest and (component .. " " .. newest.version) or component, directory)
   os.exit(EXIT.ok)
 end
 

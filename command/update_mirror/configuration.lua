@@ -116,8 +116,14 @@ local CHECKS = {
   end,
 }
 
--- Runs the file with no globals and no libraries, and a budget of instructions so that a loop
--- in it cannot hang a nightly job. Returns the table of its assignments (or the table it returns).
+-- The configuration chunk's bounds: instructions, and memory above what the command held before.
+-- A configuration is a few assignments; these only stop a mistake (or worse) from hanging or
+-- swelling a nightly job.
+local INSTRUCTIONS, MEMORY_KIB = 2000000, 16 * 1024
+
+-- Runs the file with no globals, no libraries and no string methods (strings lose their
+-- metatable while it runs: a pattern or string.rep in C could outlast any hook), counting every
+-- instruction and the memory it holds. Returns the table of its assignments (or the one it returns).
 local function loadConfiguration(path)
   local file, problem = io.open(path, "r")
   if not file then refuse("%s", problem) end
@@ -126,9 +132,20 @@ local function loadConfiguration(path)
   local env = {}
   local chunk, syntax = load(source, "=" .. path, "t", env)
   if not chunk then refuse("%s", syntax) end
-  local co = coroutine.create(chunk)
-  debug.sethook(co, function() error(path .. ": takes too long to run", 0) end, "", 10000000)
+  local co, count = coroutine.create(chunk), 0
+  collectgarbage()
+  local ceiling = collectgarbage("count") + MEMORY_KIB
+  debug.sethook(co, function()
+    count = count + 1
+    if count > INSTRUCTIONS then error(path .. ": takes too long to run", 0) end
+    if collectgarbage("count") > ceiling then error(path .. ": takes too much memory to run", 0) end
+  end, "", 1)
+  local strings = debug.getmetatable("")
+  debug.setmetatable("", nil)
   local ok, returned = coroutine.resume(co)
+  debug.setmetatable("", strings)
+  co = nil
+  collectgarbage()
   if not ok then refuse("%s", tostring(returned)) end
   if returned ~= nil and type(returned) ~= "table" then refuse("%s: returns a %s, not a table", path, type(returned)) end
   return returned or env

@@ -4,7 +4,7 @@
 #ifndef LOCALRELAY_EXTENSIONS_H
 #define LOCALRELAY_EXTENSIONS_H
 
-#include "relay/zovrelay.h"
+#include "zovrelay.h"
 
 #ifdef __cplusplus
 extern "C" {
