@@ -11,8 +11,10 @@
 //   localrelay.stoponsignal()  SIGTERM and SIGINT ask the running operation to stop as a
 //       cancelled one does (downloads kept for the next run to continue)
 //   localrelay.stopped()       the name of the signal that asked, or nil
+//   localrelay.isterminal(fd)  whether the descriptor is a terminal (for live progress)
 #include <signal.h>
 #include <stdlib.h>
+#include <unistd.h>
 
 #include <lua.hpp>
 
@@ -58,7 +60,7 @@ int flag(lua_State* L, const char* name) {
 int l_run(lua_State* L) {
     luaL_checktype(L, 1, LUA_TTABLE);
     luaL_checktype(L, 2, LUA_TFUNCTION);
-    const int mode = (flag(L, "plan") ? ZOVRELAY_LOCAL_PLAN_ONLY : 0) | (flag(L, "readback") ? ZOVRELAY_LOCAL_READ_BACK : 0);
+    const int mode = ZOVRELAY_LOCAL_KEEP_PLAN | (flag(L, "plan") ? ZOVRELAY_LOCAL_PLAN_ONLY : 0) | (flag(L, "readback") ? ZOVRELAY_LOCAL_READ_BACK : 0);
     ZOVRELAY_LocalFreeText(ZOVRELAY_LocalTakePlan());  // a plan left by an earlier call is not this one's
     const int before = ZOVRELAY_LocalRunMode(mode);
     const int base = 1;  // results start above the modes table once fn and its arguments are consumed
@@ -84,6 +86,11 @@ int l_stoponsignal(lua_State* L) {
     return 0;
 }
 
+int l_isterminal(lua_State* L) {
+    lua_pushboolean(L, ::isatty(int(luaL_checkinteger(L, 1))));
+    return 1;
+}
+
 int l_stopped(lua_State* L) {
     if (stoppedBy == 0) lua_pushnil(L);
     else lua_pushstring(L, stoppedBy == SIGINT ? "SIGINT" : "SIGTERM");
@@ -94,6 +101,7 @@ const luaL_Reg kFunctions[] = {
     {"run", l_run},
     {"stoponsignal", l_stoponsignal},
     {"stopped", l_stopped},
+    {"isterminal", l_isterminal},
     {nullptr, nullptr},
 };
 

@@ -39,13 +39,22 @@ local function main(args)
     cjson = library
   end
   output.setup(update, cjson)
+  if not given.config and not given.help then
+    local default = io.open(arguments.DEFAULT_CONFIG)
+    if default then default:close(); given.config = arguments.DEFAULT_CONFIG end
+  end
+  local metrics = os.getenv("UPDATE_METRICS_DIR")
+  if metrics and metrics ~= "" and not io.open(metrics .. "/.") then
+    output.warn("UPDATE_METRICS_DIR: %s is no directory; the run writes no metrics", metrics)
+  end
   local checked, settings = pcall(require("update_mirror.configuration").configure, given, update)
   if not checked then
     if type(settings) == "table" then fail(EXIT.usage, "%s", settings.problem) end
     error(settings, 0)
   end
   io.stdout:setvbuf("line")
-  local action = given.list and "list" or given.export and "export" or given.dry_run and "dry_run" or "mirror"
+  local action = given.list and "list" or given.export and "export" or given.dry_run and "dry_run" or
+                 given.verify and "verify" or given.repair and "repair" or "mirror"
   return require("update_mirror.actions").run(action, given, settings, update)
 end
 

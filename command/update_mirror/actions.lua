@@ -1,124 +1,32 @@
--- update-mirror's actions: the mirror with its clean-up, the dry run (the plan, with sizes from
--- the source's catalog), the listing and the export. Each ends the process with its exit status.
+-- update-mirror's actions: the mirror with its clean-up, the dry run, the verification and the
+-- repair, the listing and the export. Each ends the process with its exit status.
+--
+-- Every answer about a run comes from the relay's own plan (through the companion module
+-- localrelay): the dry run is the relay planning without writing, the real run reports the plan
+-- it executed, so the two cannot disagree. The command itself never runs another program.
 local arguments = require "update_mirror.arguments"
 local configuration = require "update_mirror.configuration"
 local output = require "update_mirror.output"
 local EXIT, EXIT_OF_STATUS = arguments.EXIT, arguments.EXIT_OF_STATUS
 local MODES, isIdentifier = configuration.MODES, configuration.isIdentifier
-local fail, now, size, quote, fileSize, exists, isProduct =
-  output.fail, output.now, output.size, output.quote, output.fileSize, output.exists, output.isProduct
+local fail, warn, now, size, fileSize, exists, isProduct =
+  output.fail, output.warn, output.now, output.size, output.fileSize, output.exists, output.isProduct
 local say, summaryOf, emitJson, finish, progress = output.say, output.summaryOf, output.emitJson, output.finish, output.progress
 
-local update  -- the module: given by run
+local update, localrelay, cjson  -- given by run; localrelay is nil on a relay other than ours
 
------------------------------------------------------------------------------- the plan
+------------------------------------------------------------------------------ the relay's plan
 
--- The catalog of the first source that serves one, read the way the relay reads it: sizes and
--- package paths by component identity and version. Only the dry run needs it (for sizes); it is
--- read with curl for http(s) sources, through the source's proxy.
-local function readCatalog(sources, options)
-  for _, src in ipairs(sources) do
-    local text
-    if src.url:match("^https?://") then
-      local command = {"curl -fsSL --max-time 120"}
-      if options.httpslevel == 0 then command[#command + 1] = "-k" end
-      if src.proxy then
-        local scheme = src.proxy.type == 1 and "socks5h://" or "http://"
-        command[#command + 1] = "--proxy " .. quote(scheme .. src.proxy.host .. ":" .. src.proxy.port)
-        if src.proxy.user then command[#command + 1] = "--proxy-user " .. quote(src.proxy.user .. ":" .. (src.proxy.password or "")) end
-      end
-      command[#command + 1] = quote(src.url:gsub("/*$", "") .. "/server.ini") .. " 2>/dev/null"
-      local pipe = io.popen(table.concat(command, " "))
-      text = pipe:read("*a")
-      if not pipe:close() then text = nil end
-    else
-      local path = src.url:match("^file://localhost(/.*)$") or src.url:match("^file://(/.*)$") or src.url
-      path = path:gsub("%%(%x%x)", function(hex) return string.char(tonumber(hex, 16)) end)
-      local file = io.open(path:gsub("/*$", "") .. "/server.ini", "rb")
-      if file then text = file:read("*a"); file:close() end
-    end
-    if text and text:match("%[All_Product%]") then
-      local catalog = {}
-      for line in text:gmatch("[^\n]+") do
-        local identity, version, path, bytes = line:match("^%s*(c%S+)%s+(%d+%.%d+%.%d+%.%d+)%s+(%S+)%s+(%d+)%s+%x+%s*$")
-        if identity then
-          local major, minor, build = version:match("^(%d+)%.(%d+)%.(%d+)")
-          catalog[identity .. " " .. tonumber(major) .. "." .. tonumber(minor) .. "." .. tonumber(build)] =
-            {path = path, bytes = tonumber(bytes), archive = identity .. "_" .. version .. ".zip"}
-        end
-      end
-      return catalog, src.url
-    end
-  end
+-- The repository's packages directory, joined as the clean-up joins it.
+local function packagesOf(settings)
+  local root = settings.repository
+  return root .. (root:sub(-1) == "/" and "" or "/") .. "packages/"
 end
 
--- The relay's file type rule: an extension of the list (a leading dot optional, any case) after
--- a dot at the end of the package path.
-local function excluded(options, path)
-  if not options.enable_check_file_type_blacklist or not path then return false end
-  for item in (options.file_type_blacklist or ""):gmatch("[^,]+") do
-    local extension = item:match("^[ \t]*%.?(.-)[ \t]*$"):lower()
-    if extension ~= "" and #extension < #path and path:lower():sub(-#extension - 1) == "." .. extension then
-      return true
-    end
-  end
-  return false
-end
-
-local function catalogKey(entity)
-  local major, minor, build = entity.extract:match("v(%d+)%.(%d+)%.(%d+)")
-  return entity.name .. " " .. tonumber(major) .. "." .. tonumber(minor) .. "." .. tonumber(build)
-end
-
--- Whether the operation of the configured kind takes this component.
-local function selects(settings, entity)
-  local mode = settings.mirror
-  if mode == "everything" then return true end
-  if mode == "components" then
-    for _, name in ipairs(settings.components) do
-      local kind = update.tocomponent(name)
-      if kind.klass == entity.klass and kind.type == entity.type then return true end
-    end
-    return false
-  end
-  local pattern = entity.klass == 3 or (entity.klass == 22 and entity.type == 2213)
-  return pattern and not (mode == "patterns-except-kerno" and entity.klass == 3 and entity.type == 4)
-end
-
--- Lists the source into a scratch repository (the real one is not opened, so nothing in it can
--- change) and the repository itself, and splits what the run would take into what it would
--- download and what it holds already. Returns nil, status, message when the source's listing fails.
-local function plan(settings)
-  local scratch = os.tmpname()
-  os.remove(scratch)
-  local offered, status, message = update.list(scratch, settings.products, settings.sources)
-  os.execute("rm -rf " .. quote(scratch))  -- whatever the relay leaves in a repository
-  if not update.ok(status) then return nil, status, message, "listing the sources" end
-  local held = {}
-  if exists(settings.repository .. "/packages") then
-    local listed, heldStatus, heldMessage = update.list(settings.repository, {})
-    if not update.ok(heldStatus) then return nil, heldStatus, heldMessage, "listing " .. settings.repository end
-    for _, entity in ipairs(listed or {}) do held[entity.name .. " " .. entity.version] = true end
-  end
-  local result, seen = {download = {}, held = {}}, {}
-  for _, entity in ipairs(offered or {}) do  -- a success may come without a result
-    if not isProduct(entity) and not seen[entity.name] and selects(settings, entity) then
-      seen[entity.name] = true
-      local list = held[entity.name .. " " .. entity.version] and result.held or result.download
-      list[#list + 1] = entity
-    end
-  end
-  return result
-end
-
--- The per-version archives the clean-up would delete, with their sizes; the keep rule spares the
--- kinds of component it names.
+-- The keep rule of the clean-up: spares the per-version archives of the kinds of component it names.
 local function keeper(settings)
   local kinds = {}
-  for _, name in ipairs(settings.cleanup.keep) do
-    local kind = update.tocomponent(name)
-    kinds[#kinds + 1] = kind
-  end
+  for _, name in ipairs(settings.cleanup.keep) do kinds[#kinds + 1] = update.tocomponent(name) end
   return function(path)
     local identity = path:match("([^/_]+)_[^/_]+%.zip$")
     local ok, component = pcall(update.tocomponent, identity or "")
@@ -130,132 +38,206 @@ local function keeper(settings)
   end
 end
 
--- With buildpatch the run writes a per-version archive of each version it takes (a held one is
--- rebuilt), so the clean-up would remove those too: `archives` names them.
-local function removable(settings, archives)
-  local found, keep = {}, keeper(settings)
-  if not settings.cleanup.enabled then return found end
-  local seen = {}
-  for _, archive in ipairs(archives) do
-    local path = settings.repository .. "/packages/" .. archive.name
-    if not keep(path) then found[#found + 1], seen[archive.name] = {path = path, bytes = archive.bytes}, true end
+-- The clean-up's own rule for the names it offers (see removeke).
+local function cleanable(name)
+  return #name >= 11 and name:sub(-4) == ".zip" and name:sub(-11) ~= "_merged.zip"
+end
+
+-- One mirror call of the configured kind, through the relay's run modes when ours is there.
+-- Answers the plan the relay made (decoded; nil when it made none), status and message.
+local function relay(settings, modes, extra)
+  local options = {ke = true}  -- the command runs the clean-up itself, with the keep rule
+  for key, value in pairs(settings.options) do options[key] = value end
+  for key, value in pairs(extra or {}) do options[key] = value end
+  local fn = update[MODES[settings.mirror]]
+  local args = {settings.repository, settings.products, settings.sources, options, settings.components}
+  if not localrelay then
+    local _, status, message = fn(table.unpack(args, 1, 5))
+    return nil, status, message
   end
-  local pipe = io.popen("ls -A " .. quote(settings.repository .. "/packages") .. " 2>/dev/null")
-  for name in pipe:lines() do
-    if #name >= 11 and name:match("%.zip$") and not name:match("_merged%.zip$") and not seen[name] then
-      local path = settings.repository .. "/packages/" .. name
-      if not keep(path) then found[#found + 1] = {path = path, bytes = fileSize(path) or 0} end
+  local text, _, status, message = localrelay.run(modes, fn, table.unpack(args, 1, 5))
+  local decoded, plan = pcall(cjson.decode, text or "null")
+  return decoded and plan ~= cjson.null and plan or nil, status, message
+end
+
+-- What a plan says the run does: downloads (each with name, version, path, bytes), the versions
+-- it finds held, those the file type rule excludes, and the archives removed (by the relay's
+-- keepcount and, when enabled, by the clean-up afterwards), with paths as the clean-up forms them.
+local function reading(settings, plan)
+  local result = {download = {}, held = {}, excluded = {}, removed = {}, bytes = 0}
+  local packages, removed = packagesOf(settings), {}
+  for _, component in ipairs(plan.components) do
+    for _, v in ipairs(component.versions) do
+      local item = {name = component.identity, version = v.version, path = v.path, bytes = v.size}
+      local list = (v.action == "download" or v.action == "heal") and result.download or
+                   v.action == "held" and result.held or v.action == "excluded" and result.excluded
+      if list then list[#list + 1] = item end
+      if list == result.download then result.bytes = result.bytes + v.size end
+    end
+    for _, name in ipairs(component.pruned) do removed[name] = fileSize(packages .. name) or 0 end
+  end
+  if settings.cleanup.enabled then
+    local keep = keeper(settings)
+    for name, bytes in pairs(plan.files) do
+      if cleanable(name) and not keep(packages .. name) then removed[name] = bytes end
     end
   end
-  pipe:close()
-  table.sort(found, function(a, b) return a.path < b.path end)
+  for name, bytes in pairs(removed) do result.removed[#result.removed + 1] = {path = packages .. name, bytes = bytes} end
+  table.sort(result.removed, function(a, b) return a.path < b.path end)
+  return result
+end
+
+-- The damage a full read-back found: one entry per damaged copy or unreadable archive.
+local function damageOf(plan)
+  local found = {}
+  for _, item in ipairs(plan.damaged or {}) do
+    for _, version in ipairs(item.versions) do
+      found[#found + 1] = {name = item.identity, version = version, what = "damaged copy in its merged archive"}
+    end
+  end
+  for _, identity in ipairs(plan.unreadable or {}) do
+    found[#found + 1] = {name = identity, what = "merged archive missing or unreadable"}
+  end
+  for _, name in ipairs(plan.healed_archives or {}) do
+    found[#found + 1] = {name = name, what = "per-version archive differs from its manifest"}
+  end
   return found
 end
+
+local function needLocalRelay(what)
+  if not localrelay then
+    fail(EXIT.failure, "%s needs the local relay's companion module localrelay.so beside update.so", what)
+  end
+end
+
+local function plural(count, word) return string.format("%d %s%s", count, word, count == 1 and "" or "s") end
 
 ------------------------------------------------------------------------------ actions
 
 local function dryRun(given, settings)
+  needLocalRelay("--dry-run")
   local started = now()
-  local planned, status, message, what = plan(settings)
-  if not planned then
-    local summary = summaryOf(settings, status, message)
-    summary.dry_run, summary.reason = true, what .. " failed: " .. message
+  local plan, status, message = relay(settings, {plan = true})
+  local summary = summaryOf(settings, status, message)
+  summary.dry_run = true
+  if not update.ok(status) or not plan then
+    summary.reason = "planning failed: " .. message
     return finish(given, summary)
   end
-  local catalog, serving = readCatalog(settings.sources, settings.options)
-  local summary = summaryOf(settings, 1, "success")
-  summary.dry_run, summary.source = true, serving
+  local planned = reading(settings, plan)
   say("dry run: %s into %s; nothing is changed", settings.mirror, settings.repository)
-  if not catalog then say("  (no source catalog readable for sizes: they show as ?)") end
-  for _, entity in ipairs(planned.download) do
-    local entry = catalog and catalog[catalogKey(entity)] or {}
-    if excluded(settings.options, entry.path) then
-      say("  excluded  %-28s %-10s %10s  %s (its file type)", entity.name, entity.version, size(entry.bytes), entry.path)
-      goto next
-    end
-    table.insert(summary.downloaded, {name = entity.name, version = entity.version, friendly = entity.friendly,
-                                      path = entry.path, bytes = entry.bytes})
-    summary.bytes = summary.bytes + (entry.bytes or 0)
-    say("  download  %-28s %-10s %10s  %s", entity.name, entity.version, entry.bytes and size(entry.bytes) or "?",
-        entry.path or "")
-    ::next::
+  for _, item in ipairs(planned.excluded) do
+    say("  excluded  %-28s %-10s %10s  %s (its file type)", item.name, item.version, size(item.bytes), item.path)
   end
-  for _, entity in ipairs(planned.held) do
-    table.insert(summary.skipped, {name = entity.name, version = entity.version, friendly = entity.friendly})
-    say("  held      %-28s %s", entity.name, entity.version)
+  for _, item in ipairs(planned.download) do
+    say("  download  %-28s %-10s %10s  %s", item.name, item.version, size(item.bytes), item.path)
   end
-  local archives = {}
-  if settings.options.buildpatch then
-    for _, list in ipairs{planned.download, planned.held} do
-      for _, entity in ipairs(list) do
-        local entry = catalog and catalog[catalogKey(entity)]
-        if entry then archives[#archives + 1] = {name = entry.archive, bytes = entry.bytes} end
-      end
-    end
-  end
+  for _, item in ipairs(planned.held) do say("  held      %-28s %s", item.name, item.version) end
   local removedBytes = 0
-  for _, entry in ipairs(removable(settings, archives)) do
-    table.insert(summary.removed, entry.path)
-    removedBytes = removedBytes + entry.bytes
-    say("  remove    %-39s %10s", entry.path:match("[^/]*$"), size(entry.bytes))
+  for _, item in ipairs(planned.removed) do
+    removedBytes = removedBytes + item.bytes
+    say("  remove    %-39s %10s", item.path:match("[^/]*$"), size(item.bytes))
   end
-  say("would download %d package%s, %s; %d already held; the clean-up would %s",
-      #summary.downloaded, #summary.downloaded == 1 and "" or "s", size(summary.bytes), #summary.skipped,
-      settings.cleanup.enabled and string.format("reset server.ini and remove %d archive%s, %s", #summary.removed,
-        #summary.removed == 1 and "" or "s", size(removedBytes)) or "not run")
+  summary.downloaded, summary.skipped, summary.removed, summary.bytes =
+    planned.download, planned.held, planned.removed, planned.bytes
+  say("would download %s, %s; %d already held; %s", plural(#planned.download, "package"), size(planned.bytes),
+      #planned.held, string.format("would remove %s, %s%s", plural(#planned.removed, "archive"), size(removedBytes),
+                                   settings.cleanup.enabled and " (with the clean-up)" or ""))
   summary.seconds = math.floor((now() - started) * 1000 + 0.5) / 1000
   finish(given, summary)
 end
 
-local function mirror(given, settings)
+-- Reads every held archive back in full, without writing anything; reports the damage.
+local function verify(given, settings)
+  needLocalRelay("--verify")
   local started = now()
-  -- What is held already, for the summary; the mirror itself decides what it downloads.
-  local planned = plan(settings)
-  -- The module's own clean-up is off (ke): the command runs it below, with the keep rule, and
-  -- never after a repository problem (a busy repository belongs to the run that holds it).
-  local options = {ke = true}
-  for key, value in pairs(settings.options) do options[key] = value end
+  local plan, status, message = relay(settings, {plan = true, readback = true})
+  local summary = summaryOf(settings, status, message)
+  if not update.ok(status) or not plan then
+    summary.reason = "verifying failed: " .. message
+    return finish(given, summary)
+  end
+  summary.damaged = damageOf(plan)
+  for _, item in ipairs(summary.damaged) do warn("damaged: %s %s: %s", item.name, item.version or "", item.what) end
+  summary.seconds = math.floor((now() - started) * 1000 + 0.5) / 1000
+  if #summary.damaged > 0 then
+    summary.exit, summary.reason = EXIT.repository, string.format("%s found in %s (--repair heals)",
+                                                                   plural(#summary.damaged, "damaged item"), settings.repository)
+  else
+    say("verified %s: every held archive reads back as its manifest says", settings.repository)
+  end
+  finish(given, summary)
+end
+
+-- The clean-up after a mirror, with the keep rule; the paths it removed go into the summary.
+local function cleanUp(settings, summary)
+  local keep, offered = keeper(settings), {}
+  local cleaned, problem = update.removeke(settings.repository, function(path)
+    if keep(path) then return true end
+    offered[#offered + 1] = path
+  end)
+  -- After a failed mirror its own failure is the one to report (a first run from an
+  -- unreachable source leaves no server.ini to clean).
+  if not cleaned and summary.exit == EXIT.ok then
+    summary.reason, summary.exit = "clean-up failed: " .. problem, EXIT.repository
+  end
+  for _, path in ipairs(offered) do
+    if not exists(path) then table.insert(summary.removed, {path = path}) end
+  end
+end
+
+-- What the repository holds, counted from its own listing: for a run that made no plan.
+local function heldCount(settings)
+  local held, status = update.list(settings.repository, {})
+  local count = 0
+  if update.ok(status) then
+    for _, entity in ipairs(held or {}) do if not isProduct(entity) then count = count + 1 end end
+  end
+  return count
+end
+
+local function mirror(given, settings, repair)
+  local started = now()
   local summary = summaryOf(settings, 1, "success")
-  local handlers, stop = progress(summary)
-  for key, value in pairs(handlers) do options[key] = value end
-  say("mirroring %s into %s", settings.mirror, settings.repository)
-  local _, status, message = update[MODES[settings.mirror]](settings.repository, settings.products,
-                                                            settings.sources, options, settings.components)
+  local handlers, stop = progress(summary, given)
+  if localrelay then localrelay.stoponsignal() end
+  if not given.quiet then say("%s %s into %s", repair and "repairing" or "mirroring", settings.mirror, settings.repository) end
+  local plan, status, message = relay(settings, {readback = repair}, handlers)
   stop()
+  local stoppedBy = localrelay and localrelay.stopped()
   local rest = summaryOf(settings, status, message)
   summary.status, summary.message, summary.exit = rest.status, rest.message, rest.exit
   if not update.ok(status) then summary.reason = "mirroring failed: " .. message end
-  for _, entity in ipairs(planned and planned.held or {}) do
-    table.insert(summary.skipped, {name = entity.name, version = entity.version, friendly = entity.friendly})
+  local skipped = plan and reading(settings, plan).held
+  if skipped then summary.skipped = skipped end
+  if repair and plan then
+    summary.damaged = damageOf(plan)
+    for _, item in ipairs(summary.damaged) do warn("repaired: %s %s: %s", item.name, item.version or "", item.what) end
   end
-  if settings.cleanup.enabled and summary.exit ~= EXIT.repository then
-    local keep = keeper(settings)
-    local offered = {}
-    local cleaned, problem = update.removeke(settings.repository, function(path)
-      if keep(path) then return true end
-      offered[#offered + 1] = path
-    end)
-    -- After a failed mirror its own failure is the one to report (a first run from an
-    -- unreachable source leaves no server.ini to clean).
-    if not cleaned and summary.exit == EXIT.ok then
-      summary.reason, summary.exit = "clean-up failed: " .. problem, EXIT.repository
-    end
-    for _, path in ipairs(offered) do
-      if not exists(path) then table.insert(summary.removed, path) end
-    end
+  -- Never after a repository problem (a busy repository belongs to the run that holds it), nor
+  -- after a stop.
+  if settings.cleanup.enabled and summary.exit ~= EXIT.repository and summary.exit ~= EXIT.busy and not stoppedBy then
+    cleanUp(settings, summary)
   end
+  table.sort(summary.removed, function(a, b) return a.path < b.path end)
   summary.seconds = math.floor((now() - started) * 1000 + 0.5) / 1000
-  local count = #summary.downloaded
-  say("%s; %d already held; %d failed%s", count == 0 and "nothing downloaded" or
-      string.format("downloaded %d package%s, %s in %.2f s", count, count == 1 and "" or "s", size(summary.bytes), summary.seconds),
-      #summary.skipped, #summary.failed,
-      settings.cleanup.enabled and string.format("; clean-up removed %d archive%s", #summary.removed, #summary.removed == 1 and "" or "s") or "")
+  if stoppedBy then
+    summary.exit, summary.reason = EXIT.stopped, "stopped by " .. stoppedBy .. "; what was downloaded is kept for the next run"
+    return finish(given, summary)
+  end
+  local count, held = #summary.downloaded, skipped and #skipped or heldCount(settings)
+  local changed = count > 0 or #summary.removed > 0 or #summary.failed > 0 or (summary.damaged and #summary.damaged > 0)
+  if changed or not given.quiet then
+    say("%s; %d already held; %d failed%s", count == 0 and "nothing downloaded" or
+        string.format("downloaded %s, %s in %.2f s", plural(count, "package"), size(summary.bytes), summary.seconds),
+        held, #summary.failed, settings.cleanup.enabled and "; removed " .. plural(#summary.removed, "archive") or "")
+  end
   finish(given, summary)
 end
 
 -- Listing or exporting reads a repository: it must not create one where the path was mistyped.
 local function existing(settings)
-  if not exists(settings.repository .. "/packages") then
+  if not exists(packagesOf(settings)) then
     fail(EXIT.repository, "%s is not a repository (it has no packages/ directory)", settings.repository)
   end
 end
@@ -309,11 +291,18 @@ local function export(_, settings, component, directory)
   os.exit(EXIT.ok)
 end
 
-local ACTIONS = {list = list, export = export, dry_run = dryRun, mirror = mirror}
+local ACTIONS = {list = list, export = export, dry_run = dryRun, verify = verify, mirror = mirror,
+                 repair = function(given, settings) return mirror(given, settings, true) end}
 
 -- Runs the action `name` of the checked settings; never returns.
 return {run = function(name, given, settings, module)
   update = module
+  local found, companion = pcall(require, "localrelay")
+  localrelay = found and companion or nil
+  local decoder
+  found, decoder = pcall(require, "cjson")
+  if localrelay and not found then fail(EXIT.failure, "update-mirror needs lua-cjson: %s", tostring(decoder):match("[^\n]*")) end
+  cjson = decoder
   if name == "export" then return export(given, settings, given.export[1], given.export[2]) end
   return ACTIONS[name](given, settings)
 end}

@@ -2,12 +2,16 @@
 -- (command/manpage.lua renders it at build time) and the parser below are all made, so the three
 -- cannot drift apart; the exit statuses it documents; the one-line refusal of a bad argument.
 
+-- The configuration read when --config is absent; the build puts the installed prefix's in.
+local DEFAULT_CONFIG = "/etc/update-mirror/mirror.conf"
+
 local DOC = {
   name = "update-mirror",
   summary = "mirror update components into a local repository, as one configured job",
   synopsis = {
     "update-mirror [--config FILE] [OPTION...]",
     "update-mirror [--config FILE] --dry-run [--json]",
+    "update-mirror [--config FILE] --verify | --repair [--json]",
     "update-mirror [--config FILE] --list [--json]",
     "update-mirror [--config FILE] --export COMPONENT DIRECTORY",
   },
@@ -19,11 +23,17 @@ local DOC = {
     "failure ends with one line on standard error naming what failed, and an exit status that " ..
     "tells source, repository and configuration problems apart.",
     "Two runs on one repository never overlap: the second answers \"repository is busy\" and " ..
-    "exits 4 without touching anything, so no lock file is needed.",
+    "exits 5 without touching anything, so no lock file is needed.",
+    "Every answer about a run comes from the relay itself: the dry run is the relay planning the " ..
+    "run without writing anything, so what it lists is what the run then does. A mirror reads " ..
+    "each held archive back in full about once a week (each on its own night of the week); " ..
+    "--verify reads every one back now and reports the damage, --repair does the same and heals " ..
+    "it as a nightly run would (downloading again what the source still offers, dropping the rest).",
   },
   -- flag, argument, what it sets; `key` names the setting it overrides, `many` repeats.
   options = {
-    {flag = "--config", short = "-c", arg = "FILE", text = "read the job from FILE (see CONFIGURATION)"},
+    {flag = "--config", short = "-c", arg = "FILE",
+     text = "read the job from FILE (see CONFIGURATION); without it, " .. DEFAULT_CONFIG .. " when it exists"},
     {flag = "--repository", arg = "DIR", key = "repository", text = "the repository directory"},
     {flag = "--source", arg = "URL", key = "sources", many = true,
      text = "a source (directory, file:// or http(s):// URL), tried in the order given; replaces the file's sources"},
@@ -35,11 +45,15 @@ local DOC = {
      text = "everything, patterns, patterns-except-kerno or components"},
     {flag = "--component", arg = "ID", key = "components", many = true,
      text = "a kind of component to mirror with --mirror components (c2t1207960066, c3t4)"},
-    {flag = "--limit", arg = "KIB/S", text = "bandwidth limit of each transfer (the option maxbandwidth)"},
+    {flag = "--limit", arg = "KIB/S",
+     text = "bandwidth limit of the whole run, one budget shared by its transfers (the option maxbandwidth)"},
     {flag = "--option", arg = "KEY=VALUE", text = "a relay option (see CONFIGURATION), as in the file's options"},
     {flag = "--cleanup", text = "clean the repository up after the mirror (the default)"},
     {flag = "--no-cleanup", text = "leave server.ini and the per-version archives as the mirror left them"},
     {flag = "--dry-run", text = "list what a run would download and remove, with sizes; change nothing"},
+    {flag = "--verify", text = "read every held archive back now and report what is damaged or missing; change nothing"},
+    {flag = "--repair", text = "mirror as usual, reading every held archive back first and healing what is damaged"},
+    {flag = "--quiet", short = "-q", text = "print nothing unless something changed or failed (for cron)"},
     {flag = "--json", text = "print a summary of the run (or the listing, or the plan) as JSON on standard output"},
     {flag = "--list", text = "list what the repository holds"},
     {flag = "--export", arg = "COMPONENT DIRECTORY",
@@ -69,12 +83,28 @@ local DOC = {
      "enable_check_file_type_blacklist. The clean-up resets server.ini and deletes the per-version " ..
      "archives packages/<identity>_<version>.zip, except those of the kinds of component that keep " ..
      "names; it runs after the mirror unless the mirror ended with a repository problem."},
+    {"ENVIRONMENT", {
+      {"CURL_CA_BUNDLE, SSL_CERT_FILE, SSL_CERT_DIR", "the certificate authorities HTTPS sources are checked " ..
+       "against (a bundle file, or a hashed directory), instead of the system's"},
+      {"UPDATE_METRICS_DIR", "a directory where each run writes update_mirror.prom, its figures for a " ..
+       "metrics collector's text-file input; a missing directory is warned about"},
+    }},
+    {"FILES", {
+      {DEFAULT_CONFIG, "the configuration read when --config is absent"},
+      {"REPOSITORY/server.ini, REPOSITORY/source.ini", "the catalogs the repository serves"},
+      {"REPOSITORY/packages/", "the merged archives (and per-version archives with buildpatch)"},
+      {"REPOSITORY/report.json", "the last run's report: outcome, figures, every package and failure"},
+      {"REPOSITORY/.lock", "held by the run that writes the repository; a second run answers busy"},
+      {"REPOSITORY/.held, REPOSITORY/.verified", "the relay's records of what each archive holds and " ..
+       "when it was last read back; rebuilt from the archives when missing"},
+    }},
     {"OUTPUT",
      "--json prints one object: status and message (the relay's), exit (the exit status), " ..
      "repository, source, seconds, bytes, downloaded (path, bytes), skipped (components already " ..
      "held: name, version), failed (path, reason), removed (paths). A dry run prints the same keys " ..
-     "with \"dry_run\": true, what it would download under downloaded and what the clean-up would " ..
-     "remove under removed."},
+     "with \"dry_run\": true, what it would download under downloaded and what the run and the " ..
+     "clean-up would remove under removed. --verify and --repair add damaged (name, version, what). " ..
+     "With --json, standard error carries only warnings and failures."},
     -- A list of {term, text} pairs is a tagged list.
     {"EXIT STATUS", {
       {"0", "success"},
@@ -83,8 +113,12 @@ local DOC = {
       {"3", "a source problem: unreachable, not found, integrity check failed, invalid catalog, HTTP " ..
             "error, host not resolved, connection failed, certificate refused, proxy refused, " ..
             "unsupported address (statuses -5, -6, -7, -11 to -16, -19)"},
-      {"4", "a repository problem: not accessible, busy, i/o error, no space, permission denied " ..
-            "(statuses -3, -9, -10, -17, -18)"},
+      {"4", "a repository problem: not accessible, i/o error, no space, permission denied, damage " ..
+            "found by --verify (statuses -3, -10, -17, -18)"},
+      {"5", "the repository is busy: another run holds it (status -9); nothing was touched, and the " ..
+            "shipped unit counts it as no failure"},
+      {"6", "stopped by SIGTERM or SIGINT: the run ended cleanly, its report written and what was " ..
+            "downloaded kept for the next run"},
     }},
     {"EXAMPLES",
      "update-mirror -c /etc/update-mirror/mirror.conf\n" ..
@@ -94,8 +128,8 @@ local DOC = {
   },
 }
 
-local EXIT = {ok = 0, failure = 1, usage = 2, source = 3, repository = 4}
-local EXIT_OF_STATUS = {[-1] = 2, [-3] = 4, [-9] = 4, [-10] = 4, [-17] = 4, [-18] = 4}
+local EXIT = {ok = 0, failure = 1, usage = 2, source = 3, repository = 4, busy = 5, stopped = 6}
+local EXIT_OF_STATUS = {[-1] = 2, [-3] = 4, [-9] = 5, [-10] = 4, [-17] = 4, [-18] = 4}
 for _, status in ipairs{-5, -6, -7, -11, -12, -13, -14, -15, -16, -19} do EXIT_OF_STATUS[status] = EXIT.source end
 
 -- A problem found while reading arguments or the configuration: raised as a table so that the
@@ -185,10 +219,11 @@ local function parseArguments(args)
     end
     i = i + 1
   end
-  local actions = (given.dry_run and 1 or 0) + (given.list and 1 or 0) + (given.export and 1 or 0)
-  if actions > 1 then refuse("--dry-run, --list and --export exclude each other") end
+  local actions = 0
+  for _, key in ipairs{"dry_run", "list", "export", "verify", "repair"} do actions = actions + (given[key] and 1 or 0) end
+  if actions > 1 then refuse("--dry-run, --verify, --repair, --list and --export exclude each other") end
   return given
 end
 
-return {DOC = DOC, EXIT = EXIT, EXIT_OF_STATUS = EXIT_OF_STATUS, refuse = refuse, help = helpText,
+return {DOC = DOC, DEFAULT_CONFIG = DEFAULT_CONFIG, EXIT = EXIT, EXIT_OF_STATUS = EXIT_OF_STATUS, refuse = refuse, help = helpText,
         parse = parseArguments}

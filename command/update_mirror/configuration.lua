@@ -86,7 +86,10 @@ local function optionValue(where, key, value)
   if kind == "boolean" and type(value) ~= "boolean" then refuse("%s must be true or false", where) end
   if kind == "string" and type(value) ~= "string" then refuse("%s must be a string", where) end
   if key == "httpslevel" and (value < 0 or value > 2) then refuse("%s must be 0, 1 or 2", where) end
-  if key ~= "maxbandwidth" and kind == "integer" and value < 0 then refuse("%s must not be negative", where) end
+  -- The relay takes 32-bit integers; a negative one means nothing an administrator would want.
+  if kind == "integer" and (value < 0 or value > 2147483647) then
+    refuse("%s must be between 0 and 2147483647%s", where, key == "maxbandwidth" and " (0: no limit)" or "")
+  end
   return value
 end
 

@@ -14,6 +14,12 @@ local function fail(code, format, ...)
   os.exit(code)
 end
 
+-- A warning: on standard error, whatever --quiet and --json say.
+local function warn(format, ...)
+  io.stdout:flush()
+  io.stderr:write(NAME, ": ", string.format(format, ...), "\n")
+end
+
 ------------------------------------------------------------------------------ output helpers
 
 local function now()
@@ -29,8 +35,6 @@ local function size(bytes)
   repeat bytes, unit = bytes / 1024, unit + 1 until bytes < 1024 or unit == #units
   return string.format("%.1f %s", bytes, units[unit])
 end
-
-local function quote(text) return "'" .. text:gsub("'", "'\\''") .. "'" end
 
 local function fileSize(path)
   local file = io.open(path, "rb")
@@ -49,9 +53,10 @@ end
 
 local function isProduct(entity) return entity.name:match("^c%-?%d+t%-?%d+v") ~= nil end
 
--- With --json, stdout carries only the JSON document: the human lines go to stderr.
+-- The human lines; with --json standard output carries only the JSON document and standard
+-- error only warnings and failures, so the lines are dropped.
 local out = io.stdout
-local function say(format, ...) out:write(string.format(format, ...), "\n") end
+local function say(format, ...) if out then out:write(string.format(format, ...), "\n") end end
 
 local function summaryOf(settings, status, message)
   local code = update.ok(status) and EXIT.ok or (EXIT_OF_STATUS[status] or EXIT.failure)
@@ -80,11 +85,19 @@ local function finish(given, summary)
   os.exit(EXIT.ok)
 end
 
+-- Whether standard output is a terminal (the companion module answers; without it, no).
+local function terminal()
+  local found, localrelay = pcall(require, "localrelay")
+  return out == io.stdout and os.getenv("TERM") ~= "dumb" and found and localrelay.isterminal(1)
+end
+
 -- The download's progress from the relay's events. Every handler returns nothing: a true answer
--- would cancel the mirror.
-local function progress(summary)
-  local live = os.execute("test -t 1") and os.getenv("TERM") ~= "dumb" and out == io.stdout
+-- would cancel the mirror. With concurrent transfers the events of several packages interleave:
+-- the line shows the sum of what each has, so it never runs backwards.
+local function progress(summary, given)
+  local live = not given.quiet and terminal()
   local planned, done, started, shown = 0, 0, now(), false
+  local inFlight, current, highest = {}, 0, 0
   local function line(path, bytes)
     local percent = planned > 0 and math.floor(100 * bytes / planned) or 100
     local file = path:match("[^/]*$")
@@ -96,23 +109,30 @@ local function progress(summary)
   local handlers = {
     download = function(event) planned, started, summary.source = event.total, now(), event.information end,
     progress = function(event)
+      current = current - (inFlight[event.information] or 0) + event.finished
+      inFlight[event.information] = event.finished
+      highest = math.max(highest, done + current)
       if live then
-        io.stdout:write("\r\27[K  ", line(event.information, done + event.finished))
+        io.stdout:write("\r\27[K  ", line(event.information, highest))
         io.stdout:flush()
         shown = true
       end
     end,
+    removebegin = function(event) table.insert(summary.removed, {path = event.information:gsub("//+", "/")}) end,
     downloadend = function(event)
+      current = current - (inFlight[event.information:match("^(.-): ") or event.information] or 0)
+      inFlight[event.information:match("^(.-): ") or event.information] = nil
       if event.finished ~= event.total then
         local path, reason = event.information:match("^(.-): (.*)$")
         table.insert(summary.failed, {path = path or event.information, reason = reason or "failed"})
         if shown then io.stdout:write("\r\27[K"); shown = false end
-        say("  failed: %s", event.information)
+        warn("failed: %s", event.information)
         return
       end
       done = done + event.total
+      highest = math.max(highest, done + current)
       table.insert(summary.downloaded, {path = event.information, bytes = event.total})
-      if not live then say("  %s", line(event.information, done)) end
+      if not live and not given.quiet then say("  %s", line(event.information, highest)) end
     end,
   }
   local function stop()
@@ -125,9 +145,9 @@ end
 -- `json`: lua-cjson, when --json was given.
 function M.setup(module, json)
   update, cjson = module, json
-  if json then out = io.stderr end
+  if json then out = nil end
 end
 
-M.fail, M.now, M.size, M.quote, M.fileSize, M.exists, M.isProduct = fail, now, size, quote, fileSize, exists, isProduct
+M.fail, M.warn, M.now, M.size, M.fileSize, M.exists, M.isProduct = fail, warn, now, size, fileSize, exists, isProduct
 M.say, M.summaryOf, M.emitJson, M.finish, M.progress = say, summaryOf, emitJson, finish, progress
 return M

@@ -15,6 +15,7 @@ thread_local std::string* lastPlan = nullptr;  // owned; freed when taken or rep
 
 bool PlanOnly() noexcept { return (runMode & ZOVRELAY_LOCAL_PLAN_ONLY) != 0; }
 bool ReadBackAll() noexcept { return (runMode & ZOVRELAY_LOCAL_READ_BACK) != 0; }
+bool KeepsPlan() noexcept { return (runMode & (ZOVRELAY_LOCAL_READ_BACK | ZOVRELAY_LOCAL_KEEP_PLAN)) != 0; }
 
 void KeepPlan(std::string plan) {
     delete lastPlan;

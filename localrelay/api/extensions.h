@@ -15,6 +15,7 @@ enum {
     ZOVRELAY_LOCAL_PLAN_ONLY = 1,  // ZOVRELAY_Duplicate plans and writes nothing: no lock, no file,
                                    // no event; a context does not create its repository
     ZOVRELAY_LOCAL_READ_BACK = 2,  // every held archive is read back in full, due or not
+    ZOVRELAY_LOCAL_KEEP_PLAN = 4,  // a mirror that runs keeps its plan for ZOVRELAY_LocalTakePlan too
 };
 
 // Sets the calling thread's run mode (0: as the interface says) and answers the one before.

@@ -234,7 +234,7 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
         if (status > 0)
             status = Mirror(operation.repository(), operation.options(), operation.events(), source, request.products,
                             request.productCount, result, leaving, state, exact, &log, &alternates,
-                            RunMode{false, ReadBackAll(), ReadBackAll() ? &plan : nullptr});
+                            RunMode{false, ReadBackAll(), KeepsPlan() ? &plan : nullptr});
     } else {
         state = ReadHeldState(operation.root(), operation.packages());
     }

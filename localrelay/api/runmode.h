@@ -10,6 +10,7 @@ namespace localrelay {
 
 bool PlanOnly() noexcept;
 bool ReadBackAll() noexcept;
+bool KeepsPlan() noexcept;  // an executed mirror keeps its plan as well
 // Keeps the plan of the thread's last plan-only or executed run for ZOVRELAY_LocalTakePlan.
 void KeepPlan(std::string plan);
 

@@ -245,6 +245,8 @@ bool ComponentPlan::Heals(const Version& version) const {
 
 Plan MakePlan(const Catalog& catalog, const Selection& selection, const HeldView& view, const Options& options) {
     Plan plan;
+    plan.damaged = view.damaged;
+    plan.unreadable = view.unreadable;
     for (const Selected& selected : selection.components) {
         plan.components.push_back(PlanComponent(catalog, selected, view, options));
         for (const PlannedVersion& version : plan.components.back().versions) {
@@ -341,10 +343,19 @@ std::string FormatPlan(const Plan& plan, const std::string& source) {
                               {"kept", kept}, {"version_archives", component.versionArchives},
                               {"pruned", component.pruned}});
     }
+    json damaged = json::array();
+    for (const auto& [identity, versions] : plan.damaged) {
+        json texts = json::array();
+        for (const Version& version : versions) texts.push_back(FormatVersion(version));
+        damaged.push_back({{"identity", FormatIdentity(identity)}, {"versions", texts}});
+    }
+    json unreadable = json::array();
+    for (const Identity& identity : plan.unreadable) unreadable.push_back(FormatIdentity(identity));
     json files = json::object();
     for (const auto& [name, size] : plan.files) files[name] = size;
     const json document = {{"source", source}, {"bytes", plan.bytes}, {"held", plan.held},
-                           {"components", components}, {"healed_archives", plan.healedArchives}, {"files", files}};
+                           {"components", components}, {"healed_archives", plan.healedArchives}, {"files", files},
+                              {"damaged", damaged}, {"unreadable", unreadable}};
     return document.dump(-1, ' ', false, json::error_handler_t::replace);
 }
 

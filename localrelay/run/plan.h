@@ -106,6 +106,8 @@ struct Plan {
     std::map<std::string, uint64_t> files;    // packages/ afterwards: visible names but merged archives, with sizes
     uint64_t bytes = 0;                       // to download, saturated at UINT64_MAX
     size_t held = 0;                          // versions held already
+    std::map<Identity, std::vector<Version>> damaged;  // held copies whose bytes failed the read-back
+    std::set<Identity> unreadable;                     // served, but the merged archive no longer opens
 };
 
 // The decisions of one run; no file is read.

@@ -23,18 +23,22 @@ function e.makeSource(directory, options)
   assert(os.execute(table.concat(command, " ")))
 end
 
--- Serves directory over HTTP on a free port of 127.0.0.1 (tools/serve.py), logging into work;
--- returns the URL and a function that stops the server.
-function e.serve(directory, work)
+-- Serves directory over HTTP on a free port of 127.0.0.1 (tools/serve.py), logging into work
+-- (over HTTPS with certificate, a PEM file with the key); returns the URL and a function that stops it.
+function e.serve(directory, work, certificate)
   local serve = debug.getinfo(1, "S").source:match("^@(.*)/tests/lua/[^/]*$") .. "/tools/serve.py"
-  local pipe = io.popen(string.format("python3 %s %s %s >%s 2>&1 & echo $!", e.quote(serve), e.quote(directory),
-                                      e.quote(work .. "/http.port"), e.quote(work .. "/http.log")))
+  local pipe = io.popen(string.format("python3 %s %s %s %s >%s 2>&1 & echo $!", e.quote(serve), e.quote(directory),
+                                      e.quote(work .. "/http.port"), certificate and e.quote(certificate) or "",
+                                      e.quote(work .. "/http.log")))
   local pid = assert(pipe:read("*n"))
   pipe:close()
   local function stop() os.execute("kill " .. pid .. " 2>/dev/null") end
   for _ = 1, 600 do
     local port = h.read(work .. "/http.port")
-    if port then return "http://127.0.0.1:" .. port:match("%d+"), stop end
+    if port then
+      os.remove(work .. "/http.port")  -- the next server started with this work directory writes its own
+      return (certificate and "https" or "http") .. "://127.0.0.1:" .. port:match("%d+"), stop
+    end
     os.execute("sleep 0.05")
   end
   stop()

@@ -20,10 +20,11 @@ describe("update-mirror", function()
   end)
 
   -- Runs the command (after an optional prefix such as `flock DIR`, with optional options of the
-  -- interpreter); returns its exit status, standard output and standard error.
-  local function run(args, prefix, interpreter)
-    local command = string.format("%s %s %s %s %s >%s/out 2>%s/err", prefix or "", e.LUA, interpreter or "",
-                                  e.quote(COMMAND), args, e.quote(work), e.quote(work))
+  -- interpreter, followed by an optional suffix of the shell); returns its exit status, standard
+  -- output and standard error.
+  local function run(args, prefix, interpreter, suffix)
+    local command = string.format("%s %s %s %s %s >%s/out 2>%s/err %s", prefix or "", e.LUA, interpreter or "",
+                                  e.quote(COMMAND), args, e.quote(work), e.quote(work), suffix or "")
     local _, _, code = os.execute(command)
     return code, e.read(work .. "/out"), e.read(work .. "/err")
   end
@@ -43,56 +44,70 @@ describe("update-mirror", function()
     return found
   end
 
-  it("runs what its dry run promised, and the dry run changes nothing", function()
-    local repository = work .. "/repository"
-    local job = string.format("--repository %s --source %s", e.quote(repository), url)
-    -- A first run holds the kerno patterns and leaves their per-version archives.
-    assert.are.equal(0, run(job .. " --mirror components --component c3t4 --option buildpatch=true --no-cleanup"))
-    local before = hashes(repository)
-
-    local code, out = run(job .. " --dry-run --json")
-    assert.are.equal(0, code)
-    local plan = cjson.decode(out)
-    assert.are.equal(before, hashes(repository))
-    assert.are.same({"c22t2213l-1p-1r-1o-1", "c3t110l2p-1r-1o-1", "c3t210l2p-1r-1o-1"}, paths(plan.downloaded, "name"))
-    assert.are.same({"c3t4l1p-1r-1o-1", "c3t4l4p-1r-1o-1"}, paths(plan.skipped, "name"))
-    assert.are.equal(2, #plan.removed)
-    assert.are.equal(15360, plan.bytes)
-
-    code, out = run(job .. " --json")
-    assert.are.equal(0, code)
-    local summary = cjson.decode(out)
-    assert.are.same({1, "success", 0, {}}, {summary.status, summary.message, summary.exit, summary.failed})
-    assert.are.same(paths(plan.downloaded), paths(summary.downloaded))
-    assert.are.same(paths(plan.skipped, "name"), paths(summary.skipped, "name"))
-    assert.are.same(paths(plan.removed), paths(summary.removed))
-    assert.are.equal(plan.bytes, summary.bytes)
-    -- What the summary says was downloaded or held is exactly what the repository now holds.
-    local held = paths(summary.skipped, "name")
-    for _, entry in ipairs(plan.downloaded) do held[#held + 1] = entry.name end
-    table.sort(held)
-    assert.are.same(held, e.archives(repository, "merged"))
-    assert.are.same({}, e.archives(repository, "version"))
-
-    local listed = cjson.decode((select(2, run(job .. " --list --json"))))
-    assert.are.equal(2, #listed.products)
-    assert.are.equal(0, run(job .. " --export kerno_english " .. e.quote(work .. "/export")))
-    assert.are.same({"c3t4l1p-1r-1o-1-1.100.1.0.zip"}, e.names(work .. "/export"))
-  end)
-
-  it("downloads what its dry run promised, whatever the job selects", function()
-    local jobs = {
-      "--mirror everything --product c1t100 --option enable_check_file_type_blacklist=true --option file_type_blacklist=.PKG",
-      "--mirror patterns-except-kerno --product c1t101",
-      "--component c2t1207960066 --component c7t220",
+  -- The dry run is the relay's own plan: for each job of the matrix, on a repository prepared by
+  -- the jobs before it, the dry run changes nothing and lists exactly the downloads (paths and
+  -- bytes) and removals of the real run that follows.
+  it("does what its dry run listed, item for item", function()
+    local many = work .. "/many"  -- three versions of each component
+    e.makeSource(many, {products = 2, components = 6, size = 3000, versions = 3})
+    local manyUrl, stopMany = e.serve(many, work)
+    finally(stopMany)
+    -- A copy whose newest kerno pattern is published again under the same version, other bytes.
+    local republished = work .. "/republished"
+    os.execute(string.format("cp -r %s %s", e.quote(many), e.quote(republished)))
+    local catalog, path = e.read(republished .. "/server.ini"), "pattern/c3t4l1p-1r-1o-1-3.100.1.0.zip"
+    local old = catalog:match(path:gsub("%p", "%%%0") .. " 3120 (%x+)")
+    e.write(republished .. "/" .. path, string.rep("x", 3120))
+    local new = io.popen("sha256sum " .. e.quote(republished .. "/" .. path)):read("*l"):match("%x+")
+    e.write(republished .. "/server.ini", (catalog:gsub(old, new)))
+    -- A certificate for another name, from an authority the runs trust.
+    assert(os.execute("(" .. table.concat({"cd " .. e.quote(work),
+      "openssl req -x509 -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -days 2 -subj /CN=ca -keyout ca.key -out ca.pem",
+      "openssl req -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes -subj /CN=other -keyout other.key -out other.csr",
+      "printf 'subjectAltName=DNS:other.example\\n' >other.ext",
+      "openssl x509 -req -in other.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile other.ext -out other.crt",
+      "cat other.crt other.key >other.pem"}, " && ") .. ") >/dev/null 2>&1"))
+    local httpsUrl, stopHttps = e.serve(many, work, work .. "/other.pem")
+    finally(stopHttps)
+    local chain  -- the repository the "central" jobs make, served as a source
+    local jobs = {  -- repository, source, arguments; the jobs of one repository run in order
+      {"one", manyUrl, ""},
+      {"one", manyUrl, "--option maxmerge=3"},
+      {"patched", many, "--option maxmerge=3 --option buildpatch=true --no-cleanup"},
+      {"patched", many, "--option maxmerge=2 --option buildpatch=true --option keepcount=1 --no-cleanup"},
+      {"patched", republished, "--option maxmerge=2 --option buildpatch=true"},
+      {"kept", many, "-c " .. e.quote(work .. "/keep.conf") .. " --option maxmerge=3 --option buildpatch=true"},
+      {"central", manyUrl, "--mirror everything --product c1t100 --product c1t101 --option maxmerge=3"},
+      {"branch", "chain", "--mirror everything --product c1t100 --option maxmerge=3"},
+      {"secure", httpsUrl, "--option httpslevel=1"},
     }
-    for i, job in ipairs(jobs) do
-      job = string.format("--repository %s --source %s %s --json", e.quote(work .. "/job" .. i), url, job)
-      local plan = cjson.decode((select(2, run(job .. " --dry-run"))))
-      local summary = cjson.decode((select(2, run(job))))
-      assert.are.same(paths(plan.downloaded), paths(summary.downloaded), job)
-      assert.are.same(i == 1 and 5 or 2, #summary.downloaded, job)
+    e.write(work .. "/keep.conf", "cleanup = {keep = {'c3t4'}}")
+    for _, job in ipairs(jobs) do
+      local repository = work .. "/matrix-" .. job[1]
+      if job[2] == "chain" and not chain then chain = {e.serve(work .. "/matrix-central", work)} end
+      local source = job[2] == "chain" and chain[1] or job[2]
+      local args = string.format("--repository %s --source %s %s --json", e.quote(repository), e.quote(source), job[3])
+      local prefix = "CURL_CA_BUNDLE=" .. e.quote(work .. "/ca.pem")
+      local before = e.exists(repository) and hashes(repository)
+      local code, out, err = run(args .. " --dry-run", prefix)
+      assert.are.equal(0, code, args .. err)
+      local plan = cjson.decode(out)
+      assert.are.equal(before, e.exists(repository) and hashes(repository), args)
+      code, out, err = run(args, prefix)
+      assert.are.equal(0, code, args .. err)
+      local summary = cjson.decode(out)
+      for _, key in ipairs{"downloaded", "removed"} do
+        assert.are.same(paths(plan[key]), paths(summary[key]), args .. " " .. key)
+      end
+      assert.are.same(paths(plan.downloaded, "bytes"), paths(summary.downloaded, "bytes"), args)
+      assert.are.same({plan.bytes, #plan.skipped}, {summary.bytes, #summary.skipped}, args)
     end
+    if chain then chain[2]() end
+    local listed = cjson.decode((select(2, run("--repository " .. e.quote(work .. "/matrix-one") .. " --list --json"))))
+    assert.are.equal(2, #listed.products)
+    -- A friendly name exports the newest of the versions held.
+    assert.are.equal(0, run("--repository " .. e.quote(work .. "/matrix-one") .. " --export kerno_english " .. e.quote(work .. "/export")))
+    assert.are.same({"c3t4l1p-1r-1o-1-3.100.1.0.zip"}, e.names(work .. "/export"))
   end)
 
   it("reads its sources through the configured proxy, in the dry run too", function()
@@ -123,12 +138,38 @@ describe("update-mirror", function()
     assert.matches("GET " .. url:gsub("%p", "%%%0") .. "/rule/c22t2213", e.read(work .. "/tinyproxy.log"))
   end)
 
+  it("verifies, repairs, keeps quiet when nothing is new and stops cleanly", function()
+    local repository = work .. "/kept"
+    local job = string.format("--repository %s --source %s", e.quote(repository), url)
+    assert.are.equal(0, run(job))
+    assert.are.same({0, "", ""}, {run(job .. " --quiet")})
+    -- A byte of a held package flipped in place, its times restored: only a read-back finds it.
+    local archive = repository .. "/packages/" .. e.archives(repository, "merged")[1] .. "_merged.zip"
+    local bytes = e.read(archive)
+    os.execute("touch -r " .. e.quote(archive) .. " " .. e.quote(work .. "/times"))
+    e.write(archive, bytes:sub(1, 99) .. string.char((bytes:byte(100) + 1) % 256) .. bytes:sub(101))
+    os.execute("touch -r " .. e.quote(work .. "/times") .. " " .. e.quote(archive))
+    local before = hashes(repository)
+    local code, out, err = run(job .. " --verify --json")
+    assert.are.same({4, 1, before}, {code, #cjson.decode(out).damaged, hashes(repository)})
+    assert.matches("damaged: c%S+ [%d.]+: damaged copy in its merged archive\n.*damaged item found", err)
+    code, out = run(job .. " --repair --json")
+    assert.are.same({0, 1, 1}, {code, #cjson.decode(out).damaged, #cjson.decode(out).downloaded})
+    assert.are.equal(0, (run(job .. " --verify")))
+    -- SIGTERM while the packages trickle in: one line, its own status, a report, parts kept.
+    local stopped = work .. "/stopped"
+    code, _, err = run(string.format("--repository %s --source %s --limit 1", e.quote(stopped), url), nil, nil,
+                       "& sleep 1; kill -TERM $!; wait $!")
+    assert.are.same({6, true}, {code, e.exists(stopped .. "/report.json")})
+    assert.matches("^update%-mirror: stopped by SIGTERM; what was downloaded is kept for the next run[^\n]*\n$", err)
+  end)
+
   it("tells failures apart by its exit status, each with one line", function()
     local repository = e.quote(work .. "/busy")
     local cases = {  -- arguments, prefix, exit status, the line on standard error
       {"--repository /dev/null/x --source " .. url, nil, 4, "repository not accessible %(not a directory%): /dev/null/x %(status %-3%)"},
       {"--repository " .. repository .. " --source " .. url, "mkdir -p " .. repository .. " && flock " .. repository .. "/.lock",
-       4, "repository is busy: [^\n]*/busy/%.lock %(status %-9%)"},
+       5, "repository is busy: [^\n]*/busy/%.lock %(status %-9%)"},
       {"--repository " .. repository .. " --source " .. e.quote(work .. "/nowhere"), nil, 3, "no such file: .*/nowhere/server%.ini %(status %-5%)"},
       {"--repository " .. repository .. " --frobnicate", nil, 2, "unknown option %-%-frobnicate"},
       -- The shipped example configuration passes every check.
