@@ -28,6 +28,7 @@ description = {
 }
 dependencies = {
   "lua == 5.2",
+  "lua-cjson >= 2.1",  -- the command decodes the relay's plan and writes --json with it
 }
 build = {
   type = "cmake",
