@@ -51,7 +51,8 @@ describe("update-mirror", function()
     local many = work .. "/many"  -- three versions of each component
     e.makeSource(many, {products = 2, components = 6, size = 3000, versions = 3})
     local manyUrl, stopMany = e.serve(many, work)
-    finally(stopMany)
+    local stops = {stopMany}  -- busted keeps only the last finally of a test
+    finally(function() for _, stop in ipairs(stops) do stop() end end)
     -- A copy whose newest kerno pattern is published again under the same version, other bytes.
     local republished = work .. "/republished"
     os.execute(string.format("cp -r %s %s", e.quote(many), e.quote(republished)))
@@ -68,7 +69,7 @@ describe("update-mirror", function()
       "openssl x509 -req -in other.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile other.ext -out other.crt",
       "cat other.crt other.key >other.pem"}, " && ") .. ") >/dev/null 2>&1"))
     local httpsUrl, stopHttps = e.serve(many, work, work .. "/other.pem")
-    finally(stopHttps)
+    stops[#stops + 1] = stopHttps
     local chain  -- the repository the "central" jobs make, served as a source
     local jobs = {  -- repository, source, arguments; the jobs of one repository run in order
       {"one", manyUrl, ""},
@@ -84,7 +85,10 @@ describe("update-mirror", function()
     e.write(work .. "/keep.conf", "cleanup = {keep = {'c3t4'}}")
     for _, job in ipairs(jobs) do
       local repository = work .. "/matrix-" .. job[1]
-      if job[2] == "chain" and not chain then chain = {e.serve(work .. "/matrix-central", work)} end
+      if job[2] == "chain" and not chain then
+        chain = {e.serve(work .. "/matrix-central", work)}
+        stops[#stops + 1] = chain[2]
+      end
       local source = job[2] == "chain" and chain[1] or job[2]
       local args = string.format("--repository %s --source %s %s --json", e.quote(repository), e.quote(source), job[3])
       local prefix = "CURL_CA_BUNDLE=" .. e.quote(work .. "/ca.pem")
@@ -102,7 +106,6 @@ describe("update-mirror", function()
       assert.are.same(paths(plan.downloaded, "bytes"), paths(summary.downloaded, "bytes"), args)
       assert.are.same({plan.bytes, #plan.skipped}, {summary.bytes, #summary.skipped}, args)
     end
-    if chain then chain[2]() end
     local listed = cjson.decode((select(2, run("--repository " .. e.quote(work .. "/matrix-one") .. " --list --json"))))
     assert.are.equal(2, #listed.products)
     -- A friendly name exports the newest of the versions held.
