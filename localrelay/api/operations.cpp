@@ -113,7 +113,12 @@ ZOVRELAY_Status Export(const Operation& operation, const std::string& destinatio
     }
     RemoveAbandonedExports(directory.get());
     const std::string name = NameOf(chosen->path);
-    return ExtractInto(*archive, *chosen, directory.get(), "." + name + ".", kExportSuffix, name, true);
+    const ZOVRELAY_Status status = ExtractInto(*archive, *chosen, directory.get(), "." + name + ".", kExportSuffix, name, true);
+    // The bytes came from our own archive, not from a source: a damaged held copy is the
+    // repository's problem, whoever finds it (a mirror with a full read-back heals it).
+    if (status == kIntegrityFailed)
+        return Fail(kIoError, "held copy damaged", operation.repository().path + "/packages/" + MergedArchiveName(identity));
+    return status;
 }
 
 // Leaves the run report and metrics for an operation that ends with `status`.

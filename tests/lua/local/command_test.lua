@@ -147,7 +147,8 @@ describe("update-mirror", function()
     assert.are.equal(0, run(job))
     assert.are.same({0, "", ""}, {run(job .. " --quiet")})
     -- A byte of a held package flipped in place, its times restored: only a read-back finds it.
-    local archive = repository .. "/packages/" .. e.archives(repository, "merged")[1] .. "_merged.zip"
+    local identity = e.archives(repository, "merged")[1]
+    local archive = repository .. "/packages/" .. identity .. "_merged.zip"
     local bytes = e.read(archive)
     os.execute("touch -r " .. e.quote(archive) .. " " .. e.quote(work .. "/times"))
     e.write(archive, bytes:sub(1, 99) .. string.char((bytes:byte(100) + 1) % 256) .. bytes:sub(101))
@@ -156,6 +157,10 @@ describe("update-mirror", function()
     local code, out, err = run(job .. " --verify --json")
     assert.are.same({4, 1, before}, {code, #cjson.decode(out).damaged, hashes(repository)})
     assert.matches("damaged: c%S+ [%d.]+: damaged copy in its merged archive\n.*damaged item found", err)
+    -- An export that meets the damage blames the repository, not the source.
+    code, _, err = run(job .. " --export " .. identity .. " " .. e.quote(work .. "/damaged"))
+    assert.are.equal(4, code)
+    assert.matches("held copy damaged: [^\n]*_merged%.zip %(status %-10%)", err)
     code, out = run(job .. " --repair --json")
     assert.are.same({0, 1, 1}, {code, #cjson.decode(out).damaged, #cjson.decode(out).downloaded})
     assert.are.equal(0, (run(job .. " --verify")))
