@@ -147,7 +147,8 @@ ZOVRELAY_Status ZipWriter::Copy(const std::string& name, int from, uint64_t offs
     return kSuccess;
 }
 
-ZOVRELAY_Status ZipWriter::Finish() {
+// The central directory's entries, as they follow the last entry's bytes.
+std::string ZipWriter::CentralDirectory() const {
     std::string out;
     for (const Entry& entry : entries_) {
         const bool wideSize = entry.size >= kLimit32, wideOffset = entry.header >= kLimit32;
@@ -179,7 +180,12 @@ ZOVRELAY_Status ZipWriter::Finish() {
         out += entry.name;
         out += extra;
     }
-    const uint64_t directory = end_, count = entries_.size(), length = out.size();
+    return out;
+}
+
+// The end of central directory record, preceded by its ZIP64 forms when a field overflows.
+void ZipWriter::PutEnd(std::string& out, uint64_t directory, uint64_t length) const {
+    const uint64_t count = entries_.size();
     const bool wide = directory >= kLimit32 || length >= kLimit32 || count >= 0xFFFF;
     if (wide) {
         const uint64_t record = directory + length;
@@ -205,6 +211,11 @@ ZOVRELAY_Status ZipWriter::Finish() {
     Put(out, wide ? kLimit32 : length, 4);
     Put(out, wide ? kLimit32 : directory, 4);
     Put(out, 0, 2);
+}
+
+ZOVRELAY_Status ZipWriter::Finish() {
+    std::string out = CentralDirectory();
+    PutEnd(out, end_, out.size());
     const ZOVRELAY_Status status = Write(out.data(), out.size(), end_);
     if (status > 0) end_ += out.size();
     // Whatever lay beyond (a longer file we reuse) is no part of the archive.

@@ -48,6 +48,8 @@ private:
         uint32_t crc = 0;
     };
     ZOVRELAY_Status Write(const char* bytes, size_t size, uint64_t at);
+    std::string CentralDirectory() const;
+    void PutEnd(std::string& out, uint64_t directory, uint64_t length) const;
     std::string LocalHeader(const Entry& entry, uint64_t align) const;
 
     int fd_;
