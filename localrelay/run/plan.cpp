@@ -325,6 +325,16 @@ std::vector<ListedProduct> HeldProducts(const Catalog& catalog, const Selection&
     return result;
 }
 
+namespace {
+// The source's address without its user information: the plan is shown to people.
+std::string WithoutCredentials(const std::string& address) {
+    const size_t scheme = address.find("://");
+    if (scheme == std::string::npos) return address;
+    const size_t host = scheme + 3, end = address.find('/', host), at = address.rfind('@', end);
+    return at == std::string::npos || at < host ? address : address.substr(0, host) + address.substr(at + 1);
+}
+}  // namespace
+
 std::string FormatPlan(const Plan& plan, const std::string& source) {
     using nlohmann::json;
     json components = json::array();
@@ -333,8 +343,7 @@ std::string FormatPlan(const Plan& plan, const std::string& source) {
         for (const PlannedVersion& version : component.versions) {
             const Component& c = *version.component;
             versions.push_back({{"version", FormatVersion(c.version)}, {"action", ActionName(version.action)},
-                                {"path", c.PackagePath()}, {"size", c.size}, {"sha256", c.sha256},
-                                {"address", JoinAddress(source, c.path)}, {"offset", c.offset}});
+                                {"path", c.PackagePath()}, {"size", c.size}, {"sha256", c.sha256}});
         }
         json kept = json::array();
         for (const HeldVersion& held : component.next.versions) kept.push_back(FormatVersion(held.version));
@@ -353,7 +362,7 @@ std::string FormatPlan(const Plan& plan, const std::string& source) {
     for (const Identity& identity : plan.unreadable) unreadable.push_back(FormatIdentity(identity));
     json files = json::object();
     for (const auto& [name, size] : plan.files) files[name] = size;
-    const json document = {{"source", source}, {"bytes", plan.bytes}, {"held", plan.held},
+    const json document = {{"source", WithoutCredentials(source)}, {"bytes", plan.bytes}, {"held", plan.held},
                            {"components", components}, {"healed_archives", plan.healedArchives}, {"files", files},
                               {"damaged", damaged}, {"unreadable", unreadable}};
     return document.dump(-1, ' ', false, json::error_handler_t::replace);
