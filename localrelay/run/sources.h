@@ -53,6 +53,11 @@ private:
     std::map<size_t, Loaded> loaded_;
 };
 
+// Whether the sizes of the catalog's packages add up to at most 2^63 - 1 bytes, what a file and
+// every sum the run makes of them can hold; false with `error` otherwise (such a catalog is
+// refused as invalid).
+bool TotalSizeFits(const Catalog& catalog, std::string& error);
+
 // The serving source's catalog read again (from the same file): after a package's byte range no
 // longer matched, the source's archives may have been replaced since it was first read.
 std::optional<Catalog> ReloadCatalog(const LoadedSource& source);
