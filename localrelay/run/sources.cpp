@@ -28,7 +28,7 @@ bool TotalSizeFits(const Catalog& catalog, std::string& error) {
     uint64_t total = 0;
     for (const Component& component : catalog.components) {
         if (component.size > kLargest - total) {
-            error = "its packages' sizes add up to more than " + std::to_string(kLargest) + " bytes";
+            error = "sizes sum past 2^63";  // short enough for the status message to keep it
             return false;
         }
         total += component.size;

@@ -29,6 +29,14 @@ std::string HostOf(const std::string& address) {
     return address.substr(0, end);
 }
 
+// Whether the attempt took over a second at less than the floor rate on average.
+bool Crawled(const Job& job) {
+    curl_off_t micros = 0, bytes = 0;
+    curl_easy_getinfo(job.handle.easy(), CURLINFO_TOTAL_TIME_T, &micros);
+    curl_easy_getinfo(job.handle.easy(), CURLINFO_SIZE_DOWNLOAD_T, &bytes);
+    return micros >= 1000000 && double(bytes) < double(FloorRate(*job.d.settings)) * (double(micros) / 1e6);
+}
+
 }  // namespace
 
 class Engine {
@@ -268,10 +276,14 @@ ZOVRELAY_Status Engine::Done(Job& job, CURLcode result) {
         return outcomes_.Stopped(job, Failure{job.stop, job.stopReason});
     }
     if (stopped_ <= 0) return stopped_;  // another transfer of the same round stopped the run
-    // A transfer cut below the floor rate (or a connection that never came) counts against its
-    // source; any transfer that ran its course clears the count.
-    if (result == CURLE_OPERATION_TIMEDOUT || result == CURLE_COULDNT_CONNECT) ++job.host.failing;
-    else if (result == CURLE_OK || job.complete) job.host.failing = 0;
+    // A transfer cut below the floor rate, one that never connected, and one that ended but took
+    // over a second at less than the floor (a trickle of small packages) count against the
+    // source; any other that ran its course clears the count.
+    const bool ended = result == CURLE_OK || job.complete;
+    if (result == CURLE_OPERATION_TIMEDOUT || result == CURLE_COULDNT_CONNECT || (ended && Crawled(job)))
+        ++job.host.failing;
+    else if (ended)
+        job.host.failing = 0;
     return Classify(job, result, code);
 }
 

@@ -250,6 +250,10 @@ int OpenComponentWise(int directory, const std::string& relative, int& error) {
         const int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | (last ? O_NONBLOCK : O_DIRECTORY);
         const int next = ::openat(current, names[i].c_str(), flags);
         error = errno;
+        struct stat info {};  // O_DIRECTORY meets a link before O_NOFOLLOW does
+        if (next < 0 && error == ENOTDIR && ::fstatat(current, names[i].c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISLNK(info.st_mode))
+            error = ELOOP;
         ::close(current);
         current = next;
     }

@@ -43,7 +43,8 @@ struct TransferSettings {
 };
 
 // The floor rate a transfer is held to, in bytes/s: `floorRate` (at least 1 byte/s), but never
-// more than a sixteenth of maxbandwidth, so that transfers the budget holds back are not cut.
+// more than a sixty-fourth of maxbandwidth, so that transfers the budget holds back (up to 8
+// per host, from several hosts) are not cut.
 int64_t FloorRate(const TransferSettings& settings);
 // The floor's window in seconds, at least 1.
 int64_t FloorWindow(const TransferSettings& settings);

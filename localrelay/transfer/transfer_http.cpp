@@ -226,7 +226,7 @@ bool SetProxy(Options& options, const ProxySettings& proxy, std::string* reason)
 int64_t FloorRate(const TransferSettings& settings) {
     int64_t rate = std::max<int64_t>(settings.floorRate, 1);
     if (settings.maxBandwidth > 0 && settings.maxBandwidth < (int64_t(1) << 40))
-        rate = std::min(rate, std::max<int64_t>(settings.maxBandwidth * 1024 / 16, 1));
+        rate = std::min(rate, std::max<int64_t>(settings.maxBandwidth * 1024 / 64, 1));
     return rate;
 }
 
