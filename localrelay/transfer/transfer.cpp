@@ -126,6 +126,11 @@ private:
 }  // namespace
 
 bool LocalPath(const std::string& address, std::string& path, std::string* error) {
+    // A NUL would end the path the kernel sees early, as an escaped one (%00) would.
+    if (address.find('\0') != std::string::npos) {
+        SetError(error, "a NUL byte in the address");
+        return false;
+    }
     if (!StartsWithNoCase(address, "file://")) {
         if (address.find("://") != std::string::npos) {
             SetError(error, "unsupported address");
