@@ -5,7 +5,9 @@
 #include "base/wide.h"
 
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
+#include <sstream>
 
 namespace localrelay {
 namespace {
@@ -22,6 +24,35 @@ bool Narrow(const wchar_t* text, std::string& bytes) {
 }
 
 }  // namespace
+
+int64_t Today() {
+    return std::chrono::duration_cast<std::chrono::hours>(std::chrono::system_clock::now().time_since_epoch()).count() / 24;
+}
+
+VendorSources VendorSources::Parse(const std::string& text) {
+    VendorSources vendors;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t blank = line.find(' ');
+        if (blank == 0 || blank == std::string::npos || line.find_first_not_of("0123456789") != blank || blank > 9 ||
+            !IsHttpAddress(line.substr(blank + 1)))
+            continue;
+        vendors.since[line.substr(blank + 1)] = std::stoll(line.substr(0, blank));
+    }
+    return vendors;
+}
+
+std::string VendorSources::Format() const {
+    std::string text;
+    for (const auto& [address, day] : since)
+        if (address.find('\n') == std::string::npos) text += std::to_string(day) + " " + address + "\n";
+    return text;
+}
+
+bool VendorSources::Remembered(const std::string& address, int64_t today) const {
+    const auto found = since.find(address);
+    return found != since.end() && today >= found->second && today - found->second < 7;
+}
 
 bool TotalSizeFits(const Catalog& catalog, std::string& error) {
     constexpr uint64_t kLargest = uint64_t(INT64_MAX);
@@ -62,7 +93,7 @@ bool Configure(const ZOVRELAY_Source& source, const Options& options, Pool* pool
 // Reads the candidate's catalog: its source.ini when it has one that parses, else its server.ini.
 // kSuccess with the catalog in the candidate; kOutOfMemory; otherwise `refusal` says why, and
 // `refusedAt` which catalog.
-ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::string& refusedAt) {
+ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::string& refusedAt, VendorSources* vendors) {
     // A source that is not a repository of ours has no source.ini: what its server.ini
     // answered is the reason, unless either catalog was malformed.
     refusal = Failure{kNoSourceReachable, ""};
@@ -80,8 +111,11 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
     std::vector<Fetched> first;
     // Both catalogs, all their attempts, within the source's catalog deadline.
     const TransferSettings catalogSettings = ForCatalog(candidate.settings);
-    if (IsHttpAddress(candidate.address)) FetchFirstText(addresses, catalogSettings, texts, first);
+    const bool http = IsHttpAddress(candidate.address), vendor = http && vendors != nullptr &&
+                                                               vendors->Remembered(candidate.address, Today());
+    if (http && !vendor) FetchFirstText(addresses, catalogSettings, texts, first);
     for (const char* name : {kSourceCatalogName, kIndexName}) {
+        if (vendor && name == kSourceCatalogName) continue;
         const size_t k = name == kSourceCatalogName ? 0 : 1;
         std::string text, error;
         const std::string& address = addresses[k];
@@ -94,6 +128,10 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
         }
         if (status == kOutOfMemory) return status;
         if (status <= 0) {
+            if (http && vendors != nullptr && k == 0 && status == kHttpError && error.rfind("HTTP 404", 0) == 0) {
+                vendors->since[candidate.address] = Today();
+                vendors->changed = true;
+            }
             note(address, status, error);
             // A repository's source.ini that is only unreachable for now must not make way for
             // its server.ini, which names far less: the source is down, try the next.
@@ -116,7 +154,7 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
 }  // namespace
 
 ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options,
-                           LoadedSource& loaded, Pool* pool, size_t* served, RunLog* log) {
+                           LoadedSource& loaded, Pool* pool, size_t* served, RunLog* log, VendorSources* vendors) {
     Failure failure{kNoSourceReachable, "no source address given"};
     std::string failed;  // the catalog's address
     for (size_t i = 0; i < count; ++i) {
@@ -125,7 +163,7 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
         if (!Configure(sources[i], options, pool, candidate)) return kInvalidArgument;
         Failure refusal;
         std::string refusedAt;
-        const ZOVRELAY_Status status = ReadCatalogs(candidate, refusal, refusedAt);
+        const ZOVRELAY_Status status = ReadCatalogs(candidate, refusal, refusedAt, vendors);
         if (status == kOutOfMemory) return status;
         if (status > 0) {
             if (log != nullptr) {

@@ -29,8 +29,9 @@ class Handler(http.server.BaseHTTPRequestHandler):
         _, fault, name = self.path.split("/", 2)
         with open(log, "a") as out: out.write("%s %s\n" % (self.path, self.headers.get("Range", "-")))
         first = self.path not in seen; seen.add(self.path)
-        if fault == "gone" or (fault == "busy" and first):
-            self.send_response(404 if fault == "gone" else 503); self.send_header("Retry-After", "0")
+        missing = not os.path.exists(os.path.join(root, name))
+        if fault == "gone" or missing or (fault == "busy" and first):
+            self.send_response(503 if fault == "busy" and not missing else 404); self.send_header("Retry-After", "0")
             self.send_header("Content-Length", "0"); self.end_headers(); return
         data = open(os.path.join(root, name), "rb").read()
         if fault == "trickle":  # 2 bytes/s, and no pause asked between attempts
@@ -265,6 +266,21 @@ TEST_F(Network, ATricklingSourceIsCutAtTheFloorRate) {
     const ZOVRELAY_Source source{const_cast<wchar_t*>(url.c_str()), {0, 0}, nullptr};
     LoadedSource loaded;
     EXPECT_EQ(LoadSource(&source, 1, options, loaded), kConnectionFailed);
+}
+
+// A source without source.ini (a vendor's) is remembered, and then asked for its server.ini alone.
+TEST_F(Network, AVendorSourceIsAskedForItsServerIniAlone) {
+    WriteFile(Path("www/server.ini"), "[PATTERN]\n[ENGINE]\n[All_Product]\n");
+    const std::wstring url = Wide("http://127.0.0.1:" + std::to_string(port) + "/ok/");
+    const ZOVRELAY_Source source{const_cast<wchar_t*>(url.c_str()), {0, 0}, nullptr};
+    VendorSources vendors;
+    for (const Lines& asked : {Lines{"/ok/server.ini -", "/ok/source.ini -"}, Lines{"/ok/server.ini -"}}) {
+        fs::remove(Path("log"));
+        LoadedSource loaded;
+        EXPECT_EQ(LoadSource(&source, 1, Options(), loaded, nullptr, nullptr, nullptr, &vendors), kSuccess);
+        EXPECT_EQ(Log(), asked);
+        vendors = VendorSources::Parse(vendors.Format());  // as the next night reads it
+    }
 }
 
 }  // namespace
