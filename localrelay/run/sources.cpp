@@ -139,8 +139,7 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
             continue;
         }
         std::optional<Catalog> catalog = ParseCatalog(text, &error);
-        if (catalog && !TotalSizeFits(*catalog, error)) catalog.reset();
-        if (!catalog) {
+        if (!catalog || !TotalSizeFits(*catalog, error)) {
             note(address, kInvalidCatalog, "invalid catalog (" + error + ")");
             continue;
         }
@@ -215,7 +214,7 @@ std::optional<Catalog> ReloadCatalog(const LoadedSource& source) {
         return std::nullopt;
     std::optional<Catalog> catalog = ParseCatalog(text);
     std::string error;
-    if (catalog && !TotalSizeFits(*catalog, error)) catalog.reset();
+    if (!catalog || !TotalSizeFits(*catalog, error)) return std::nullopt;
     return catalog;
 }
 

@@ -54,7 +54,6 @@ private:
     ZOVRELAY_Status Perform(bool& finished, bool& over);
     ZOVRELAY_Status Unpause(Clock::duration& idle);
     size_t Body(Job& job, const char* data, size_t size);
-    bool CheckAnswer(Job& job);
     ZOVRELAY_Status Done(Job& job, CURLcode result);
     ZOVRELAY_Status Classify(Job& job, CURLcode result, long code);
     static size_t OnHeader(char* data, size_t, size_t size, void* user) noexcept;
@@ -199,34 +198,6 @@ size_t Engine::OnBody(char* data, size_t, size_t size, void* user) noexcept {
     }
 }
 
-// The first bytes of a response: whether its status and range are what was asked. False stops
-// the transfer.
-bool Engine::CheckAnswer(Job& job) {
-    long code = 0;
-    curl_easy_getinfo(job.handle.easy(), CURLINFO_RESPONSE_CODE, &code);
-    if (code < 200 || code > 299) {
-        job.refused = code;
-        return false;
-    }
-    if (code == 206) {
-        if (!job.ranged || !RangeStartsAt(job.response.contentRange, job.d.offset + job.part.have())) {
-            job.stop = kConnectionFailed, job.stopReason = "the server answered another range than asked";
-            job.wholeFile = true;
-            if (!job.part.Restart()) job.stop = kIoError;
-            return false;
-        }
-    } else {
-        // The whole file: the server ignores ranges, or the file changed since the bytes kept.
-        if (job.part.have() > 0 && !job.part.Restart()) job.stop = kIoError;
-        if (job.ranged) job.wholeFile = true;
-        job.skip = job.d.offset;
-    }
-    // These bytes start the part: the response's validators describe them all.
-    if (!job.part.recorded() && job.part.have() == 0) job.part.validators = job.response.answered;
-    job.checked = true;
-    return true;
-}
-
 size_t Engine::Body(Job& job, const char* data, size_t size) {
     Download& d = job.d;
     if (stopped_ <= 0) return 0;
@@ -289,29 +260,23 @@ ZOVRELAY_Status Engine::Done(Job& job, CURLcode result) {
 
 ZOVRELAY_Status Engine::Classify(Job& job, CURLcode result, long code) {
     const Download& d = job.d;
-    long proxyCode = 0, proxyError = 0;
-    curl_easy_getinfo(job.handle.easy(), CURLINFO_HTTP_CONNECTCODE, &proxyCode);
-#if LIBCURL_VERSION_NUM >= 0x074900
-    curl_easy_getinfo(job.handle.easy(), CURLINFO_PROXY_ERROR, &proxyError);
-#endif
-    const std::string curlReason = job.error[0] != '\0' ? job.error : curl_easy_strerror(result);
+    const bool answered = job.complete || (result == CURLE_OK && code >= 200 && code <= 299);
+    const bool known = answered || job.stop == kIntegrityFailed || job.stop == kConnectionFailed ||
+                       result == CURLE_OUT_OF_MEMORY;
+    const Failure failure = known ? Failure{} : AttemptFailure(job, result, code);
     job.handle.Reset();
     if (job.stop == kIntegrityFailed) return outcomes_.Finish(job, kIntegrityFailed, job.stopReason, false);
     if (job.stop == kConnectionFailed) return outcomes_.Finish(job, kConnectionFailed, job.stopReason, true);
     if (result == CURLE_OUT_OF_MEMORY) return kOutOfMemory;
-    if (job.complete || (result == CURLE_OK && code >= 200 && code <= 299)) {
+    if (answered) {
         if (job.part.have() == d.size) return outcomes_.Verified(job);
         return outcomes_.Finish(job, kConnectionFailed,
                                 "the connection closed after " + std::to_string(job.part.have()) + " of " +
                                     std::to_string(d.size) + " bytes",
                                 true);
     }
-    // One classification for every transfer (failure.cpp); a refused connection, a reset or a
-    // timeout, and a server's 5xx or 429, are worth another attempt.
-    const bool refused = code >= 300 || job.refused != 0 || result == CURLE_OK;
-    const ProxySettings& proxy = d.settings->proxy;
-    const Failure failure = FromCurl(refused ? CURLE_HTTP_RETURNED_ERROR : result, code, proxyCode, proxyError,
-                                     proxy.used && !proxy.user.empty(), curlReason.c_str());
+    // A refused connection, a reset or a timeout, and a server's 5xx or 429, are worth another
+    // attempt.
     return outcomes_.Finish(job, failure.status, failure.reason, IsTransient(failure.status, code));
 }
 

@@ -90,4 +90,47 @@ ZOVRELAY_Status Outcomes::HandOverAll() {
     return kSuccess;
 }
 
+// The first bytes of a response: whether its status and range are what was asked. False stops
+// the transfer.
+bool CheckAnswer(Job& job) {
+    long code = 0;
+    curl_easy_getinfo(job.handle.easy(), CURLINFO_RESPONSE_CODE, &code);
+    if (code < 200 || code > 299) {
+        job.refused = code;
+        return false;
+    }
+    if (code == 206) {
+        if (!job.ranged || !RangeStartsAt(job.response.contentRange, job.d.offset + job.part.have())) {
+            job.stop = kConnectionFailed, job.stopReason = "the server answered another range than asked";
+            job.wholeFile = true;
+            if (!job.part.Restart()) job.stop = kIoError;
+            return false;
+        }
+    } else {
+        // The whole file: the server ignores ranges, or the file changed since the bytes kept.
+        if (job.part.have() > 0 && !job.part.Restart()) job.stop = kIoError;
+        if (job.ranged) job.wholeFile = true;
+        job.skip = job.d.offset;
+    }
+    // These bytes start the part: the response's validators describe them all.
+    if (!job.part.recorded() && job.part.have() == 0) job.part.validators = job.response.answered;
+    job.checked = true;
+    return true;
+}
+
+// What a failed attempt's libcurl result and HTTP status mean: one classification for every
+// transfer (failure.cpp). Call before the handle is reset.
+Failure AttemptFailure(Job& job, CURLcode result, long code) {
+    long proxyCode = 0, proxyError = 0;
+    curl_easy_getinfo(job.handle.easy(), CURLINFO_HTTP_CONNECTCODE, &proxyCode);
+#if LIBCURL_VERSION_NUM >= 0x074900
+    curl_easy_getinfo(job.handle.easy(), CURLINFO_PROXY_ERROR, &proxyError);
+#endif
+    const std::string curlReason = job.error[0] != '\0' ? job.error : curl_easy_strerror(result);
+    const bool refused = code >= 300 || job.refused != 0 || result == CURLE_OK;
+    const ProxySettings& proxy = job.d.settings->proxy;
+    return FromCurl(refused ? CURLE_HTTP_RETURNED_ERROR : result, code, proxyCode, proxyError,
+                    proxy.used && !proxy.user.empty(), curlReason.c_str());
+}
+
 }  // namespace localrelay

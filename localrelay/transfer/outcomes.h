@@ -51,6 +51,13 @@ private:
     std::deque<Download*> ready_;  // final outcomes not yet handed to done_
 };
 
+// The first bytes of a response: whether its status and range are what was asked (false stops
+// the transfer, with job.refused or job.stop saying why).
+bool CheckAnswer(Job& job);
+
+// What a failed attempt's libcurl result and HTTP status mean (before its handle is reset).
+Failure AttemptFailure(Job& job, CURLcode result, long code);
+
 }  // namespace localrelay
 
 #endif
