@@ -32,17 +32,20 @@ int OpenPackage(const Download& d, std::string& path, std::string& why, ZOVRELAY
               std::to_string(kMinimumRange) + " bytes the smallest package takes";
         return -1;
     }
-    int fd = -1;
-    std::string root;
-    if (!d.root.empty() && LocalPath(d.root, root, nullptr) && path.size() > root.size() &&
-        path.compare(0, root.size(), root) == 0 && (root.back() == '/' || path[root.size()] == '/')) {
-        const size_t start = path.find_first_not_of('/', root.size());
-        fd = OpenBeneath(root, start == std::string::npos ? "" : path.substr(start), why);
-        if (fd < 0) why = path + ": " + why;
+    if (d.root.empty()) {
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a FIFO cannot hold us
+        if (fd < 0) why = path + ": " + std::strerror(errno);
         return fd;
     }
-    fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);  // a FIFO cannot hold us
-    if (fd < 0) why = path + ": " + std::strerror(errno);
+    std::string root;
+    int fd = -1;
+    why = "outside the source directory";
+    if (LocalPath(d.root, root, nullptr) && path.size() > root.size() && path.compare(0, root.size(), root) == 0 &&
+        (root.back() == '/' || path[root.size()] == '/')) {
+        const size_t start = path.find_first_not_of('/', root.size());
+        fd = OpenBeneath(root, start == std::string::npos ? "" : path.substr(start), why);
+    }
+    if (fd < 0) why = path + ": " + why;
     return fd;
 }
 
