@@ -22,6 +22,10 @@ const RelayOption kRelayOptions[] = {
     {'i', "httpslevel", 15},
     {'b', "enable_check_file_type_blacklist", 23},
     {'s', "file_type_blacklist", 22},
+    // The local relay's own: the time a source may take (another relay refuses the numbers).
+    {'i', "lowspeedlimit", 1000},
+    {'i', "lowspeedtime", 1001},
+    {'i', "catalogtimeout", 1002},
 };
 
 wchar_t kEmptyWide[1] = {0};

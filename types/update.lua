@@ -78,6 +78,9 @@ local update = {}
 ---@field httpslevel? integer 0 no certificate check, 1 the peer's certificate, 2 (default) and host name
 ---@field file_type_blacklist? string comma-separated file extensions not to mirror
 ---@field enable_check_file_type_blacklist? boolean apply `file_type_blacklist`
+---@field lowspeedlimit? integer bytes/s a transfer must average over `lowspeedtime` (default 1024)
+---@field lowspeedtime? integer seconds of the floor rate's window (default 60)
+---@field catalogtimeout? integer seconds a source's catalogs may take in all (default 300; 0: none)
 ---@field ke? boolean `true`: no clean-up after `everything`, `patterns`, `patternsExceptKerno`
 ---@field removeke? fun(path: string): any keep predicate of the clean-up after the mirror
 ---@field download? update.Handler

@@ -79,8 +79,9 @@ local DOC = {
      "cleanup = {keep = {\"c2t1207960066\"}}  -- or true (the default), or false",
      "A proxy's type is \"http\" (the default) or \"socks5\". mirror = \"everything\" needs at " ..
      "least one product. The relay options are maxbandwidth (KiB/s), buildpatch, maxmerge, " ..
-     "diffcount, keepcount, httpslevel (0, 1 or 2), file_type_blacklist and " ..
-     "enable_check_file_type_blacklist. The clean-up resets server.ini and deletes the per-version " ..
+     "diffcount, keepcount, httpslevel (0, 1 or 2), file_type_blacklist, " ..
+     "enable_check_file_type_blacklist, and the time a source may take: lowspeedlimit (bytes/s, " ..
+     "default 1024) over lowspeedtime (s, default 60), catalogtimeout (s, default 300). The clean-up resets server.ini and deletes the per-version " ..
      "archives packages/<identity>_<version>.zip, except those of the kinds of component that keep " ..
      "names; it runs after the mirror unless the mirror ended with a repository problem."},
     {"ENVIRONMENT", {

@@ -8,7 +8,8 @@ local MODES = {everything = "everything", patterns = "patterns",
                ["patterns-except-kerno"] = "patternsExceptKerno", components = "components"}
 local RELAY_OPTIONS = {maxbandwidth = "integer", buildpatch = "boolean", maxmerge = "integer",
                        diffcount = "integer", keepcount = "integer", httpslevel = "integer",
-                       file_type_blacklist = "string", enable_check_file_type_blacklist = "boolean"}
+                       file_type_blacklist = "string", enable_check_file_type_blacklist = "boolean",
+                       lowspeedlimit = "integer", lowspeedtime = "integer", catalogtimeout = "integer"}
 
 local update  -- the module, loaded once the arguments are known
 

@@ -232,9 +232,14 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
         Pool pool;  // the catalog's connection serves the packages too
         LoadedSource source;
         size_t served = 0;
+        VendorSources vendors = VendorSources::Parse(
+            ReadWholeFileAt(operation.root(), VendorSources::kRecordName, 1 << 20).value_or(""));
         state = ReadHeldStateDuring(operation, [&] {
-            status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served, &log);
+            status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served, &log,
+                                &vendors);
         });
+        // At best: a record that cannot be written costs one request the next night, nothing more.
+        if (vendors.changed) (void)WriteWholeFileAt(operation.root(), VendorSources::kRecordName, vendors.Format());
         Alternates alternates(request.sources, request.sourceCount, served, operation.options(), &pool);
         if (status > 0)
             status = Mirror(operation.repository(), operation.options(), operation.events(), source, request.products,

@@ -60,6 +60,7 @@ void Fetcher::Queue() {
             Download d;
             d.information = component->PackagePath();
             d.address = JoinAddress(run_.source.address, component->path);
+            d.root = IsHttpAddress(run_.source.address) ? "" : run_.source.address;
             d.settings = &run_.source.settings;
             d.offset = component->offset;
             d.size = component->size;
@@ -110,6 +111,7 @@ ZOVRELAY_Status Fetcher::CheckSpace() const {
 void Fetcher::Retry(size_t i, const LoadedSource& from, const Component& listed) {
     Download next = downloads_[i];
     next.address = JoinAddress(from.address, listed.path);
+    next.root = IsHttpAddress(from.address) ? "" : from.address;
     next.settings = &from.settings;
     next.offset = listed.offset;
     again_.emplace_back(i, std::move(next));

@@ -23,6 +23,10 @@ constexpr OptionEntry kOptionTable[] = {
     {15, "httpslevel", Kind::kNumber, &Options::httpsLevel},
     {22, "file_type_blacklist", Kind::kText, nullptr},
     {23, "enable_check_file_type_blacklist", Kind::kNumber, &Options::checkBlacklist},
+    // The local relay's own options, numbered apart from the others.
+    {1000, "lowspeedlimit", Kind::kCount, &Options::lowSpeedLimit},
+    {1001, "lowspeedtime", Kind::kCount, &Options::lowSpeedTime},
+    {1002, "catalogtimeout", Kind::kCount, &Options::catalogTimeout},
 };
 
 const OptionEntry* Find(int number) {

@@ -18,6 +18,11 @@ struct Options {
     int64_t keepCount = 0;     // per-version archives per component; 0: no limit
     int64_t httpsLevel = 2;    // 0 none, 1 peer, anything else peer and host
     int64_t checkBlacklist = 0;
+    // Time a source may take: an HTTP transfer receiving less than lowSpeedLimit bytes/s over
+    // lowSpeedTime seconds is cut; a source's catalogs may take catalogTimeout seconds in all.
+    int64_t lowSpeedLimit = 1024;
+    int64_t lowSpeedTime = 60;
+    int64_t catalogTimeout = 300;
     std::string blacklist;  // as given: comma-separated extensions
 
     size_t VersionsKept() const { return maxMerge <= 0 ? 1 : static_cast<size_t>(maxMerge); }

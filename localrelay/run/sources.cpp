@@ -5,6 +5,9 @@
 #include "base/wide.h"
 
 #include <algorithm>
+#include <chrono>
+#include <cstdint>
+#include <sstream>
 
 namespace localrelay {
 namespace {
@@ -22,87 +25,159 @@ bool Narrow(const wchar_t* text, std::string& bytes) {
 
 }  // namespace
 
+int64_t Today() {
+    return std::chrono::duration_cast<std::chrono::hours>(std::chrono::system_clock::now().time_since_epoch()).count() / 24;
+}
+
+VendorSources VendorSources::Parse(const std::string& text) {
+    VendorSources vendors;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        const size_t blank = line.find(' ');
+        if (blank == 0 || blank == std::string::npos || line.find_first_not_of("0123456789") != blank || blank > 9 ||
+            !IsHttpAddress(line.substr(blank + 1)))
+            continue;
+        vendors.since[line.substr(blank + 1)] = std::stoll(line.substr(0, blank));
+    }
+    return vendors;
+}
+
+std::string VendorSources::Format() const {
+    std::string text;
+    for (const auto& [address, day] : since)
+        if (address.find('\n') == std::string::npos) text += std::to_string(day) + " " + address + "\n";
+    return text;
+}
+
+bool VendorSources::Remembered(const std::string& address, int64_t today) const {
+    const auto found = since.find(address);
+    return found != since.end() && today >= found->second && today - found->second < 7;
+}
+
+bool TotalSizeFits(const Catalog& catalog, std::string& error) {
+    constexpr uint64_t kLargest = uint64_t(INT64_MAX);
+    uint64_t total = 0;
+    for (const Component& component : catalog.components) {
+        if (component.size > kLargest - total) {
+            error = "sizes sum past 2^63";  // short enough for the status message to keep it
+            return false;
+        }
+        total += component.size;
+    }
+    return true;
+}
+
+namespace {
+
+// The candidate's address and transfer settings from the source record and the options.
+bool Configure(const ZOVRELAY_Source& source, const Options& options, Pool* pool, LoadedSource& candidate) {
+    candidate.settings.maxBandwidth = options.maxBandwidth;
+    candidate.settings.httpsLevel = options.httpsLevel;
+    candidate.settings.floorRate = options.lowSpeedLimit;
+    candidate.settings.floorWindow = options.lowSpeedTime;
+    candidate.settings.catalogSeconds = options.catalogTimeout;
+    candidate.settings.pool = pool;
+    if (!Narrow(source.url, candidate.address)) return false;
+    if (const ZOVRELAY_Proxy* proxy = source.proxy) {
+        ProxySettings& settings = candidate.settings.proxy;
+        if (!Narrow(proxy->host, settings.host) || !Narrow(proxy->user, settings.user) ||
+            !Narrow(proxy->password, settings.password))
+            return false;
+        settings.used = !settings.host.empty();  // a proxy without a host is no proxy
+        settings.type = proxy->type;
+        settings.port = proxy->port;
+    }
+    return true;
+}
+
+// Reads the candidate's catalog: its source.ini when it has one that parses, else its server.ini.
+// kSuccess with the catalog in the candidate; kOutOfMemory; otherwise `refusal` says why, and
+// `refusedAt` which catalog.
+ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::string& refusedAt, VendorSources* vendors) {
+    // A source that is not a repository of ours has no source.ini: what its server.ini
+    // answered is the reason, unless either catalog was malformed.
+    refusal = Failure{kNoSourceReachable, ""};
+    const auto note = [&](const std::string& address, ZOVRELAY_Status status, const std::string& reason) {
+        if (refusal.status == kInvalidCatalog && status != kInvalidCatalog) return;
+        refusal = Failure{status, reason};
+        refusedAt = address;
+    };
+    // Over HTTP both catalogs are asked for at once: a source that is no repository of ours
+    // answers source.ini with 404, and asking in turn cost a round trip every run. The
+    // server.ini request stops as soon as source.ini is coming.
+    const std::vector<std::string> addresses{JoinAddress(candidate.address, kSourceCatalogName),
+                                             JoinAddress(candidate.address, kIndexName)};
+    std::vector<std::string> texts(2);
+    std::vector<Fetched> first;
+    // Both catalogs, all their attempts, within the source's catalog deadline.
+    const TransferSettings catalogSettings = ForCatalog(candidate.settings);
+    const bool http = IsHttpAddress(candidate.address), vendor = http && vendors != nullptr &&
+                                                               vendors->Remembered(candidate.address, Today());
+    if (http && !vendor) FetchFirstText(addresses, catalogSettings, texts, first);
+    for (const char* name : {kSourceCatalogName, kIndexName}) {
+        if (vendor && name == kSourceCatalogName) continue;
+        const size_t k = name == kSourceCatalogName ? 0 : 1;
+        std::string text, error;
+        const std::string& address = addresses[k];
+        bool transient = false;
+        ZOVRELAY_Status status;
+        if (first.empty() || first[k].stopped || (first[k].status <= 0 && first[k].attempt.transient)) {
+            status = FetchText(address, catalogSettings, text, 64u << 20, &error, &transient);
+        } else {
+            status = first[k].status, error = first[k].error, text = std::move(texts[k]);
+        }
+        if (status == kOutOfMemory) return status;
+        if (status <= 0) {
+            if (http && vendors != nullptr && k == 0 && status == kHttpError && error.rfind("HTTP 404", 0) == 0) {
+                vendors->since[candidate.address] = Today();
+                vendors->changed = true;
+            }
+            note(address, status, error);
+            // A repository's source.ini that is only unreachable for now must not make way for
+            // its server.ini, which names far less: the source is down, try the next.
+            if (transient) break;
+            continue;
+        }
+        std::optional<Catalog> catalog = ParseCatalog(text, &error);
+        if (!catalog || !TotalSizeFits(*catalog, error)) {
+            note(address, kInvalidCatalog, "invalid catalog (" + error + ")");
+            continue;
+        }
+        candidate.catalog = std::move(*catalog);
+        candidate.catalogName = name;
+        return kSuccess;
+    }
+    return refusal.status;
+}
+
+}  // namespace
+
 ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options,
-                           LoadedSource& loaded, Pool* pool, size_t* served, RunLog* log) {
+                           LoadedSource& loaded, Pool* pool, size_t* served, RunLog* log, VendorSources* vendors) {
     Failure failure{kNoSourceReachable, "no source address given"};
     std::string failed;  // the catalog's address
-    auto refused = [&](const std::string& address, const std::string& catalog, ZOVRELAY_Status status,
-                       const std::string& reason) {
-        if (log != nullptr) log->sourcesTried.push_back(SourceAttempt{address, status, reason});
-        if (failed.empty() || (status == kInvalidCatalog && failure.status != kInvalidCatalog)) {
-            failure = Failure{status, reason};
-            failed = catalog;
-        }
-    };
     for (size_t i = 0; i < count; ++i) {
-        const ZOVRELAY_Source& source = sources[i];
-        if (source.url == nullptr) continue;
+        if (sources[i].url == nullptr) continue;
         LoadedSource candidate;
-        candidate.settings.maxBandwidth = options.maxBandwidth;
-        candidate.settings.httpsLevel = options.httpsLevel;
-        candidate.settings.pool = pool;
-        if (!Narrow(source.url, candidate.address)) return kInvalidArgument;
-        if (const ZOVRELAY_Proxy* proxy = source.proxy) {
-            ProxySettings& settings = candidate.settings.proxy;
-            if (!Narrow(proxy->host, settings.host) || !Narrow(proxy->user, settings.user) ||
-                !Narrow(proxy->password, settings.password))
-                return kInvalidArgument;
-            settings.used = !settings.host.empty();  // a proxy without a host is no proxy
-            settings.type = proxy->type;
-            settings.port = proxy->port;
-        }
-        // A source that is not a repository of ours has no source.ini: what its server.ini
-        // answered is the reason, unless either catalog was malformed.
-        Failure refusal{kNoSourceReachable, ""};
+        if (!Configure(sources[i], options, pool, candidate)) return kInvalidArgument;
+        Failure refusal;
         std::string refusedAt;
-        const auto note = [&](const std::string& address, ZOVRELAY_Status status, const std::string& reason) {
-            if (refusal.status == kInvalidCatalog && status != kInvalidCatalog) return;
-            refusal = Failure{status, reason};
-            refusedAt = address;
-        };
-        // Over HTTP both catalogs are asked for at once: a source that is no repository of ours
-        // answers source.ini with 404, and asking in turn cost a round trip every run. The
-        // server.ini request stops as soon as source.ini is coming.
-        const std::vector<std::string> addresses{JoinAddress(candidate.address, kSourceCatalogName),
-                                                 JoinAddress(candidate.address, kIndexName)};
-        std::vector<std::string> texts(2);
-        std::vector<Fetched> first;
-        if (IsHttpAddress(candidate.address)) FetchFirstText(addresses, candidate.settings, texts, first);
-        for (const char* name : {kSourceCatalogName, kIndexName}) {
-            const size_t k = name == kSourceCatalogName ? 0 : 1;
-            std::string text, error;
-            const std::string& address = addresses[k];
-            bool transient = false;
-            ZOVRELAY_Status status;
-            if (first.empty() || first[k].stopped || (first[k].status <= 0 && first[k].attempt.transient)) {
-                status = FetchText(address, candidate.settings, text, 64u << 20, &error, &transient);
-            } else {
-                status = first[k].status, error = first[k].error, text = std::move(texts[k]);
-            }
-            if (status == kOutOfMemory) return status;
-            if (status <= 0) {
-                note(address, status, error);
-                // A repository's source.ini that is only unreachable for now must not make way for
-                // its server.ini, which names far less: the source is down, try the next.
-                if (transient) break;
-                continue;
-            }
-            std::optional<Catalog> catalog = ParseCatalog(text, &error);
-            if (!catalog) {
-                note(address, kInvalidCatalog, "invalid catalog (" + error + ")");
-                continue;
-            }
+        const ZOVRELAY_Status status = ReadCatalogs(candidate, refusal, refusedAt, vendors);
+        if (status == kOutOfMemory) return status;
+        if (status > 0) {
             if (log != nullptr) {
                 log->sourcesTried.push_back(SourceAttempt{candidate.address, kSuccess, ""});
                 log->servedBy = candidate.address;
             }
-            candidate.catalog = std::move(*catalog);
-            candidate.catalogName = name;
             loaded = std::move(candidate);
             if (served != nullptr) *served = i;
             return kSuccess;
         }
-        refused(candidate.address, refusedAt, refusal.status, refusal.reason);
+        if (log != nullptr) log->sourcesTried.push_back(SourceAttempt{candidate.address, refusal.status, refusal.reason});
+        if (failed.empty() || (refusal.status == kInvalidCatalog && failure.status != kInvalidCatalog)) {
+            failure = refusal;
+            failed = refusedAt;
+        }
     }
     return Fail(failure.status, failure.reason, failed);
 }
@@ -135,8 +210,12 @@ bool Alternates::Find(const Component& component, size_t& after, const LoadedSou
 
 std::optional<Catalog> ReloadCatalog(const LoadedSource& source) {
     std::string text;
-    if (FetchText(JoinAddress(source.address, source.catalogName), source.settings, text) <= 0) return std::nullopt;
-    return ParseCatalog(text);
+    if (FetchText(JoinAddress(source.address, source.catalogName), ForCatalog(source.settings), text) <= 0)
+        return std::nullopt;
+    std::optional<Catalog> catalog = ParseCatalog(text);
+    std::string error;
+    if (!catalog || !TotalSizeFits(*catalog, error)) return std::nullopt;
+    return catalog;
 }
 
 }  // namespace localrelay

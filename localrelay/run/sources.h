@@ -21,6 +21,19 @@ struct LoadedSource {
     std::string catalogName;  // the file it came from: source.ini of a repository, else server.ini
 };
 
+// HTTP sources that answered source.ini with 404 (a vendor's server, not a repository of ours),
+// kept in the repository's record `.vendor-sources` (lines "<day> <address>", days since 1970),
+// so that a night asks them for server.ini alone. Each is asked for source.ini again a week after.
+struct VendorSources {
+    std::map<std::string, int64_t> since;  // address -> the day its source.ini was last missing
+    bool changed = false;
+    static constexpr const char* kRecordName = ".vendor-sources";
+    static VendorSources Parse(const std::string& text);  // malformed lines are dropped
+    std::string Format() const;
+    bool Remembered(const std::string& address, int64_t today) const;
+};
+int64_t Today();
+
 // Sources with a null address are skipped. kInvalidArgument for a string that names no
 // characters; otherwise, when no catalog loads, kInvalidCatalog if some source answered with a
 // malformed one, else the first source's failure (the one the administrator looks at first),
@@ -28,8 +41,11 @@ struct LoadedSource {
 // A source's catalog is its source.ini when it has one that parses (a repository written by this
 // relay), otherwise its server.ini.
 // Transfers go through `pool` when given; `served`, when given, receives the serving source's index.
+// With `vendors`, a remembered vendor source is asked for its server.ini alone, and a source
+// found to be one is remembered.
 ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options, LoadedSource& loaded,
-                           Pool* pool = nullptr, size_t* served = nullptr, RunLog* log = nullptr);
+                           Pool* pool = nullptr, size_t* served = nullptr, RunLog* log = nullptr,
+                           VendorSources* vendors = nullptr);
 
 // The sources after the serving one, for packages it cannot deliver: each catalog is loaded at
 // most once, and only when a package first needs it.
@@ -52,6 +68,11 @@ private:
     Pool* pool_;
     std::map<size_t, Loaded> loaded_;
 };
+
+// Whether the sizes of the catalog's packages add up to at most 2^63 - 1 bytes, what a file and
+// every sum the run makes of them can hold; false with `error` otherwise (such a catalog is
+// refused as invalid).
+bool TotalSizeFits(const Catalog& catalog, std::string& error);
 
 // The serving source's catalog read again (from the same file): after a package's byte range no
 // longer matched, the source's archives may have been replaced since it was first read.

@@ -19,6 +19,8 @@ struct Download {
     // What to fetch.
     std::string information;  // the package's path in the catalog: what its events name
     std::string address;      // the file's address (a path, file:// or http(s)://)
+    // A local source's address: a local file is opened beneath it, never through a link.
+    std::string root;
     const TransferSettings* settings = nullptr;
     uint64_t offset = 0;  // the package is `size` bytes from here of the file at `address`
     uint64_t size = 0;

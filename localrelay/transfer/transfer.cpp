@@ -3,7 +3,11 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
+#if __has_include(<linux/openat2.h>)
+#include <linux/openat2.h>
+#endif
 
 #include <algorithm>
 #include <cerrno>
@@ -122,6 +126,11 @@ private:
 }  // namespace
 
 bool LocalPath(const std::string& address, std::string& path, std::string* error) {
+    // A NUL would end the path the kernel sees early, as an escaped one (%00) would.
+    if (address.find('\0') != std::string::npos) {
+        SetError(error, "a NUL byte in the address");
+        return false;
+    }
     if (!StartsWithNoCase(address, "file://")) {
         if (address.find("://") != std::string::npos) {
             SetError(error, "unsupported address");
@@ -206,12 +215,79 @@ ZOVRELAY_Status FetchText(const std::string& address, const TransferSettings& se
         status = Fetch(address, settings, sink, error, &attempt);
         if (status > 0 || !attempt.transient || tries == kAttempts) break;
         const long pause = attempt.retryAfter >= 0 ? std::min(attempt.retryAfter, kRetryAfterCap) : 1L << (tries - 1);
+        // No attempt starts after the catalog's deadline.
+        const auto none = std::chrono::steady_clock::time_point{};
+        if (settings.deadline != none && std::chrono::steady_clock::now() + std::chrono::seconds(pause) >= settings.deadline)
+            break;
         std::this_thread::sleep_for(std::chrono::seconds(pause));
     }
     if (transient != nullptr) *transient = status <= 0 && attempt.transient;
     if (status == kInvalidCatalog) SetError(error, "larger than " + std::to_string(limit) + " bytes");
     if (status <= 0) text.clear();
     return status;
+}
+
+}  // namespace localrelay
+
+namespace localrelay {
+namespace {
+
+std::string Refusal(int error) {
+    if (error == ELOOP) return "a symbolic link, not followed in a directory source";
+    if (error == EXDEV) return "outside the source directory";
+    return error == ENOENT ? "no such file" : std::strerror(error);
+}
+
+int OpenComponentWise(int directory, const std::string& relative, int& error) {
+    std::vector<std::string> names;
+    for (size_t at = 0; at <= relative.size();) {
+        size_t end = relative.find('/', at);
+        if (end == std::string::npos) end = relative.size();
+        const std::string name = relative.substr(at, end - at);
+        if (name == "..") return error = EXDEV, -1;
+        if (!name.empty() && name != ".") names.push_back(name);
+        at = end + 1;
+    }
+    if (names.empty()) return error = EISDIR, -1;
+    int current = ::dup(directory);
+    for (size_t i = 0; current >= 0 && i < names.size(); ++i) {
+        const bool last = i + 1 == names.size();
+        const int flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | (last ? O_NONBLOCK : O_DIRECTORY);
+        const int next = ::openat(current, names[i].c_str(), flags);
+        error = errno;
+        struct stat info {};  // O_DIRECTORY meets a link before O_NOFOLLOW does
+        if (next < 0 && error == ENOTDIR && ::fstatat(current, names[i].c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+            S_ISLNK(info.st_mode))
+            error = ELOOP;
+        ::close(current);
+        current = next;
+    }
+    return current;
+}
+
+}  // namespace
+
+int OpenBeneath(const std::string& root, const std::string& relative, std::string& why, bool componentWise) {
+    const int directory = ::open(root.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    if (directory < 0) {
+        why = root + ": " + std::strerror(errno);
+        return -1;
+    }
+    int fd = -1, error = ENOSYS;
+#if defined(SYS_openat2) && defined(RESOLVE_BENEATH)
+    if (!componentWise) {
+        struct open_how how {};
+        how.flags = O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK;
+        how.resolve = RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS | RESOLVE_NO_MAGICLINKS;
+        fd = int(::syscall(SYS_openat2, directory, relative.c_str(), &how, sizeof how));
+        error = errno;
+    }
+#endif
+    // No openat2 in this kernel, or a sandbox that refuses it: one component at a time.
+    if (fd < 0 && (error == ENOSYS || error == EPERM)) fd = OpenComponentWise(directory, relative, error);
+    ::close(directory);
+    if (fd < 0) why = Refusal(error);
+    return fd;
 }
 
 }  // namespace localrelay

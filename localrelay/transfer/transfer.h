@@ -6,6 +6,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -32,7 +33,23 @@ struct TransferSettings {
     // A byte range of the file: `length` bytes from `offset` (a version inside a merged archive).
     // length 0: the whole file.
     uint64_t offset = 0, length = 0;
+    // The floor rate: an HTTP transfer that receives less than `floorRate` bytes/s on average over
+    // `floorWindow` seconds is cut (a timeout, which may be tried again). See FloorRate.
+    int64_t floorRate = 1024, floorWindow = 60;
+    // A source's catalogs, all their attempts together, may take this many seconds (0: no limit);
+    // `deadline` is when the current catalog fetch ends (none when zero), set by its caller.
+    int64_t catalogSeconds = 300;
+    std::chrono::steady_clock::time_point deadline{};
 };
+
+// The floor rate a transfer is held to, in bytes/s: `floorRate` (at least 1 byte/s), but never
+// more than a sixty-fourth of maxbandwidth, so that transfers the budget holds back (up to 8
+// per host, from several hosts) are not cut.
+int64_t FloorRate(const TransferSettings& settings);
+// The floor's window in seconds, at least 1.
+int64_t FloorWindow(const TransferSettings& settings);
+// `settings` with the deadline of a catalog fetch starting now.
+TransferSettings ForCatalog(const TransferSettings& settings);
 
 // Receives the file's bytes in order. Answering false stops the transfer at once; Fetch then
 // returns the status the sink left in `stopStatus` (for example cancelled or i/o error).
@@ -47,6 +64,18 @@ public:
 // The file system path a local address (a path or file:// URL) names; false, with `error`, for
 // addresses no local read can serve.
 bool LocalPath(const std::string& address, std::string& path, std::string* error);
+
+// Opens the regular file at `relative` beneath the directory `root` for reading (without
+// blocking on a FIFO), resolving no symbolic link on the way and never leaving `root`: openat2
+// with RESOLVE_BENEATH and RESOLVE_NO_SYMLINKS where the kernel has it, else one component at a
+// time with O_NOFOLLOW ("..", a link or a special file refused). -1 with `why` otherwise.
+// `componentWise` forces the second way (for tests).
+int OpenBeneath(const std::string& root, const std::string& relative, std::string& why, bool componentWise = false);
+
+// The fewest bytes a package inside a file (a byte range) may have: the smallest zip file, an
+// empty archive's end record. Shorter ranges of local sources are refused: they would let a
+// catalog test a file's bytes one by one against known digests.
+constexpr uint64_t kMinimumRange = 22;
 
 // Whether the address is an http:// or https:// URL.
 bool IsHttpAddress(const std::string& address);

@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <climits>
 #include <cstdlib>
 #include <cstdint>
 #include <exception>
@@ -29,9 +30,8 @@ bool CurlReady() {
 // batching cut a 256 MiB mirror's system time by a sixth. Memory stays fixed whatever the file.
 constexpr long kReceiveBufferSize = 256 * 1024;
 
-// A server that stops sending for this long ends the transfer rather than holding the operation.
+// Connecting may take this long; once connected, the floor rate applies (FloorRate).
 constexpr long kConnectTimeoutSeconds = 30;
-constexpr long kStallSeconds = 60;
 
 // Holds a transfer to its bandwidth limit: after each chunk, waits until the bytes so far are due.
 // libcurl's own limit (CURLOPT_MAX_RECV_SPEED_LARGE) is set as well, but libcurl checks it only
@@ -223,6 +223,24 @@ bool SetProxy(Options& options, const ProxySettings& proxy, std::string* reason)
 
 }  // namespace
 
+int64_t FloorRate(const TransferSettings& settings) {
+    int64_t rate = std::max<int64_t>(settings.floorRate, 1);
+    if (settings.maxBandwidth > 0 && settings.maxBandwidth < (int64_t(1) << 40))
+        rate = std::min(rate, std::max<int64_t>(settings.maxBandwidth * 1024 / 64, 1));
+    return rate;
+}
+
+int64_t FloorWindow(const TransferSettings& settings) { return std::max<int64_t>(settings.floorWindow, 1); }
+
+TransferSettings ForCatalog(const TransferSettings& settings) {
+    TransferSettings catalog = settings;
+    catalog.deadline = {};
+    // Seconds past what a steady clock's nanoseconds hold (about 292 years) are no limit.
+    if (settings.catalogSeconds > 0 && settings.catalogSeconds < (int64_t(1) << 32))
+        catalog.deadline = std::chrono::steady_clock::now() + std::chrono::seconds(settings.catalogSeconds);
+    return catalog;
+}
+
 ZOVRELAY_Status SetCommonOptions(CURL* curl, const TransferSettings& settings, char* errorBuffer,
                                  std::string* reason) {
     if (!CurlReady()) return Unreachable(reason, "libcurl could not be initialised");
@@ -233,8 +251,8 @@ ZOVRELAY_Status SetCommonOptions(CURL* curl, const TransferSettings& settings, c
     options.Set(CURLOPT_FOLLOWLOCATION, 1L);
     options.Set(CURLOPT_MAXREDIRS, 10L);
     options.Set(CURLOPT_CONNECTTIMEOUT, kConnectTimeoutSeconds);
-    options.Set(CURLOPT_LOW_SPEED_LIMIT, 1L);
-    options.Set(CURLOPT_LOW_SPEED_TIME, kStallSeconds);
+    options.Set(CURLOPT_LOW_SPEED_LIMIT, long(std::min<int64_t>(FloorRate(settings), LONG_MAX)));
+    options.Set(CURLOPT_LOW_SPEED_TIME, long(std::min<int64_t>(FloorWindow(settings), LONG_MAX)));
     options.Set(CURLOPT_USERAGENT, "zovrelay-local/1.0");
     SetCertificateCheck(options, settings.httpsLevel);
     if (settings.pool != nullptr && settings.pool->share() != nullptr) options.Set(CURLOPT_SHARE, settings.pool->share());
@@ -273,6 +291,12 @@ ZOVRELAY_Status Prepare(Request& request, const std::string& url, const Transfer
     options.Set(CURLOPT_WRITEDATA, static_cast<void*>(&transfer));
     options.Set(CURLOPT_BUFFERSIZE, transfer.pacer.ChunkSize(kReceiveBufferSize));
     if (!request.range.empty()) options.Set(CURLOPT_RANGE, request.range.c_str());
+    if (settings.deadline != std::chrono::steady_clock::time_point{}) {
+        // What is left of the catalog's time, at least a millisecond (0 would mean none).
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(settings.deadline -
+                                                                                std::chrono::steady_clock::now());
+        options.Set(CURLOPT_TIMEOUT_MS, long(std::clamp<int64_t>(left.count(), 1, LONG_MAX)));
+    }
     if (settings.maxBandwidth > 0) {
         constexpr int64_t kMaxKiB = std::numeric_limits<curl_off_t>::max() / 1024;
         const int64_t kib = settings.maxBandwidth < kMaxKiB ? settings.maxBandwidth : kMaxKiB;

@@ -3,6 +3,7 @@
 // The failover case opens contexts, which share /dev/shm/sem.zovrelay.
 #include "transfer/downloader.h"
 #include "localrelay_fixture.h"
+#include "run/sources.h"
 
 #include <arpa/inet.h>
 #include <fcntl.h>
@@ -28,10 +29,16 @@ class Handler(http.server.BaseHTTPRequestHandler):
         _, fault, name = self.path.split("/", 2)
         with open(log, "a") as out: out.write("%s %s\n" % (self.path, self.headers.get("Range", "-")))
         first = self.path not in seen; seen.add(self.path)
-        if fault == "gone" or (fault == "busy" and first):
-            self.send_response(404 if fault == "gone" else 503); self.send_header("Retry-After", "0")
+        missing = not os.path.exists(os.path.join(root, name))
+        if fault == "gone" or missing or (fault == "busy" and first):
+            self.send_response(503 if fault == "busy" and not missing else 404); self.send_header("Retry-After", "0")
             self.send_header("Content-Length", "0"); self.end_headers(); return
         data = open(os.path.join(root, name), "rb").read()
+        if fault == "trickle":  # 2 bytes/s, and no pause asked between attempts
+            self.send_response(200); self.send_header("Retry-After", "0")
+            self.send_header("Content-Length", str(len(data))); self.end_headers()
+            for i in range(len(data)): self.wfile.write(data[i:i + 1]); self.wfile.flush(); time.sleep(0.5)
+            return
         start, code = 0, 200
         ranged = self.headers.get("Range")
         if ranged and fault != "norange" and self.headers.get("If-Range", '"v1"') == '"v1"':
@@ -240,6 +247,40 @@ TEST_F(Network, FailoverTakesAPackageFromTheNextSourceThatListsItTheSame) {
     EXPECT_EQ(CheckRepository(Path("repo")), Lines());
     EXPECT_EQ(Versions(Held(context.handle)), 3u);
     EXPECT_EQ(recorder.Count(ZOVRELAY_EVENT_DOWNLOADBEGIN), 4u);  // the missing one twice
+}
+
+// A source that trickles (2 bytes/s) is cut at the floor rate, whatever size it announces: a
+// package after its attempts, a catalog at its deadline.
+TEST_F(Network, ATricklingSourceIsCutAtTheFloorRate) {
+    settings.floorRate = 100, settings.floorWindow = 1;
+    std::vector<Download> downloads{Package("trickle", "huge.bin", 4000)};
+    downloads[0].size = uint64_t(1) << 40;
+    EXPECT_EQ(Run(downloads), kSuccess);
+    EXPECT_EQ(downloads[0].status, kConnectionFailed);
+    EXPECT_NE(downloads[0].reason.find("timed out"), std::string::npos) << downloads[0].reason;
+
+    WriteFile(Path("www/source.ini"), std::string(4000, ';') + "\n"), WriteFile(Path("www/server.ini"), "; none\n");
+    Options options;
+    options.lowSpeedLimit = 100, options.lowSpeedTime = 1, options.catalogTimeout = 2;
+    const std::wstring url = Wide("http://127.0.0.1:" + std::to_string(port) + "/trickle/");
+    const ZOVRELAY_Source source{const_cast<wchar_t*>(url.c_str()), {0, 0}, nullptr};
+    LoadedSource loaded;
+    EXPECT_EQ(LoadSource(&source, 1, options, loaded), kConnectionFailed);
+}
+
+// A source without source.ini (a vendor's) is remembered, and then asked for its server.ini alone.
+TEST_F(Network, AVendorSourceIsAskedForItsServerIniAlone) {
+    WriteFile(Path("www/server.ini"), "[PATTERN]\n[ENGINE]\n[All_Product]\n");
+    const std::wstring url = Wide("http://127.0.0.1:" + std::to_string(port) + "/ok/");
+    const ZOVRELAY_Source source{const_cast<wchar_t*>(url.c_str()), {0, 0}, nullptr};
+    VendorSources vendors;
+    for (const Lines& asked : {Lines{"/ok/server.ini -", "/ok/source.ini -"}, Lines{"/ok/server.ini -"}}) {
+        fs::remove(Path("log"));
+        LoadedSource loaded;
+        EXPECT_EQ(LoadSource(&source, 1, Options(), loaded, nullptr, nullptr, nullptr, &vendors), kSuccess);
+        EXPECT_EQ(Log(), asked);
+        vendors = VendorSources::Parse(vendors.Format());  // as the next night reads it
+    }
 }
 
 }  // namespace

@@ -1,7 +1,11 @@
-// Local transfers: paths and file URLs, the catalog size limit, and the reads maxbandwidth paces.
-// No context is opened.
+// Local transfers: paths and file URLs, the catalog size limit, the reads maxbandwidth paces, and
+// what a directory source may make the relay read. Only the last case opens a context.
 #include "localrelay_fixture.h"
+#include "transfer/downloader.h"
 #include "transfer/transfer.h"
+
+#include <fcntl.h>
+#include <unistd.h>
 
 namespace relaytest {
 namespace {
@@ -53,6 +57,72 @@ TEST_F(LocalTransfer, MaxbandwidthReadsAQuarterSecondAtATime) {
         EXPECT_EQ(Fetch(Path("data"), TransferSettings{limit, 2, {}}, sink), kSuccess) << limit;
         EXPECT_TRUE(sink.bytes.size() == 64 * 1024 && sink.largest == largest) << limit << ": chunks of up to " << sink.largest;
     }
+}
+
+// A directory source's packages are opened beneath it and never through a link, by openat2 and
+// by the component-wise way alike; through the engine the failure names the package, and a byte
+// range too short for any package is refused before it is read.
+TEST_F(LocalTransfer, DirectorySourcesKeepToTheirDirectory) {
+    fs::create_directories(Path("source/pattern")), fs::create_directories(Path("elsewhere"));
+    const std::string bytes(100, 'a'), secret(100, 's');
+    WriteFile(Path("source/pattern/a.zip"), bytes), WriteFile(Path("elsewhere/secret"), secret);
+    fs::create_symlink(Path("elsewhere/secret"), Path("source/pattern/link.zip"));
+    fs::create_symlink("a.zip", Path("source/pattern/inside.zip"));
+    fs::create_symlink(Path("elsewhere"), Path("source/outside"));
+    const char *link = "a symbolic link, not followed in a directory source", *outside = "outside the source directory";
+    const struct { const char* relative; const char* refusal; } cases[] = {
+        {"pattern/a.zip", nullptr}, {"./pattern//a.zip", nullptr}, {"pattern/link.zip", link}, {"pattern/inside.zip", link},
+        {"outside/secret", link}, {"../elsewhere/secret", outside}, {"pattern/../../elsewhere/secret", outside},
+    };
+    for (const bool componentWise : {false, true})
+        for (const auto& c : cases) {
+            std::string why;
+            const int fd = OpenBeneath(Path("source"), c.relative, why, componentWise);
+            EXPECT_EQ(fd >= 0, c.refusal == nullptr) << c.relative << " " << componentWise << ": " << why;
+            EXPECT_EQ(why, c.refusal != nullptr ? c.refusal : "") << c.relative << " " << componentWise;
+            if (fd >= 0) close(fd);
+        }
+
+    fs::create_directories(Path("packages"));
+    const int packages = open(Path("packages").c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    const TransferSettings settings;
+    auto download = [&](const std::string& relative, const std::string& content, uint64_t offset) {
+        Download d;
+        d.information = relative, d.address = "file://" + Path("source/" + relative), d.root = "file://" + Path("source");
+        d.settings = &settings, d.offset = offset, d.size = content.size(), d.sha256 = Digest(content);
+        d.part = "." + std::to_string(offset) + relative.substr(8) + ".part";
+        return d;
+    };
+    std::vector<Download> downloads{download("pattern/a.zip", bytes, 0), download("pattern/link.zip", secret, 0),
+                                    download("pattern/a.zip", bytes.substr(3, 22), 3), download("pattern/a.zip", "a", 3)};
+    EXPECT_EQ(DownloadAll(downloads, packages, 0, Events(), [](Download&) { return kSuccess; }), kSuccess);
+    close(packages);
+    const struct { ZOVRELAY_Status status; std::string reason; } expected[] = {
+        {kSuccess, ""}, {kNoSourceReachable, Path("source/pattern/link.zip") + ": a symbolic link, not followed in a directory source"},
+        {kSuccess, ""}, {kIntegrityFailed, Path("source/pattern/a.zip") + ": a byte range of 1 bytes, below the 22 bytes the smallest package takes"},
+    };
+    for (size_t i = 0; i < downloads.size(); ++i)
+        EXPECT_TRUE(downloads[i].status == expected[i].status && downloads[i].reason == expected[i].reason)
+            << i << ": " << downloads[i].status << " " << downloads[i].reason;
+}
+
+// Sizes a source announces never wrap a sum: a catalog whose sizes add up past 2^63 - 1 is
+// refused as invalid before anything is fetched.
+TEST_F(LocalTransfer, SizesThatWouldWrapAreRefused) {
+    std::string catalog = "[PATTERN]\n";
+    int n = 3;
+    for (const uint64_t size : {uint64_t(INT64_MAX), (uint64_t(1) << 63) + 1 - 100000000000000u, uint64_t(100000000000000u)})
+        catalog += "c3t" + std::to_string(n++) + "l1p-1r-1o-1 1.0.0.0 pattern/p" + std::to_string(size) + ".zip " +
+                   std::to_string(size) + " " + std::string(64, 'a') + "\n";
+    WriteFile(Path("source/server.ini"), catalog + "[ENGINE]\n[All_Product]\n" + kProduct0 +
+                                             " 1.0.0.0 c3t3l1p-1r-1o-1 c3t4l1p-1r-1o-1 c3t5l1p-1r-1o-1\n");
+    Context context(Path("repository"));
+    ASSERT_EQ(context.status, kSuccess);
+    EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kInvalidCatalog);
+    wchar_t message[64];
+    ZOVRELAY_GetStatusMessage(message, kInvalidCatalog);
+    EXPECT_EQ(Narrow(message).rfind("invalid catalog (sizes sum past 2^63): ", 0), 0u) << Narrow(message);
+    EXPECT_FALSE(fs::exists(Path("repository/packages")) && !fs::is_empty(Path("repository/packages")));
 }
 
 }  // namespace
