@@ -9,6 +9,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 
 #include <algorithm>
 #include <vector>
@@ -123,11 +124,33 @@ std::optional<Manifest> ParseManifest(std::string_view text) {
     return manifest;
 }
 
+FileIdentity IdentityOf(const struct stat& info) {
+    return FileIdentity{uint64_t(info.st_size), uint64_t(info.st_ino), uint64_t(info.st_dev),
+                        int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec,
+                        int64_t(info.st_ctim.tv_sec) * 1000000000 + info.st_ctim.tv_nsec};
+}
+
+int64_t NowNanoseconds() {
+    timespec now {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return int64_t(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+int64_t TimeTick(const FileIdentity& file) {
+    constexpr int64_t kSecond = 1000000000;
+    // 2 s: FAT's times; 50 ms: well above the kernel's coarse clock tick (1 to 10 ms).
+    return file.changed % kSecond == 0 && file.modified % kSecond == 0 ? 2 * kSecond : kSecond / 20;
+}
+
+bool RecordedAfterChange(const FileIdentity& file, int64_t at, int64_t now) {
+    // A record from the future (a clock set back since) proves nothing either.
+    return at <= now && at - file.changed >= TimeTick(file);
+}
+
 std::optional<FileIdentity> FileIdentityOf(int fd) {
     struct stat info {};
     if (::fstat(fd, &info) != 0) return std::nullopt;
-    return FileIdentity{uint64_t(info.st_size), uint64_t(info.st_ino), uint64_t(info.st_dev),
-                        int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
+    return IdentityOf(info);
 }
 
 std::unique_ptr<MergedArchive> MergedArchive::Open(int directory, const std::string& name, bool thorough) {

@@ -5,22 +5,17 @@
 #include <sys/stat.h>
 
 #include <charconv>
-#include <ctime>
 
 namespace localrelay {
 namespace {
 
 // "zovrelay-held 1", then per archive:
-//   archive <name> <size> <inode> <device> <mtime-ns> <read-at> <manifest bytes>
+//   archive <name> <size> <inode> <device> <mtime-ns> <ctime-ns> <read-at-ns> <manifest bytes>
 //   <the manifest's text>
 //   range <offset> <size> <stored 0|1>   (or "range none"), one per manifest version in its order
-constexpr std::string_view kHeader = "zovrelay-held 1\n";
+// Version 1 lacked the change time: such a record is not read, and each archive is opened once.
+constexpr std::string_view kHeader = "zovrelay-held 2\n";
 constexpr size_t kLimit = size_t(1) << 30;
-
-FileIdentity IdentityOf(const struct stat& info) {
-    return FileIdentity{uint64_t(info.st_size), uint64_t(info.st_ino), uint64_t(info.st_dev),
-                        int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
-}
 
 // Reads the record's text from the front, one line or field at a time; any misstep fails it all.
 struct Reader {
@@ -64,7 +59,7 @@ std::string FormatHeldCache(const std::map<std::string, CachedArchive>& entries)
         const std::string manifest = FormatManifest(entry.manifest);
         text += "archive " + name + " " + std::to_string(entry.file.size) + " " + std::to_string(entry.file.inode) +
                 " " + std::to_string(entry.file.device) + " " + std::to_string(entry.file.modified) + " " +
-                std::to_string(entry.read) + " " + std::to_string(manifest.size()) + "\n" + manifest;
+                std::to_string(entry.file.changed) + " " + std::to_string(entry.read) + " " + std::to_string(manifest.size()) + "\n" + manifest;
         for (const HeldVersion& held : entry.manifest.versions) {
             const auto range = entry.ranges.find(EntryName(held));
             text += range == entry.ranges.end() ? std::string("range none\n")
@@ -87,7 +82,8 @@ std::optional<std::map<std::string, CachedArchive>> ParseHeldCache(std::string_v
         if (Word(line) != "archive") return std::nullopt;
         const std::string name(Word(line));
         if (name.empty() || !Take(line, entry.file.size) || !Take(line, entry.file.inode) ||
-            !Take(line, entry.file.device) || !Take(line, entry.file.modified) || !Take(line, entry.read) ||
+            !Take(line, entry.file.device) || !Take(line, entry.file.modified) || !Take(line, entry.file.changed) ||
+            !Take(line, entry.read) ||
             !Take(line, bytes) || !line.empty())
             return std::nullopt;
         std::optional<Manifest> manifest = ParseManifest(reader.Bytes(bytes));
@@ -114,7 +110,7 @@ std::optional<std::map<std::string, CachedArchive>> ParseHeldCache(std::string_v
 
 HeldCache HeldCache::Read(int root) {
     HeldCache cache;
-    cache.now_ = int64_t(std::time(nullptr));
+    cache.now_ = NowNanoseconds();
     const std::optional<std::string> text = ReadWholeFileAt(root, kHeldCacheName, kLimit);
     std::optional<std::map<std::string, CachedArchive>> entries = text ? ParseHeldCache(*text) : std::nullopt;
     if (entries) cache.entries_ = std::move(*entries);
@@ -122,7 +118,7 @@ HeldCache HeldCache::Read(int root) {
 }
 
 const CachedArchive* HeldCache::Find(int packages, const std::string& name) {
-    if (now_ == 0) now_ = int64_t(std::time(nullptr));
+    if (now_ == 0) now_ = NowNanoseconds();
     const auto found = entries_.find(name);
     if (found != entries_.end() && found->second.checked) return &found->second;
     struct stat info {};
@@ -132,13 +128,12 @@ const CachedArchive* HeldCache::Find(int packages, const std::string& name) {
     }
     if (found != entries_.end()) {
         CachedArchive& entry = found->second;
-        const int64_t modified = entry.file.modified / 1000000000;
-        if (entry.file == IdentityOf(info) && modified + 1 < entry.read && entry.read <= now_) {
+        if (entry.file == IdentityOf(info) && RecordedAfterChange(entry.file, entry.read, now_)) {
             entry.checked = true;
             return &entry;
         }
     }
-    const int64_t read = int64_t(std::time(nullptr));  // before the reading: never later than what it saw
+    const int64_t read = NowNanoseconds();  // before the reading: never later than what it saw
     const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages, name);
     if (archive == nullptr) {
         Forget(name);
@@ -158,6 +153,12 @@ const CachedArchive* HeldCache::Find(int packages, const std::string& name) {
     }
     changed_ = true;
     return &(entries_[name] = std::move(entry));
+}
+
+void HeldCache::Put(const std::string& name, CachedArchive entry) {
+    entry.checked = true;
+    entries_[name] = std::move(entry);
+    changed_ = true;
 }
 
 void HeldCache::Forget(const std::string& name) { changed_ = entries_.erase(name) != 0 || changed_; }

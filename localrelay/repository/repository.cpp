@@ -193,10 +193,11 @@ void AddProducts(Catalog& catalog, const std::vector<const Manifest*>& manifests
 
 }  // namespace
 
-std::string FormatSourceCatalog(const ServedCatalog& served) {
+std::string FormatSourceCatalog(const ServedCatalog& served, const std::set<Identity>* hidden) {
     Catalog catalog;
     std::vector<const Manifest*> manifests;
     for (const auto& [identity, component] : served) {
+        if (hidden != nullptr && hidden->count(identity) != 0) continue;
         catalog.components.insert(catalog.components.end(), component.versions.begin(), component.versions.end());
         manifests.push_back(&component.manifest);
     }
@@ -210,15 +211,16 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, M
 }
 
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
-                              const std::set<std::string>& present, const std::string* sourceCatalog) {
-    ZOVRELAY_Status status = WriteChangedFileAt(root, kSourceCatalogName,
-                                                sourceCatalog != nullptr ? *sourceCatalog : FormatSourceCatalog(served));
+                              const std::set<std::string>& present, const std::string* sourceCatalog,
+                              const std::set<Identity>* hidden) {
+    ZOVRELAY_Status status = WriteChangedFileAt(
+        root, kSourceCatalogName, sourceCatalog != nullptr ? *sourceCatalog : FormatSourceCatalog(served, hidden));
     if (status <= 0) return status;
     Catalog index;
     std::vector<const Manifest*> manifests;
     for (const auto& [identity, component] : served) {
         const Manifest& manifest = component.manifest;
-        if (manifest.versions.empty()) continue;
+        if (manifest.versions.empty() || (hidden != nullptr && hidden->count(identity) != 0)) continue;
         manifests.push_back(&manifest);
         const HeldVersion& newest = manifest.versions.front();
         const std::string file = VersionArchiveName(identity, newest.version);

@@ -73,16 +73,19 @@ ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache 
 // listing of packages/.
 ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldCache& cache);
 ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held, HeldCache* cache = nullptr);
-std::string FormatSourceCatalog(const ServedCatalog& served);
+// `hidden`: components left out (a writer about to replace their archives).
+std::string FormatSourceCatalog(const ServedCatalog& served, const std::set<Identity>* hidden = nullptr);
 
 // Rewrites source.ini and then server.ini (each by rename) from the held manifests. source.ini
 // lists every held version as its byte range of the merged archive; server.ini lists each
 // component's newest version by its per-version archive, only where that file exists with the
 // right size and is not in `leaving` (about to be pruned), with every recorded product. A catalog
 // whose text would not change is left alone. `present` is the listing of packages/;
-// `sourceCatalog`, when given, is FormatSourceCatalog(served) made before.
+// `sourceCatalog`, when given, is FormatSourceCatalog(served) made before. Components in `hidden`
+// are left out of both.
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
-                              const std::set<std::string>& present, const std::string* sourceCatalog = nullptr);
+                              const std::set<std::string>& present, const std::string* sourceCatalog = nullptr,
+                              const std::set<Identity>* hidden = nullptr);
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
                               const std::set<std::string>& leaving = {}, HeldCache* cache = nullptr);
 

@@ -66,6 +66,11 @@ ZOVRELAY_Status OpenBuilt(int packages, const Identity& identity, const Download
 
 ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Download*>& fresh) {
     const ComponentPlan& plan = run_.plan.components[index];
+    struct Done {  // whatever the outcome, the component is no longer to be stored
+        std::set<Identity>& unstored;
+        const Identity& identity;
+        ~Done() { unstored.erase(identity); }
+    } done{unstored_, plan.identity};
     std::unique_ptr<MergedArchive> previous = run_.OpenMerged(plan.identity);
     Manifest manifest;
     if (previous != nullptr) manifest = previous->manifest();
@@ -107,33 +112,75 @@ ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Downlo
         if (status <= 0) return NotStored(plan.identity, status, unnamed, built);
     }
     run_.final[plan.identity] = next;
-    return KeepVersionArchives(plan, next, copies);
+    const ZOVRELAY_Status status = KeepVersionArchives(plan, next, copies);
+    unstored_.erase(plan.identity);
+    if (status > 0) Checkpoint();
+    return status;
 }
 
-// source.ini must never name a range of the archive being replaced: it stops listing the
-// component first, and lists its new ranges once the new archive is in place. A component it did
-// not list yet is added when the run ends (the caller rewrites both catalogs).
+Storer::Storer(RunContext& run, const std::vector<size_t>& components) : run_(run) {
+    for (size_t i : components) unstored_.insert(run.plan.components[i].identity);
+    for (const auto& [identity, served] : run.state.served) listed_.insert(listed_.end(), identity);
+}
+
+ZOVRELAY_Status Storer::WriteCatalogsNow() {
+    const int64_t start = NowNanoseconds();
+    const std::set<std::string> leaving(run_.leaving.begin(), run_.leaving.end());
+    const ZOVRELAY_Status status = WriteCatalogs(run_.root, run_.packages, run_.state.served, leaving,
+                                                 run_.state.packages.names(), nullptr, &hidden_);
+    if (status > 0) listed_.clear();  // on failure either file may still list what it did
+    for (const auto& [identity, served] : run_.state.served)
+        if (hidden_.count(identity) == 0) listed_.insert(identity);
+    lastWrite_ = NowNanoseconds();
+    writeCost_ = lastWrite_ - start;
+    return status;
+}
+
+ZOVRELAY_Status Storer::Hide() {
+    hidden_.insert(unstored_.begin(), unstored_.end());
+    return WriteCatalogsNow();
+}
+
+// Components stored since the last write join the catalogs again, once the time since that write
+// is many times what it cost: a bounded share of the run, however many components it stores.
+void Storer::Checkpoint() {
+    constexpr int64_t kSecond = 1000000000;
+    bool joining = false;
+    for (const Identity& identity : hidden_) joining |= unstored_.count(identity) == 0;
+    if (!joining || NowNanoseconds() - lastWrite_ < std::max(kSecond, 20 * writeCost_)) return;
+    for (auto identity = hidden_.begin(); identity != hidden_.end();)
+        identity = unstored_.count(*identity) == 0 ? hidden_.erase(identity) : std::next(identity);
+    WriteCatalogsNow();  // a failure here leaves them out until the run's last write
+}
+
+// The catalogs on disk stop naming the component before its archive is replaced (see Storer); its
+// new ranges are read from the archive just written, and recorded for the held cache.
 ZOVRELAY_Status Storer::Replace(const ComponentPlan& plan, const Manifest& next, const std::string& built,
                                 std::unique_ptr<MergedArchive>& previous) {
     HeldState& state = run_.state;
     const std::string merged = MergedArchiveName(plan.identity);
-    const bool listed = state.served.erase(plan.identity) != 0;
-    state.sourceCatalog.reset();
     ZOVRELAY_Status status = kSuccess;
-    if (listed) status = WriteWholeFileAt(run_.root, kSourceCatalogName, FormatSourceCatalog(state.served));
+    if (listed_.count(plan.identity) != 0 && hidden_.count(plan.identity) == 0) status = Hide();
     if (status > 0) {
         previous.reset();
         status = ReplaceAt(run_.packages, built, merged);
     }
-    if (status > 0) {
-        state.served[plan.identity] = Served(run_.packages, next);
-        if (listed) status = WriteWholeFileAt(run_.root, kSourceCatalogName, FormatSourceCatalog(state.served));
-    }
     if (status <= 0) return status;
+    state.sourceCatalog.reset();
+    state.cache.Forget(merged);
     // Every byte was checked as it was written, and the layout on reopening: the archive is
-    // verified as it is now.
-    if (const std::unique_ptr<MergedArchive> written = run_.OpenMerged(plan.identity))
-        run_.RecordVerified(merged, written->file());
+    // verified as it is now. It is recorded as such when the run ends, if it has not changed since.
+    const FileDescriptor fd(OpenFileAt(run_.packages, merged));
+    const std::optional<FileIdentity> file = fd.get() >= 0 ? FileIdentityOf(fd.get()) : std::nullopt;
+    const std::optional<std::map<std::string, EntryRange>> ranges = file ? ReadEntryRanges(fd.get()) : std::nullopt;
+    if (ranges) {
+        CachedArchive entry{*file, 0, next, {}, true};
+        for (const HeldVersion& held : next.versions)
+            if (const auto range = ranges->find(EntryName(held)); range != ranges->end()) entry.ranges.insert(*range);
+        state.cache.Put(merged, std::move(entry));
+        run_.written.emplace_back(merged, *file);
+    }
+    state.served[plan.identity] = Served(run_.packages, next, &state.cache);
     return kSuccess;
 }
 
@@ -252,9 +299,11 @@ ZOVRELAY_Status Storer::KeepVersionArchives(const ComponentPlan& plan, const Man
         const std::string target = VersionArchiveName(plan.identity, version);
         struct stat info {};
         // Republished (or healed) bytes replace a file the index may name: it stops naming it first.
-        if (::fstatat(run_.packages, target.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
-            WriteCatalogs(run_.root, run_.packages, ReadHeld(run_.packages), {target});
-        const ZOVRELAY_Status status = copy->ReplaceInto(target);
+        ZOVRELAY_Status status = kSuccess;
+        if (listed_.count(plan.identity) != 0 && hidden_.count(plan.identity) == 0 &&
+            ::fstatat(run_.packages, target.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+            status = Hide();
+        if (status > 0) status = copy->ReplaceInto(target);
         if (StopsTheRun(status)) return status;
         if (status <= 0) run_.Note(status);
     }
@@ -284,17 +333,18 @@ bool Storer::HealVersionArchives(const HeldView& view) {
         std::unique_ptr<MergedArchive> merged;
         for (const auto& [version, name] : archives) {
             const HeldVersion* held = served != run_.state.served.end() ? served->second.manifest.Find(version) : nullptr;
+            int64_t seen = NowNanoseconds();
             const FileDescriptor fd(OpenFileAt(run_.packages, name));
             const std::optional<FileIdentity> file = fd.get() >= 0 ? FileIdentityOf(fd.get()) : std::nullopt;
             if (held == nullptr || !file) continue;
             std::optional<std::string> digest;
             if (surveyed != view.versionArchives.end())
                 for (const VersionArchive& archive : surveyed->second)
-                    if (archive.name == name && archive.file == *file) digest = archive.sha256;
+                    if (archive.name == name && archive.file == *file) digest = archive.sha256, seen = archive.seen;
             const bool due = digest || NeedsVerification(run_.state.verified, name, *file, run_.now);
             if (!due) continue;
             if (digest ? file->size == held->size && *digest == held->sha256 : FileMatches(fd.get(), held->size, held->sha256)) {
-                run_.RecordVerified(name, *file);
+                run_.RecordVerified(name, *file, seen);
                 continue;
             }
             if (merged == nullptr) merged = run_.OpenMerged(identity);
