@@ -100,9 +100,7 @@ std::optional<Manifest> ParseManifest(std::string_view text) {
             HeldVersion held;
             const std::optional<Version> version = ParseVersion(words[1]);
             const std::optional<std::string> sha = ParseSha256(words[4]);
-            if (!version || !IsPackagePath(words[2]) || !ParseSize(words[3], held.size) || !sha ||
-                manifest.Find(*version) != nullptr)
-                return std::nullopt;
+            if (!version || !IsPackagePath(words[2]) || !ParseSize(words[3], held.size) || !sha) return std::nullopt;
             held.version = *version;
             held.path = std::string(words[2]);
             held.sha256 = *sha;
@@ -121,6 +119,11 @@ std::optional<Manifest> ParseManifest(std::string_view text) {
     if (!component) return std::nullopt;
     std::sort(manifest.versions.begin(), manifest.versions.end(),
               [](const HeldVersion& a, const HeldVersion& b) { return b.version < a.version; });
+    // A version listed twice refuses the manifest; found once sorted, not by a scan per line.
+    if (std::adjacent_find(manifest.versions.begin(), manifest.versions.end(),
+                           [](const HeldVersion& a, const HeldVersion& b) { return a.version == b.version; }) !=
+        manifest.versions.end())
+        return std::nullopt;
     return manifest;
 }
 
@@ -138,8 +141,8 @@ int64_t NowNanoseconds() {
 
 int64_t TimeTick(const FileIdentity& file) {
     constexpr int64_t kSecond = 1000000000;
-    // 2 s: FAT's times; 50 ms: well above the kernel's coarse clock tick (1 to 10 ms).
-    return file.changed % kSecond == 0 && file.modified % kSecond == 0 ? 2 * kSecond : kSecond / 20;
+    // 2 s: FAT's times; 20 ms: twice the kernel's coarsest clock tick (1 to 10 ms).
+    return file.changed % kSecond == 0 && file.modified % kSecond == 0 ? 2 * kSecond : kSecond / 50;
 }
 
 bool RecordedAfterChange(const FileIdentity& file, int64_t at, int64_t now) {
