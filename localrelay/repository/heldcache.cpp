@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 
 #include <charconv>
+#include <ctime>
 
 namespace localrelay {
 namespace {
@@ -53,8 +54,9 @@ bool Take(std::string_view& line, Number& number) {
 
 }  // namespace
 
-std::string FormatHeldCache(const std::map<std::string, CachedArchive>& entries) {
+std::string FormatHeldCache(const std::map<std::string, CachedArchive>& entries, const std::string& catalogLine) {
     std::string text(kHeader);
+    text += catalogLine;
     for (const auto& [name, entry] : entries) {
         const std::string manifest = FormatManifest(entry.manifest);
         text += "archive " + name + " " + std::to_string(entry.file.size) + " " + std::to_string(entry.file.inode) +
@@ -74,6 +76,11 @@ std::string FormatHeldCache(const std::map<std::string, CachedArchive>& entries)
 std::optional<std::map<std::string, CachedArchive>> ParseHeldCache(std::string_view text) {
     Reader reader{text};
     if (reader.Line() != kHeader.substr(0, kHeader.size() - 1)) return std::nullopt;
+    if (reader.text.substr(0, 8) == "catalog ") {
+        FileIdentity file;
+        int64_t at = 0;
+        if (!ParseCatalogLine(reader.Line(), file, at)) return std::nullopt;
+    }
     std::map<std::string, CachedArchive> entries;
     while (reader.ok && !reader.text.empty()) {
         std::string_view line = reader.Line();
@@ -108,13 +115,37 @@ std::optional<std::map<std::string, CachedArchive>> ParseHeldCache(std::string_v
     return entries;
 }
 
+std::string FormatCatalogLine(const FileIdentity& file, int64_t at) {
+    return "catalog " + std::to_string(file.size) + " " + std::to_string(file.inode) + " " + std::to_string(file.device) +
+           " " + std::to_string(file.modified) + " " + std::to_string(file.changed) + " " + std::to_string(at) + "\n";
+}
+
+bool ParseCatalogLine(std::string_view line, FileIdentity& file, int64_t& at) {
+    return Word(line) == "catalog" && Take(line, file.size) && Take(line, file.inode) && Take(line, file.device) &&
+           Take(line, file.modified) && Take(line, file.changed) && Take(line, at) && line.empty();
+}
+
 HeldCache HeldCache::Read(int root) {
     HeldCache cache;
     cache.now_ = NowNanoseconds();
     const std::optional<std::string> text = ReadWholeFileAt(root, kHeldCacheName, kLimit);
     std::optional<std::map<std::string, CachedArchive>> entries = text ? ParseHeldCache(*text) : std::nullopt;
-    if (entries) cache.entries_ = std::move(*entries);
+    if (!entries) return cache;
+    cache.entries_ = std::move(*entries);
+    const size_t first = text->find('\n'), second = text->find('\n', first + 1);  // both there: it parsed
+    CatalogRecord catalog;
+    if (ParseCatalogLine(std::string_view(*text).substr(first + 1, second - first - 1), catalog.file, catalog.at))
+        cache.catalog_ = catalog;
     return cache;
+}
+
+bool HeldCache::SourceCatalogCurrent(int root) const {
+    if (!catalog_ || changed_) return false;
+    for (const auto& [name, entry] : entries_)
+        if (!entry.checked) return false;  // an archive gone since
+    struct stat info {};
+    return ::fstatat(root, "source.ini", &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode) &&
+           IdentityOf(info) == catalog_->file && RecordedAfterChange(catalog_->file, catalog_->at, now_);
 }
 
 const CachedArchive* HeldCache::Find(int packages, const std::string& name) {
@@ -161,9 +192,14 @@ void HeldCache::Put(const std::string& name, CachedArchive entry) {
     changed_ = true;
 }
 
+void HeldCache::DropRange(const std::string& name, const std::string& entry) {
+    const auto found = entries_.find(name);
+    if (found != entries_.end() && found->second.ranges.erase(entry) != 0) changed_ = true;
+}
+
 void HeldCache::Forget(const std::string& name) { changed_ = entries_.erase(name) != 0 || changed_; }
 
-ZOVRELAY_Status HeldCache::Write(int root) {
+ZOVRELAY_Status HeldCache::Write(int root, bool catalogsWritten) {
     for (auto entry = entries_.begin(); entry != entries_.end();) {
         if (entry->second.checked) {
             ++entry;
@@ -172,9 +208,27 @@ ZOVRELAY_Status HeldCache::Write(int root) {
         entry = entries_.erase(entry);
         changed_ = true;
     }
+    std::optional<CatalogRecord> catalog;
+    struct stat info {};
+    if (catalogsWritten && ::fstatat(root, "source.ini", &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode)) {
+        catalog = CatalogRecord{IdentityOf(info), NowNanoseconds()};
+        if (catalog_ && catalog_->file == catalog->file) catalog->at = catalog_->at;
+        // Just written: a look a clock tick later vouches for it (see RecordedAfterChange).
+        const int64_t wait = catalog->file.changed + TimeTick(catalog->file) - catalog->at;
+        if (wait > 0 && wait <= 100000000) {  // a coarse file system's second is not waited
+            const timespec pause{0, long(wait)};
+            ::nanosleep(&pause, nullptr);
+            catalog->at = NowNanoseconds();
+            if (::fstatat(root, "source.ini", &info, AT_SYMLINK_NOFOLLOW) != 0 || !(IdentityOf(info) == catalog->file))
+                catalog.reset();
+        }
+    }
+    changed_ = changed_ || catalog.has_value() != catalog_.has_value() ||
+               (catalog && (!(catalog->file == catalog_->file) || catalog->at != catalog_->at));
+    catalog_ = catalog;
     if (!changed_) return kSuccess;
     changed_ = false;
-    return WriteWholeFileAt(root, kHeldCacheName, FormatHeldCache(entries_));
+    return WriteWholeFileAt(root, kHeldCacheName, FormatHeldCache(entries_, catalog_ ? FormatCatalogLine(catalog_->file, catalog_->at) : ""));
 }
 
 }  // namespace localrelay

@@ -46,21 +46,39 @@ public:
     const CachedArchive* Find(int packages, const std::string& name);
     // Records what the writer knows of an archive it wrote and saw unchanged at `entry.read`.
     void Put(const std::string& name, CachedArchive entry);
+    // Forgets where a version of `name` lies (one that failed a read-back): nothing serves it.
+    void DropRange(const std::string& name, const std::string& entry);
     // Drops what is known of `name`: its next lookup looks at the file again.
     void Forget(const std::string& name);
 
+    // Whether source.ini in `root` is still the one written from exactly these entries: the
+    // record names its identity, and every archive the record knew was found unchanged (call it
+    // after looking up every archive). A run that knows so need not format the catalog again to
+    // compare it.
+    bool SourceCatalogCurrent(int root) const;
+
     // Writes the record when it changed, keeping the archives found since it was read.
-    ZOVRELAY_Status Write(int root);
+    // `catalogsWritten`: source.ini was just written from these entries, and is recorded as such.
+    ZOVRELAY_Status Write(int root, bool catalogsWritten = false);
 
 private:
     std::map<std::string, CachedArchive> entries_;
+    struct CatalogRecord {
+        FileIdentity file;
+        int64_t at = 0;
+    };
+    std::optional<CatalogRecord> catalog_;  // source.ini as written from the entries
     bool changed_ = false;
     int64_t now_ = 0;
 };
 
-std::string FormatHeldCache(const std::map<std::string, CachedArchive>& entries);
+std::string FormatHeldCache(const std::map<std::string, CachedArchive>& entries, const std::string& catalogLine = "");
 // nullopt for anything but a whole, well-formed record.
 std::optional<std::map<std::string, CachedArchive>> ParseHeldCache(std::string_view text);
+// The record's optional line after its header, "catalog <size> <inode> <device> <mtime-ns>
+// <ctime-ns> <at-ns>": source.ini's identity when written from the entries that follow.
+std::string FormatCatalogLine(const FileIdentity& file, int64_t at);
+bool ParseCatalogLine(std::string_view line, FileIdentity& file, int64_t& at);
 
 }  // namespace localrelay
 

@@ -212,9 +212,11 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, M
 
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
                               const std::set<std::string>& present, const std::string* sourceCatalog,
-                              const std::set<Identity>* hidden) {
-    ZOVRELAY_Status status = WriteChangedFileAt(
-        root, kSourceCatalogName, sourceCatalog != nullptr ? *sourceCatalog : FormatSourceCatalog(served, hidden));
+                              const std::set<Identity>* hidden, bool sourceCurrent) {
+    ZOVRELAY_Status status =
+        sourceCurrent ? kSuccess
+                      : WriteChangedFileAt(root, kSourceCatalogName,
+                                           sourceCatalog != nullptr ? *sourceCatalog : FormatSourceCatalog(served, hidden));
     if (status <= 0) return status;
     Catalog index;
     std::vector<const Manifest*> manifests;

@@ -82,10 +82,10 @@ std::string FormatSourceCatalog(const ServedCatalog& served, const std::set<Iden
 // right size and is not in `leaving` (about to be pruned), with every recorded product. A catalog
 // whose text would not change is left alone. `present` is the listing of packages/;
 // `sourceCatalog`, when given, is FormatSourceCatalog(served) made before. Components in `hidden`
-// are left out of both.
+// are left out of both. `sourceCurrent`: source.ini is known to hold that text already.
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
                               const std::set<std::string>& present, const std::string* sourceCatalog = nullptr,
-                              const std::set<Identity>* hidden = nullptr);
+                              const std::set<Identity>* hidden = nullptr, bool sourceCurrent = false);
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
                               const std::set<std::string>& leaving = {}, HeldCache* cache = nullptr);
 

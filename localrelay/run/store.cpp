@@ -126,6 +126,7 @@ Storer::Storer(RunContext& run, const std::vector<size_t>& components) : run_(ru
 ZOVRELAY_Status Storer::WriteCatalogsNow() {
     const int64_t start = NowNanoseconds();
     const std::set<std::string> leaving(run_.leaving.begin(), run_.leaving.end());
+    run_.state.ServedChanged();  // source.ini says something else now
     const ZOVRELAY_Status status = WriteCatalogs(run_.root, run_.packages, run_.state.served, leaving,
                                                  run_.state.packages.names(), nullptr, &hidden_);
     if (status > 0) listed_.clear();  // on failure either file may still list what it did
@@ -166,7 +167,7 @@ ZOVRELAY_Status Storer::Replace(const ComponentPlan& plan, const Manifest& next,
         status = ReplaceAt(run_.packages, built, merged);
     }
     if (status <= 0) return status;
-    state.sourceCatalog.reset();
+    state.ServedChanged();
     state.cache.Forget(merged);
     // Every byte was checked as it was written, and the layout on reopening: the archive is
     // verified as it is now. It is recorded as such when the run ends, if it has not changed since.

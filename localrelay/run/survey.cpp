@@ -31,18 +31,18 @@ void ReadBack(int packages, HeldState& state, const Identity& identity, HeldView
     if (damaged.empty()) state.verified[name] = Verified{archive->file(), seen};
     else view.damaged[identity] = damaged;
     // What source.ini serves of it comes from the archive's own layout again, not from a record,
-    // and never a version that failed just now.
+    // and never a version that failed just now: the held cache keeps no range for it (so nothing
+    // made from the cache serves it either) until the archive is read again.
+    state.cache.Find(packages, name);
+    for (const HeldVersion& held : archive->manifest().versions)
+        if (std::find(damaged.begin(), damaged.end(), held.version) != damaged.end())
+            state.cache.DropRange(name, EntryName(held));
     ServedComponent served = Served(packages, archive->manifest(), &state.cache);
-    served.versions.erase(std::remove_if(served.versions.begin(), served.versions.end(),
-                                         [&](const Component& c) {
-                                             return std::find(damaged.begin(), damaged.end(), c.version) != damaged.end();
-                                         }),
-                          served.versions.end());
     ServedComponent& current = state.served[identity];
     if (!SameManifest(current.manifest, served.manifest) || current.versions.size() != served.versions.size() ||
         !std::equal(current.versions.begin(), current.versions.end(), served.versions.begin(),
                     [](const Component& a, const Component& b) { return a.offset == b.offset && a.path == b.path; }))
-        state.sourceCatalog.reset();
+        state.ServedChanged();
     current = std::move(served);
 }
 
@@ -66,7 +66,9 @@ void SurveyVersionArchives(int packages, HeldState& state, const SurveyScope& sc
 HeldState ReadHeldState(int root, int packages) {
     HeldState state{HeldCache::Read(root), Listing(packages), {}, {}, ReadVerification(root)};
     state.served = ReadServed(packages, state.packages.names(), state.cache);
-    state.sourceCatalog = FormatSourceCatalog(state.served);
+    // A night with nothing new need not format what source.ini says to learn that it says it.
+    state.sourceCurrent = state.cache.SourceCatalogCurrent(root);
+    if (!state.sourceCurrent) state.sourceCatalog = FormatSourceCatalog(state.served);
     return state;
 }
 

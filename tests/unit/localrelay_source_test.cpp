@@ -182,6 +182,33 @@ TEST_F(Source, AnArchiveReplacedUnderItsNameIsReadAgain) {
     EXPECT_EQ(CheckRepository(Path("a")), Lines());
 }
 
+// A night with nothing new trusts source.ini without formatting it only while it is the file the
+// last run wrote: one replaced, or rewritten in place with its times set back, is written again.
+TEST_F(Source, ASourceCatalogChangedBehindTheRelayIsWrittenAgain) {
+    const fs::path catalog = root / "repo/source.ini";
+    const auto tamper = [&](bool inPlace) {
+        std::string text = ReadFile(catalog);
+        text[text.find(" 1.100.")] = '\t';  // still a valid catalog, and as long
+        struct stat before {};
+        stat(catalog.c_str(), &before);
+        if (!inPlace) fs::remove(catalog);
+        WriteFile(catalog, text);
+        const timespec times[2] = {before.st_atim, before.st_mtim};
+        utimensat(AT_FDCWD, catalog.c_str(), times, 0);
+    };
+    MakeSource("source", 1);
+    Context context(Path("repo"));
+    const auto mirror = [&] { return Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status; };
+    ASSERT_EQ(mirror(), kSuccess);
+    ASSERT_EQ(mirror(), kSuccess);  // the record now vouches for source.ini
+    const std::string written = ReadFile(catalog);
+    for (const bool inPlace : {false, true}) {
+        tamper(inPlace);
+        EXPECT_EQ(mirror(), kSuccess);
+        EXPECT_EQ(ReadFile(catalog), written) << "in place: " << inPlace;
+    }
+}
+
 // While a mirror writes, other contexts list, export and read the source catalog; another writer is
 // refused at once; a cron guard's flock on the repository directory does not collide.
 TEST_F(Source, ReadersRunBesideAWriter) {
