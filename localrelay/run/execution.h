@@ -104,12 +104,12 @@ private:
     void Checkpoint();
     ZOVRELAY_Status BuildArchive(const ComponentPlan& plan, Manifest& next, const std::map<Version, const Download*>& fresh,
                                  const MergedArchive* previous, std::map<Version, std::unique_ptr<TemporaryFile>>& copies,
-                                 std::string& built);
+                                 std::string& built, std::map<std::string, EntryRange>& ranges);
     ZOVRELAY_Status CopyVersions(const ComponentPlan& plan, Manifest& next, const std::map<Version, const Download*>& fresh,
                                  const Download* base, const MergedArchive* previous, ZipWriter& writer,
                                  std::map<Version, std::unique_ptr<TemporaryFile>>& copies);
     ZOVRELAY_Status Replace(const ComponentPlan& plan, const Manifest& next, const std::string& built,
-                            std::unique_ptr<MergedArchive>& previous);
+                            const std::map<std::string, EntryRange>& ranges, std::unique_ptr<MergedArchive>& previous);
     ZOVRELAY_Status NotStored(const Identity& identity, ZOVRELAY_Status status, bool unnamed, const std::string& built);
     ZOVRELAY_Status KeepVersionArchives(const ComponentPlan& plan, const Manifest& manifest,
                                         std::map<Version, std::unique_ptr<TemporaryFile>>& copies);

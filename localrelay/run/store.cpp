@@ -99,13 +99,14 @@ ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Downlo
     if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest) ||
                                    !fresh.empty() || !plan.damaged.empty())) {
         std::string built;  // the name the new archive is written under
-        ZOVRELAY_Status status = BuildArchive(plan, next, fresh, previous.get(), copies, built);
+        std::map<std::string, EntryRange> ranges;  // where its entries lie
+        ZOVRELAY_Status status = BuildArchive(plan, next, fresh, previous.get(), copies, built, ranges);
         const bool unnamed = status <= 0;  // the writer's failures name no file; the file helpers' name theirs
         if (status > 0 && next.versions.empty()) {  // nothing held verified: the old archive stays
             ::unlinkat(run_.packages, built.c_str(), 0);
             return kSuccess;
         }
-        if (status > 0) status = Replace(plan, next, built, previous);
+        if (status > 0) status = Replace(plan, next, built, ranges, previous);
         if (status > 0)
             for (auto& [version, part] : parts)
                 if (part->name() == built) part->Release();
@@ -157,7 +158,7 @@ void Storer::Checkpoint() {
 // The catalogs on disk stop naming the component before its archive is replaced (see Storer); its
 // new ranges are read from the archive just written, and recorded for the held cache.
 ZOVRELAY_Status Storer::Replace(const ComponentPlan& plan, const Manifest& next, const std::string& built,
-                                std::unique_ptr<MergedArchive>& previous) {
+                                const std::map<std::string, EntryRange>& ranges, std::unique_ptr<MergedArchive>& previous) {
     HeldState& state = run_.state;
     const std::string merged = MergedArchiveName(plan.identity);
     ZOVRELAY_Status status = kSuccess;
@@ -169,17 +170,16 @@ ZOVRELAY_Status Storer::Replace(const ComponentPlan& plan, const Manifest& next,
     if (status <= 0) return status;
     state.ServedChanged();
     state.cache.Forget(merged);
-    // Every byte was checked as it was written, and the layout on reopening: the archive is
-    // verified as it is now. It is recorded as such when the run ends, if it has not changed since.
-    const FileDescriptor fd(OpenFileAt(run_.packages, merged));
-    const std::optional<FileIdentity> file = fd.get() >= 0 ? FileIdentityOf(fd.get()) : std::nullopt;
-    const std::optional<std::map<std::string, EntryRange>> ranges = file ? ReadEntryRanges(fd.get()) : std::nullopt;
-    if (ranges) {
-        CachedArchive entry{*file, 0, next, {}, true};
+    // Every byte was checked as it was written, and the layout on reopening (so the writer's
+    // ranges are the file's): the archive is verified as it is now. It is recorded as such when the
+    // run ends, if it has not changed since; the rename gave it a new change time.
+    struct stat info {};
+    if (::fstatat(run_.packages, merged.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode)) {
+        CachedArchive entry{IdentityOf(info), 0, next, {}, true};
         for (const HeldVersion& held : next.versions)
-            if (const auto range = ranges->find(EntryName(held)); range != ranges->end()) entry.ranges.insert(*range);
+            if (const auto range = ranges.find(EntryName(held)); range != ranges.end()) entry.ranges.insert(*range);
         state.cache.Put(merged, std::move(entry));
-        run_.written.emplace_back(merged, *file);
+        run_.written.emplace_back(merged, IdentityOf(info));
     }
     state.served[plan.identity] = Served(run_.packages, next, &state.cache);
     return kSuccess;
@@ -208,7 +208,8 @@ ZOVRELAY_Status Storer::NotStored(const Identity& identity, ZOVRELAY_Status stat
 // archive is made first (`copies`), sharing the part's blocks where the file system can.
 ZOVRELAY_Status Storer::BuildArchive(const ComponentPlan& plan, Manifest& next,
                                      const std::map<Version, const Download*>& fresh, const MergedArchive* previous,
-                                     std::map<Version, std::unique_ptr<TemporaryFile>>& copies, std::string& built) {
+                                     std::map<Version, std::unique_ptr<TemporaryFile>>& copies, std::string& built,
+                                     std::map<std::string, EntryRange>& ranges) {
     const Download* base = nullptr;  // the largest download: its part becomes the archive
     for (const HeldVersion& held : next.versions) {
         const auto f = fresh.find(held.version);
@@ -239,6 +240,7 @@ ZOVRELAY_Status Storer::BuildArchive(const ComponentPlan& plan, Manifest& next,
     if (status > 0) status = CopyVersions(plan, next, fresh, base, previous, writer, copies);
     if (status <= 0 || next.versions.empty()) return status;
     if ((status = writer.Add(kManifestEntry, FormatManifest(next))) <= 0 || (status = writer.Finish()) <= 0) return status;
+    ranges = writer.Ranges();
     const std::unique_ptr<MergedArchive> written = MergedArchive::Open(run_.packages, built, true);
     if (written == nullptr || FormatManifest(written->manifest()) != FormatManifest(next)) return kIntegrityFailed;
     return kSuccess;
