@@ -156,7 +156,7 @@ void Storer::Checkpoint() {
 }
 
 // The catalogs on disk stop naming the component before its archive is replaced (see Storer); its
-// new ranges are read from the archive just written, and recorded for the held cache.
+// new ranges, as the writer laid them out, go to the held cache and what the catalogs will serve.
 ZOVRELAY_Status Storer::Replace(const ComponentPlan& plan, const Manifest& next, const std::string& built,
                                 const std::map<std::string, EntryRange>& ranges, std::unique_ptr<MergedArchive>& previous) {
     HeldState& state = run_.state;
