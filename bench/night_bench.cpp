@@ -19,25 +19,36 @@ int main() {
             MakeSource(source, components, 1024);
             FileServer server(source);
             const std::string address = "http://127.0.0.1:" + std::to_string(server.port());
-            const std::string repository = session.Directory("repository");
-            const auto night = [&] {
+            const auto night = [&](const std::string& repository) {
                 ZOVRELAY_Status status = 0;
                 const double seconds = Seconds([&] { status = Mirror(repository, address, source + "/server.ini"); });
                 Check(status > 0, "mirroring failed: " + std::to_string(status));
                 return seconds;
             };
-            night();  // the mirror itself
-            const double firstNight = night(), nextNight = night();
+            const std::string repository = session.Directory("repository");
+            night(repository);  // the mirror itself
+            const auto quiet = [&] { return night(repository); };
             const auto curl = [&] {
                 return Seconds([&] { Check(Run({"curl", "-sf", "-o", "/dev/null", address + "/server.ini"}), "curl failed"); });
             };
             double relay = 0, peer = 0;
-            MedianPair(night, curl, relay, peer);
+            MedianPair(quiet, curl, relay, peer);
             const std::string held = std::to_string(components) + " held";
             Report("night with nothing new, " + held + ", HTTP", relay, "curl of the catalog", peer, relay / peer, "<= 1.5",
                    relay <= 1.5 * peer);
-            Report("first night after a mirror, " + held, firstNight, "the next night", nextNight, firstNight / nextNight,
-                   "<= 1.2", firstNight <= 1.2 * nextNight);
+            const auto firstNight = [&] {
+                const std::string fresh = session.Directory("fresh");
+                night(fresh);
+                return night(fresh);
+            };
+            const auto laterNight = [&] {  // after the same work in the process, for a fair comparison
+                night(session.Directory("fresh"));
+                return night(repository);
+            };
+            double first = 0, next = 0;
+            MedianPair(firstNight, laterNight, first, next);
+            Report("first night after a mirror, " + held, first, "a later night", next, first / next, "<= 1.2",
+                   first <= 1.2 * next);
         }
     });
 }
