@@ -12,6 +12,7 @@
 #include <ctime>
 
 #include <algorithm>
+#include <array>
 #include <vector>
 
 namespace localrelay {
@@ -20,17 +21,23 @@ namespace {
 constexpr std::string_view kManifestHeader = "zovrelay-manifest 1";
 constexpr zip_uint64_t kManifestLimit = 16u << 20;
 
-std::vector<std::string_view> Words(std::string_view line) {
-    std::vector<std::string_view> words;
-    size_t at = 0;
-    while (at <= line.size()) {
-        size_t end = line.find(' ', at);
-        if (end == std::string_view::npos) end = line.size();
-        words.push_back(line.substr(at, end - at));
-        at = end + 1;
+// The words of a manifest line, without an allocation per line: no line has more than five, so
+// a longer one keeps only its first six (and never matches).
+struct Words {
+    explicit Words(std::string_view line) {
+        for (size_t at = 0; at <= line.size() && count < words.size();) {
+            size_t end = line.find(' ', at);
+            if (end == std::string_view::npos) end = line.size();
+            words[count++] = line.substr(at, end - at);
+            at = end + 1;
+        }
     }
-    return words;
-}
+    size_t size() const { return count; }
+    std::string_view operator[](size_t i) const { return words[i]; }
+
+    std::array<std::string_view, 6> words;
+    size_t count = 0;
+};
 
 bool ParseSize(std::string_view text, uint64_t& size) {
     if (text.empty() || text.size() > 19) return false;
@@ -84,7 +91,7 @@ std::optional<Manifest> ParseManifest(std::string_view text) {
     bool header = false, component = false;
     while (true) {
         const size_t end = text.find('\n');
-        const std::vector<std::string_view> words = Words(text.substr(0, end));
+        const Words words(text.substr(0, end));
         if (!header) {
             if (text.substr(0, end) != kManifestHeader) return std::nullopt;
             header = true;

@@ -220,10 +220,15 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& serve
     if (status <= 0) return status;
     Catalog index;
     std::vector<const Manifest*> manifests;
+    // Only components with a per-version archive in packages/ can be indexed: without buildpatch
+    // none, and their names need not be made for every component.
+    std::set<Identity> versioned;
+    for (const auto& [identity, archives] : AllVersionArchives(present)) versioned.insert(versioned.end(), identity);
     for (const auto& [identity, component] : served) {
         const Manifest& manifest = component.manifest;
         if (manifest.versions.empty() || (hidden != nullptr && hidden->count(identity) != 0)) continue;
         manifests.push_back(&manifest);
+        if (versioned.count(identity) == 0) continue;
         const HeldVersion& newest = manifest.versions.front();
         const std::string file = VersionArchiveName(identity, newest.version);
         struct stat info {};
