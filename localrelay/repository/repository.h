@@ -65,7 +65,12 @@ std::map<Identity, Manifest> ReadHeld(int packages, HeldCache* cache = nullptr);
 // archive (read from the archive's layout), with the manifest for the products that name it.
 struct ServedComponent {
     Manifest manifest;
-    std::vector<Component> versions;
+    // Per version of the manifest, where its bytes start in the merged archive; none when the
+    // archive's layout does not hold them whole, and then it is not served. Offsets rather than
+    // catalog lines: a night with nothing new never formats them.
+    std::vector<std::optional<uint64_t>> offsets;
+
+    std::vector<Component> Versions() const;  // the catalog lines, for the versions served
 };
 using ServedCatalog = std::map<Identity, ServedComponent>;
 ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache = nullptr);

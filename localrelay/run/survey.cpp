@@ -39,9 +39,7 @@ void ReadBack(int packages, HeldState& state, const Identity& identity, HeldView
             state.cache.DropRange(name, EntryName(held));
     ServedComponent served = Served(packages, archive->manifest(), &state.cache);
     ServedComponent& current = state.served[identity];
-    if (!SameManifest(current.manifest, served.manifest) || current.versions.size() != served.versions.size() ||
-        !std::equal(current.versions.begin(), current.versions.end(), served.versions.begin(),
-                    [](const Component& a, const Component& b) { return a.offset == b.offset && a.path == b.path; }))
+    if (!SameManifest(current.manifest, served.manifest) || current.offsets != served.offsets)
         state.ServedChanged();
     current = std::move(served);
 }
