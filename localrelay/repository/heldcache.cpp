@@ -109,7 +109,10 @@ std::optional<std::map<std::string, CachedArchive>> ParseHeldCache(std::string_v
             at.stored = stored == 1;
             entry.ranges[EntryName(held)] = at;
         }
-        if (!reader.ok || !entries.emplace(name, std::move(entry)).second) return std::nullopt;
+        if (!reader.ok) return std::nullopt;
+        // Written in order: each entry goes at the end, and a name out of order is looked up.
+        if (entries.empty() || entries.rbegin()->first < name) entries.emplace_hint(entries.end(), name, std::move(entry));
+        else if (!entries.emplace(name, std::move(entry)).second) return std::nullopt;
     }
     if (!reader.ok) return std::nullopt;
     return entries;

@@ -34,7 +34,10 @@ VerificationRecord ParseVerification(std::string_view text) {
         Verified verified;
         take(verified.file.size), take(verified.file.inode), take(verified.file.device), take(verified.file.modified),
             take(verified.file.changed), take(verified.at);
-        if (ok && next == stop) record[name] = verified;
+        if (ok && next == stop) {  // written in order: at the end, unless out of order
+            if (record.empty() || record.rbegin()->first < name) record.emplace_hint(record.end(), name, verified);
+            else record[name] = verified;
+        }
     }
     return record;
 }
