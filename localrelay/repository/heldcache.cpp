@@ -1,5 +1,6 @@
 #include "repository/heldcache.h"
 #include "base/files.h"
+#include "repository/repository.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,7 +11,8 @@
 namespace localrelay {
 namespace {
 
-// "zovrelay-held 1", then per archive:
+// "zovrelay-held 2", then optionally "catalog <size> <inode> <device> <mtime-ns> <ctime-ns> <at-ns>"
+// (source.ini as written from the entries that follow), then per archive:
 //   archive <name> <size> <inode> <device> <mtime-ns> <ctime-ns> <read-at-ns> <manifest bytes>
 //   <the manifest's text>
 //   range <offset> <size> <stored 0|1>   (or "range none"), one per manifest version in its order
@@ -147,7 +149,7 @@ bool HeldCache::SourceCatalogCurrent(int root) const {
     for (const auto& [name, entry] : entries_)
         if (!entry.checked) return false;  // an archive gone since
     struct stat info {};
-    return ::fstatat(root, "source.ini", &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode) &&
+    return ::fstatat(root, kSourceCatalogName, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode) &&
            IdentityOf(info) == catalog_->file && RecordedAfterChange(catalog_->file, catalog_->at, now_);
 }
 
@@ -213,7 +215,7 @@ ZOVRELAY_Status HeldCache::Write(int root, bool catalogsWritten) {
     }
     std::optional<CatalogRecord> catalog;
     struct stat info {};
-    if (catalogsWritten && ::fstatat(root, "source.ini", &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode)) {
+    if (catalogsWritten && ::fstatat(root, kSourceCatalogName, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode)) {
         catalog = CatalogRecord{IdentityOf(info), NowNanoseconds()};
         if (catalog_ && catalog_->file == catalog->file) catalog->at = catalog_->at;
         // Just written: a look a clock tick later vouches for it (see RecordedAfterChange).
@@ -222,7 +224,7 @@ ZOVRELAY_Status HeldCache::Write(int root, bool catalogsWritten) {
             const timespec pause{0, long(wait)};
             ::nanosleep(&pause, nullptr);
             catalog->at = NowNanoseconds();
-            if (::fstatat(root, "source.ini", &info, AT_SYMLINK_NOFOLLOW) != 0 || !(IdentityOf(info) == catalog->file))
+            if (::fstatat(root, kSourceCatalogName, &info, AT_SYMLINK_NOFOLLOW) != 0 || !(IdentityOf(info) == catalog->file))
                 catalog.reset();
         }
     }
