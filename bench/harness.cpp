@@ -138,9 +138,9 @@ int Main(const std::string& name, const std::function<void(Session&)>& body) {
     }
 }
 
-uint64_t MakeSource(const std::string& directory, unsigned components, uint64_t size) {
+uint64_t MakeSource(const std::string& directory, unsigned components, uint64_t size, unsigned seed) {
     Check(Run({BENCH_MAKESOURCE, "--products", "1", "--components", std::to_string(components), "--size",
-               std::to_string(size), directory}),
+               std::to_string(size), "--seed", std::to_string(seed), directory}),
           "makesource failed for " + directory);
     uint64_t total = 0;
     for (const std::string& path : PackagePaths(directory)) total += fs::file_size(directory + "/" + path);

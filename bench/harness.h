@@ -34,8 +34,9 @@ private:
     bool semaphoreExisted_;
 };
 
-// Writes a sample source with tools/makesource; returns its total package bytes.
-uint64_t MakeSource(const std::string& directory, unsigned components, uint64_t size);
+// Writes a sample source with tools/makesource; returns its total package bytes. A larger seed
+// makes a newer release of the same components.
+uint64_t MakeSource(const std::string& directory, unsigned components, uint64_t size, unsigned seed = 1);
 // The package files of a source (all but its catalog), as paths relative to it.
 std::vector<std::string> PackagePaths(const std::string& directory);
 

@@ -5,8 +5,6 @@
 // (default 1); the repository takes that much disk again beside the source.
 #include "harness.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
 #include <filesystem>
 
@@ -20,11 +18,8 @@ int main() {
         const unsigned components = unsigned(64 * gib);  // 16 MiB packages
         const std::string source = session.root() + "/source", repository = session.root() + "/repository";
         const uint64_t bytes = MakeSource(source, components, 16u << 20);
+        // The mirror records what it wrote as verified: the nightly state holds from the next run on.
         Check(Mirror(repository, source, source + "/server.ini") > 0, "the first mirror failed");
-        // The archives just written are verified once more by the next run: a record made within a
-        // second of a file's change proves nothing. After that the nightly state holds.
-        ::sleep(2);
-        Check(Mirror(repository, source, source + "/server.ini") > 0, "the second mirror failed");
 
         std::vector<std::string> digest = {"sha256sum"};
         for (const auto& entry : fs::directory_iterator(repository + "/packages"))

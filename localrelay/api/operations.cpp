@@ -202,12 +202,13 @@ ZOVRELAY_Status Conclude(const Operation& operation, HeldState& state, bool exac
     HeldCache& cache = state.cache;
     if (!exact) {
         state.served = ReadServed(operation.packages(), state.packages.names(), cache);
-        state.sourceCatalog.reset();
+        state.ServedChanged();
     }
     const ZOVRELAY_Status indexed = WriteCatalogs(
         operation.root(), operation.packages(), state.served, std::set<std::string>(leaving.begin(), leaving.end()),
-        state.packages.names(), state.sourceCatalog ? &*state.sourceCatalog : nullptr);
-    cache.Write(operation.root());  // without it the next run reads the archives again: no harm
+        state.packages.names(), state.sourceCatalog ? &*state.sourceCatalog : nullptr, nullptr, state.sourceCurrent);
+    // Without it the next run reads the archives again (and formats source.ini to compare): no harm.
+    cache.Write(operation.root(), indexed > 0);
     if (status > 0 && indexed <= 0) status = indexed;
     if (indexed > 0 && status != kCancelled) {
         const ZOVRELAY_Status pruned = RemoveVersionArchives(operation.packages(), operation.repository().path + "/packages",

@@ -9,8 +9,10 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <ctime>
 
 #include <algorithm>
+#include <array>
 #include <vector>
 
 namespace localrelay {
@@ -19,17 +21,23 @@ namespace {
 constexpr std::string_view kManifestHeader = "zovrelay-manifest 1";
 constexpr zip_uint64_t kManifestLimit = 16u << 20;
 
-std::vector<std::string_view> Words(std::string_view line) {
-    std::vector<std::string_view> words;
-    size_t at = 0;
-    while (at <= line.size()) {
-        size_t end = line.find(' ', at);
-        if (end == std::string_view::npos) end = line.size();
-        words.push_back(line.substr(at, end - at));
-        at = end + 1;
+// The words of a manifest line, without an allocation per line: no line has more than five, so
+// a longer one keeps only its first six (and never matches).
+struct Words {
+    explicit Words(std::string_view line) {
+        for (size_t at = 0; at <= line.size() && count < words.size();) {
+            size_t end = line.find(' ', at);
+            if (end == std::string_view::npos) end = line.size();
+            words[count++] = line.substr(at, end - at);
+            at = end + 1;
+        }
     }
-    return words;
-}
+    size_t size() const { return count; }
+    std::string_view operator[](size_t i) const { return words[i]; }
+
+    std::array<std::string_view, 6> words;
+    size_t count = 0;
+};
 
 bool ParseSize(std::string_view text, uint64_t& size) {
     if (text.empty() || text.size() > 19) return false;
@@ -83,7 +91,7 @@ std::optional<Manifest> ParseManifest(std::string_view text) {
     bool header = false, component = false;
     while (true) {
         const size_t end = text.find('\n');
-        const std::vector<std::string_view> words = Words(text.substr(0, end));
+        const Words words(text.substr(0, end));
         if (!header) {
             if (text.substr(0, end) != kManifestHeader) return std::nullopt;
             header = true;
@@ -99,9 +107,7 @@ std::optional<Manifest> ParseManifest(std::string_view text) {
             HeldVersion held;
             const std::optional<Version> version = ParseVersion(words[1]);
             const std::optional<std::string> sha = ParseSha256(words[4]);
-            if (!version || !IsPackagePath(words[2]) || !ParseSize(words[3], held.size) || !sha ||
-                manifest.Find(*version) != nullptr)
-                return std::nullopt;
+            if (!version || !IsPackagePath(words[2]) || !ParseSize(words[3], held.size) || !sha) return std::nullopt;
             held.version = *version;
             held.path = std::string(words[2]);
             held.sha256 = *sha;
@@ -120,14 +126,41 @@ std::optional<Manifest> ParseManifest(std::string_view text) {
     if (!component) return std::nullopt;
     std::sort(manifest.versions.begin(), manifest.versions.end(),
               [](const HeldVersion& a, const HeldVersion& b) { return b.version < a.version; });
+    // A version listed twice refuses the manifest; found once sorted, not by a scan per line.
+    if (std::adjacent_find(manifest.versions.begin(), manifest.versions.end(),
+                           [](const HeldVersion& a, const HeldVersion& b) { return a.version == b.version; }) !=
+        manifest.versions.end())
+        return std::nullopt;
     return manifest;
+}
+
+FileIdentity IdentityOf(const struct stat& info) {
+    return FileIdentity{uint64_t(info.st_size), uint64_t(info.st_ino), uint64_t(info.st_dev),
+                        int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec,
+                        int64_t(info.st_ctim.tv_sec) * 1000000000 + info.st_ctim.tv_nsec};
+}
+
+int64_t NowNanoseconds() {
+    timespec now {};
+    ::clock_gettime(CLOCK_REALTIME, &now);
+    return int64_t(now.tv_sec) * 1000000000 + now.tv_nsec;
+}
+
+int64_t TimeTick(const FileIdentity& file) {
+    constexpr int64_t kSecond = 1000000000;
+    // 2 s: FAT's times; 20 ms: twice the kernel's coarsest clock tick (1 to 10 ms).
+    return file.changed % kSecond == 0 && file.modified % kSecond == 0 ? 2 * kSecond : kSecond / 50;
+}
+
+bool RecordedAfterChange(const FileIdentity& file, int64_t at, int64_t now) {
+    // A record from the future (a clock set back since) proves nothing either.
+    return at <= now && at - file.changed >= TimeTick(file);
 }
 
 std::optional<FileIdentity> FileIdentityOf(int fd) {
     struct stat info {};
     if (::fstat(fd, &info) != 0) return std::nullopt;
-    return FileIdentity{uint64_t(info.st_size), uint64_t(info.st_ino), uint64_t(info.st_dev),
-                        int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
+    return IdentityOf(info);
 }
 
 std::unique_ptr<MergedArchive> MergedArchive::Open(int directory, const std::string& name, bool thorough) {

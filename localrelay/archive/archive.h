@@ -20,14 +20,27 @@
 namespace localrelay {
 
 // What tells one file from its replacement: a rename brings another inode, a rewrite in place
-// another size or modification time.
+// another size or modification time, and any change at all another change time (ctime), which
+// unlike the modification time no caller can set back.
 struct FileIdentity {
     uint64_t size = 0, inode = 0, device = 0;
     int64_t modified = 0;  // nanoseconds since the epoch
+    int64_t changed = 0;   // nanoseconds since the epoch
     bool operator==(const FileIdentity& o) const {
-        return size == o.size && inode == o.inode && device == o.device && modified == o.modified;
+        return size == o.size && inode == o.inode && device == o.device && modified == o.modified &&
+               changed == o.changed;
     }
 };
+
+FileIdentity IdentityOf(const struct stat& info);
+int64_t NowNanoseconds();  // the wall clock, as file times count
+
+// A record made at `at` (nanoseconds) of a file with this identity vouches for it only when it was
+// made after the clock tick of the file's last change: a change within that tick could leave the
+// same times behind. Change times move by at most a few milliseconds on file systems that keep
+// nanoseconds, by whole seconds on those that do not (times ending in zero nanoseconds).
+int64_t TimeTick(const FileIdentity& file);
+bool RecordedAfterChange(const FileIdentity& file, int64_t at, int64_t now);
 
 // The identity of the file open at `fd`; nullopt when it cannot be read.
 std::optional<FileIdentity> FileIdentityOf(int fd);

@@ -97,14 +97,16 @@ ZOVRELAY_Status ZipWriter::Write(const char* bytes, size_t size, uint64_t at) {
 }
 
 ZOVRELAY_Status ZipWriter::Adopt(const std::string& name, uint64_t at, uint64_t size, uint32_t crc, uint64_t align) {
-    entries_.push_back(Entry{name, at, size, crc});
+    entries_.push_back(Entry{name, at, size, crc, 0});
     const std::string header = LocalHeader(entries_.back(), align);
+    entries_.back().data = at + header.size();
     return Write(header.data(), header.size(), at);
 }
 
 ZOVRELAY_Status ZipWriter::Add(const std::string& name, const std::string& data) {
-    const Entry entry{name, end_, data.size(), Crc32(0, data.data(), data.size())};
+    Entry entry{name, end_, data.size(), Crc32(0, data.data(), data.size()), 0};
     const std::string header = LocalHeader(entry, 0);
+    entry.data = end_ + header.size();
     const std::string bytes = header + data;
     ZOVRELAY_Status status = Write(bytes.data(), bytes.size(), end_);
     if (status <= 0) return status;
@@ -115,8 +117,8 @@ ZOVRELAY_Status ZipWriter::Add(const std::string& name, const std::string& data)
 
 ZOVRELAY_Status ZipWriter::Copy(const std::string& name, int from, uint64_t offset, uint64_t size,
                                 const std::string& sha256, uint64_t align) {
-    Entry entry{name, end_, size, 0};
-    const uint64_t data = end_ + LocalHeaderSize(name, size, end_, align);
+    Entry entry{name, end_, size, 0, 0};
+    const uint64_t data = entry.data = end_ + LocalHeaderSize(name, size, end_, align);
     const bool share = align != 0;  // read to check, then let CopyRange share the blocks
     CheckingSink checking(size);
     std::vector<char> buffer(kCopyBuffer);
@@ -145,6 +147,12 @@ ZOVRELAY_Status ZipWriter::Copy(const std::string& name, int from, uint64_t offs
     entries_.push_back(entry);
     end_ = data + size;
     return kSuccess;
+}
+
+std::map<std::string, EntryRange> ZipWriter::Ranges() const {
+    std::map<std::string, EntryRange> ranges;
+    for (const Entry& entry : entries_) ranges[entry.name] = EntryRange{entry.data, entry.size, true};
+    return ranges;
 }
 
 // The central directory's entries, as they follow the last entry's bytes.

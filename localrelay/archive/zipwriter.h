@@ -7,10 +7,12 @@
 #ifndef LOCALRELAY_ZIPWRITER_H
 #define LOCALRELAY_ZIPWRITER_H
 
+#include "archive/ziplayout.h"
 #include "transfer/package.h"
 #include "zovrelay.h"
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -40,12 +42,15 @@ public:
                          uint64_t align = 0);
     // The central directory and end records; the file is complete after this.
     ZOVRELAY_Status Finish();
+    // Where each entry's data lie, as written: what reading the finished file's layout would say.
+    std::map<std::string, EntryRange> Ranges() const;
 
 private:
     struct Entry {
         std::string name;
         uint64_t header = 0, size = 0;
         uint32_t crc = 0;
+        uint64_t data = 0;  // where its data start
     };
     ZOVRELAY_Status Write(const char* bytes, size_t size, uint64_t at);
     std::string CentralDirectory() const;

@@ -1,5 +1,6 @@
 #include "repository/heldcache.h"
 #include "base/files.h"
+#include "repository/repository.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -10,17 +11,14 @@
 namespace localrelay {
 namespace {
 
-// "zovrelay-held 1", then per archive:
-//   archive <name> <size> <inode> <device> <mtime-ns> <read-at> <manifest bytes>
+// "zovrelay-held 2", then optionally "catalog <size> <inode> <device> <mtime-ns> <ctime-ns> <at-ns>"
+// (source.ini as written from the entries that follow), then per archive:
+//   archive <name> <size> <inode> <device> <mtime-ns> <ctime-ns> <read-at-ns> <manifest bytes>
 //   <the manifest's text>
 //   range <offset> <size> <stored 0|1>   (or "range none"), one per manifest version in its order
-constexpr std::string_view kHeader = "zovrelay-held 1\n";
+// Version 1 lacked the change time: such a record is not read, and each archive is opened once.
+constexpr std::string_view kHeader = "zovrelay-held 2\n";
 constexpr size_t kLimit = size_t(1) << 30;
-
-FileIdentity IdentityOf(const struct stat& info) {
-    return FileIdentity{uint64_t(info.st_size), uint64_t(info.st_ino), uint64_t(info.st_dev),
-                        int64_t(info.st_mtim.tv_sec) * 1000000000 + info.st_mtim.tv_nsec};
-}
 
 // Reads the record's text from the front, one line or field at a time; any misstep fails it all.
 struct Reader {
@@ -58,13 +56,14 @@ bool Take(std::string_view& line, Number& number) {
 
 }  // namespace
 
-std::string FormatHeldCache(const std::map<std::string, CachedArchive>& entries) {
+std::string FormatHeldCache(const std::map<std::string, CachedArchive>& entries, const std::string& catalogLine) {
     std::string text(kHeader);
+    text += catalogLine;
     for (const auto& [name, entry] : entries) {
         const std::string manifest = FormatManifest(entry.manifest);
         text += "archive " + name + " " + std::to_string(entry.file.size) + " " + std::to_string(entry.file.inode) +
                 " " + std::to_string(entry.file.device) + " " + std::to_string(entry.file.modified) + " " +
-                std::to_string(entry.read) + " " + std::to_string(manifest.size()) + "\n" + manifest;
+                std::to_string(entry.file.changed) + " " + std::to_string(entry.read) + " " + std::to_string(manifest.size()) + "\n" + manifest;
         for (const HeldVersion& held : entry.manifest.versions) {
             const auto range = entry.ranges.find(EntryName(held));
             text += range == entry.ranges.end() ? std::string("range none\n")
@@ -79,6 +78,11 @@ std::string FormatHeldCache(const std::map<std::string, CachedArchive>& entries)
 std::optional<std::map<std::string, CachedArchive>> ParseHeldCache(std::string_view text) {
     Reader reader{text};
     if (reader.Line() != kHeader.substr(0, kHeader.size() - 1)) return std::nullopt;
+    if (reader.text.substr(0, 8) == "catalog ") {
+        FileIdentity file;
+        int64_t at = 0;
+        if (!ParseCatalogLine(reader.Line(), file, at)) return std::nullopt;
+    }
     std::map<std::string, CachedArchive> entries;
     while (reader.ok && !reader.text.empty()) {
         std::string_view line = reader.Line();
@@ -87,7 +91,8 @@ std::optional<std::map<std::string, CachedArchive>> ParseHeldCache(std::string_v
         if (Word(line) != "archive") return std::nullopt;
         const std::string name(Word(line));
         if (name.empty() || !Take(line, entry.file.size) || !Take(line, entry.file.inode) ||
-            !Take(line, entry.file.device) || !Take(line, entry.file.modified) || !Take(line, entry.read) ||
+            !Take(line, entry.file.device) || !Take(line, entry.file.modified) || !Take(line, entry.file.changed) ||
+            !Take(line, entry.read) ||
             !Take(line, bytes) || !line.empty())
             return std::nullopt;
         std::optional<Manifest> manifest = ParseManifest(reader.Bytes(bytes));
@@ -106,23 +111,50 @@ std::optional<std::map<std::string, CachedArchive>> ParseHeldCache(std::string_v
             at.stored = stored == 1;
             entry.ranges[EntryName(held)] = at;
         }
-        if (!reader.ok || !entries.emplace(name, std::move(entry)).second) return std::nullopt;
+        if (!reader.ok) return std::nullopt;
+        // Written in order: each entry goes at the end, and a name out of order is looked up.
+        if (entries.empty() || entries.rbegin()->first < name) entries.emplace_hint(entries.end(), name, std::move(entry));
+        else if (!entries.emplace(name, std::move(entry)).second) return std::nullopt;
     }
     if (!reader.ok) return std::nullopt;
     return entries;
 }
 
+std::string FormatCatalogLine(const FileIdentity& file, int64_t at) {
+    return "catalog " + std::to_string(file.size) + " " + std::to_string(file.inode) + " " + std::to_string(file.device) +
+           " " + std::to_string(file.modified) + " " + std::to_string(file.changed) + " " + std::to_string(at) + "\n";
+}
+
+bool ParseCatalogLine(std::string_view line, FileIdentity& file, int64_t& at) {
+    return Word(line) == "catalog" && Take(line, file.size) && Take(line, file.inode) && Take(line, file.device) &&
+           Take(line, file.modified) && Take(line, file.changed) && Take(line, at) && line.empty();
+}
+
 HeldCache HeldCache::Read(int root) {
     HeldCache cache;
-    cache.now_ = int64_t(std::time(nullptr));
+    cache.now_ = NowNanoseconds();
     const std::optional<std::string> text = ReadWholeFileAt(root, kHeldCacheName, kLimit);
     std::optional<std::map<std::string, CachedArchive>> entries = text ? ParseHeldCache(*text) : std::nullopt;
-    if (entries) cache.entries_ = std::move(*entries);
+    if (!entries) return cache;
+    cache.entries_ = std::move(*entries);
+    const size_t first = text->find('\n'), second = text->find('\n', first + 1);  // both there: it parsed
+    CatalogRecord catalog;
+    if (ParseCatalogLine(std::string_view(*text).substr(first + 1, second - first - 1), catalog.file, catalog.at))
+        cache.catalog_ = catalog;
     return cache;
 }
 
+bool HeldCache::SourceCatalogCurrent(int root) const {
+    if (!catalog_ || changed_) return false;
+    for (const auto& [name, entry] : entries_)
+        if (!entry.checked) return false;  // an archive gone since
+    struct stat info {};
+    return ::fstatat(root, kSourceCatalogName, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode) &&
+           IdentityOf(info) == catalog_->file && RecordedAfterChange(catalog_->file, catalog_->at, now_);
+}
+
 const CachedArchive* HeldCache::Find(int packages, const std::string& name) {
-    if (now_ == 0) now_ = int64_t(std::time(nullptr));
+    if (now_ == 0) now_ = NowNanoseconds();
     const auto found = entries_.find(name);
     if (found != entries_.end() && found->second.checked) return &found->second;
     struct stat info {};
@@ -132,13 +164,12 @@ const CachedArchive* HeldCache::Find(int packages, const std::string& name) {
     }
     if (found != entries_.end()) {
         CachedArchive& entry = found->second;
-        const int64_t modified = entry.file.modified / 1000000000;
-        if (entry.file == IdentityOf(info) && modified + 1 < entry.read && entry.read <= now_) {
+        if (entry.file == IdentityOf(info) && RecordedAfterChange(entry.file, entry.read, now_)) {
             entry.checked = true;
             return &entry;
         }
     }
-    const int64_t read = int64_t(std::time(nullptr));  // before the reading: never later than what it saw
+    const int64_t read = NowNanoseconds();  // before the reading: never later than what it saw
     const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages, name);
     if (archive == nullptr) {
         Forget(name);
@@ -160,9 +191,20 @@ const CachedArchive* HeldCache::Find(int packages, const std::string& name) {
     return &(entries_[name] = std::move(entry));
 }
 
+void HeldCache::Put(const std::string& name, CachedArchive entry) {
+    entry.checked = true;
+    entries_[name] = std::move(entry);
+    changed_ = true;
+}
+
+void HeldCache::DropRange(const std::string& name, const std::string& entry) {
+    const auto found = entries_.find(name);
+    if (found != entries_.end() && found->second.ranges.erase(entry) != 0) changed_ = true;
+}
+
 void HeldCache::Forget(const std::string& name) { changed_ = entries_.erase(name) != 0 || changed_; }
 
-ZOVRELAY_Status HeldCache::Write(int root) {
+ZOVRELAY_Status HeldCache::Write(int root, bool catalogsWritten) {
     for (auto entry = entries_.begin(); entry != entries_.end();) {
         if (entry->second.checked) {
             ++entry;
@@ -171,9 +213,27 @@ ZOVRELAY_Status HeldCache::Write(int root) {
         entry = entries_.erase(entry);
         changed_ = true;
     }
+    std::optional<CatalogRecord> catalog;
+    struct stat info {};
+    if (catalogsWritten && ::fstatat(root, kSourceCatalogName, &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode)) {
+        catalog = CatalogRecord{IdentityOf(info), NowNanoseconds()};
+        if (catalog_ && catalog_->file == catalog->file) catalog->at = catalog_->at;
+        // Just written: a look a clock tick later vouches for it (see RecordedAfterChange).
+        const int64_t wait = catalog->file.changed + TimeTick(catalog->file) - catalog->at;
+        if (wait > 0 && wait <= 100000000) {  // a coarse file system's second is not waited
+            const timespec pause{0, long(wait)};
+            ::nanosleep(&pause, nullptr);
+            catalog->at = NowNanoseconds();
+            if (::fstatat(root, kSourceCatalogName, &info, AT_SYMLINK_NOFOLLOW) != 0 || !(IdentityOf(info) == catalog->file))
+                catalog.reset();
+        }
+    }
+    changed_ = changed_ || catalog.has_value() != catalog_.has_value() ||
+               (catalog && (!(catalog->file == catalog_->file) || catalog->at != catalog_->at));
+    catalog_ = catalog;
     if (!changed_) return kSuccess;
     changed_ = false;
-    return WriteWholeFileAt(root, kHeldCacheName, FormatHeldCache(entries_));
+    return WriteWholeFileAt(root, kHeldCacheName, FormatHeldCache(entries_, catalog_ ? FormatCatalogLine(catalog_->file, catalog_->at) : ""));
 }
 
 }  // namespace localrelay

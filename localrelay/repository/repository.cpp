@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <iterator>
 #include <ctime>
 
 namespace localrelay {
@@ -126,21 +127,31 @@ std::map<Identity, Manifest> ReadHeld(int packages, HeldCache* cache) {
 
 namespace {
 
-ServedComponent ServedFrom(const Manifest& manifest, const std::map<std::string, EntryRange>* ranges,
-                           const std::string& merged) {
-    ServedComponent served{manifest, {}};
+ServedComponent ServedFrom(const Manifest& manifest, const std::map<std::string, EntryRange>* ranges) {
+    ServedComponent served{manifest, std::vector<std::optional<uint64_t>>(manifest.versions.size())};
     if (ranges == nullptr) return served;  // an archive we cannot read the layout of serves nothing
-    served.versions.reserve(manifest.versions.size());
-    for (const HeldVersion& held : manifest.versions) {
+    for (size_t i = 0; i < manifest.versions.size(); ++i) {
+        const HeldVersion& held = manifest.versions[i];
         const auto range = ranges->find(EntryName(held));
-        if (range == ranges->end() || !range->second.stored || range->second.size != held.size) continue;
-        served.versions.push_back(Component{manifest.section, manifest.identity, held.version, "packages/" + merged,
-                                            held.size, held.sha256, range->second.offset, held.path});
+        if (range != ranges->end() && range->second.stored && range->second.size == held.size)
+            served.offsets[i] = range->second.offset;
     }
     return served;
 }
 
 }  // namespace
+
+std::vector<Component> ServedComponent::Versions() const {
+    std::vector<Component> versions;
+    const std::string path = "packages/" + MergedArchiveName(manifest.identity);
+    for (size_t i = 0; i < manifest.versions.size() && i < offsets.size(); ++i) {
+        const HeldVersion& held = manifest.versions[i];
+        if (offsets[i])
+            versions.push_back(Component{manifest.section, manifest.identity, held.version, path, held.size, held.sha256,
+                                         *offsets[i], held.path});
+    }
+    return versions;
+}
 
 ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache) {
     const std::string merged = MergedArchiveName(manifest.identity);
@@ -152,7 +163,7 @@ ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache)
         const FileDescriptor fd(OpenFileAt(packages, merged));
         if (fd.get() >= 0 && (read = ReadEntryRanges(fd.get()))) ranges = &*read;
     }
-    return ServedFrom(manifest, ranges, merged);
+    return ServedFrom(manifest, ranges);
 }
 
 ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldCache& cache) {
@@ -164,7 +175,7 @@ ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldC
         if (!identity) continue;
         const CachedArchive* archive = cache.Find(packages, merged);
         if (archive != nullptr && archive->manifest.identity == *identity && !archive->manifest.versions.empty())
-            served.emplace_hint(served.end(), *identity, ServedFrom(archive->manifest, &archive->ranges, merged));
+            served.emplace_hint(served.end(), *identity, ServedFrom(archive->manifest, &archive->ranges));
     }
     return served;
 }
@@ -193,11 +204,13 @@ void AddProducts(Catalog& catalog, const std::vector<const Manifest*>& manifests
 
 }  // namespace
 
-std::string FormatSourceCatalog(const ServedCatalog& served) {
+std::string FormatSourceCatalog(const ServedCatalog& served, const std::set<Identity>* hidden) {
     Catalog catalog;
     std::vector<const Manifest*> manifests;
     for (const auto& [identity, component] : served) {
-        catalog.components.insert(catalog.components.end(), component.versions.begin(), component.versions.end());
+        if (hidden != nullptr && hidden->count(identity) != 0) continue;
+        std::vector<Component> versions = component.Versions();
+        std::move(versions.begin(), versions.end(), std::back_inserter(catalog.components));
         manifests.push_back(&component.manifest);
     }
     AddProducts(catalog, manifests);
@@ -210,16 +223,24 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, M
 }
 
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
-                              const std::set<std::string>& present, const std::string* sourceCatalog) {
-    ZOVRELAY_Status status = WriteChangedFileAt(root, kSourceCatalogName,
-                                                sourceCatalog != nullptr ? *sourceCatalog : FormatSourceCatalog(served));
+                              const std::set<std::string>& present, const std::string* sourceCatalog,
+                              const std::set<Identity>* hidden, bool sourceCurrent) {
+    ZOVRELAY_Status status =
+        sourceCurrent ? kSuccess
+                      : WriteChangedFileAt(root, kSourceCatalogName,
+                                           sourceCatalog != nullptr ? *sourceCatalog : FormatSourceCatalog(served, hidden));
     if (status <= 0) return status;
     Catalog index;
     std::vector<const Manifest*> manifests;
+    // Only components with a per-version archive in packages/ can be indexed: without buildpatch
+    // none, and their names need not be made for every component.
+    std::set<Identity> versioned;
+    for (const auto& [identity, archives] : AllVersionArchives(present)) versioned.insert(versioned.end(), identity);
     for (const auto& [identity, component] : served) {
         const Manifest& manifest = component.manifest;
-        if (manifest.versions.empty()) continue;
+        if (manifest.versions.empty() || (hidden != nullptr && hidden->count(identity) != 0)) continue;
         manifests.push_back(&manifest);
+        if (versioned.count(identity) == 0) continue;
         const HeldVersion& newest = manifest.versions.front();
         const std::string file = VersionArchiveName(identity, newest.version);
         struct stat info {};

@@ -65,7 +65,12 @@ std::map<Identity, Manifest> ReadHeld(int packages, HeldCache* cache = nullptr);
 // archive (read from the archive's layout), with the manifest for the products that name it.
 struct ServedComponent {
     Manifest manifest;
-    std::vector<Component> versions;
+    // Per version of the manifest, where its bytes start in the merged archive; none when the
+    // archive's layout does not hold them whole, and then it is not served. Offsets rather than
+    // catalog lines: a night with nothing new never formats them.
+    std::vector<std::optional<uint64_t>> offsets;
+
+    std::vector<Component> Versions() const;  // the catalog lines, for the versions served
 };
 using ServedCatalog = std::map<Identity, ServedComponent>;
 ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache = nullptr);
@@ -73,16 +78,19 @@ ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache 
 // listing of packages/.
 ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldCache& cache);
 ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held, HeldCache* cache = nullptr);
-std::string FormatSourceCatalog(const ServedCatalog& served);
+// `hidden`: components left out (a writer about to replace their archives).
+std::string FormatSourceCatalog(const ServedCatalog& served, const std::set<Identity>* hidden = nullptr);
 
 // Rewrites source.ini and then server.ini (each by rename) from the held manifests. source.ini
 // lists every held version as its byte range of the merged archive; server.ini lists each
 // component's newest version by its per-version archive, only where that file exists with the
 // right size and is not in `leaving` (about to be pruned), with every recorded product. A catalog
 // whose text would not change is left alone. `present` is the listing of packages/;
-// `sourceCatalog`, when given, is FormatSourceCatalog(served) made before.
+// `sourceCatalog`, when given, is FormatSourceCatalog(served) made before. Components in `hidden`
+// are left out of both. `sourceCurrent`: source.ini is known to hold that text already.
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
-                              const std::set<std::string>& present, const std::string* sourceCatalog = nullptr);
+                              const std::set<std::string>& present, const std::string* sourceCatalog = nullptr,
+                              const std::set<Identity>* hidden = nullptr, bool sourceCurrent = false);
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
                               const std::set<std::string>& leaving = {}, HeldCache* cache = nullptr);
 

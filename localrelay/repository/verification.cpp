@@ -15,10 +15,10 @@
 
 namespace localrelay {
 
-VerificationRecord ReadVerification(int root) {
+VerificationRecord ParseVerification(std::string_view text) {
     VerificationRecord record;
-    const std::string text = ReadWholeFileAt(root, kVerificationName, 64u << 20).value_or("");
-    // Lines "name size inode device mtime-ns verified-at"; a malformed one is skipped.
+    // Lines "name size inode device mtime-ns ctime-ns verified-at-ns"; a malformed one is skipped,
+    // and so is one of the earlier form without the change time: that archive is read back once.
     for (const char *at = text.data(), *end = at + text.size(); at < end;) {
         const char* const stop = std::find(at, end, '\n');
         const char* next = std::find(at, stop, ' ');
@@ -33,18 +33,30 @@ VerificationRecord ReadVerification(int root) {
         };
         Verified verified;
         take(verified.file.size), take(verified.file.inode), take(verified.file.device), take(verified.file.modified),
-            take(verified.at);
-        if (ok && next == stop) record[name] = verified;
+            take(verified.file.changed), take(verified.at);
+        if (ok && next == stop) {  // written in order: at the end, unless out of order
+            if (record.empty() || record.rbegin()->first < name) record.emplace_hint(record.end(), name, verified);
+            else record[name] = verified;
+        }
     }
     return record;
 }
 
-ZOVRELAY_Status WriteVerification(int root, const VerificationRecord& record) {
+std::string FormatVerification(const VerificationRecord& record) {
     std::string text;
     for (const auto& [name, v] : record)
         text += name + " " + std::to_string(v.file.size) + " " + std::to_string(v.file.inode) + " " +
-                std::to_string(v.file.device) + " " + std::to_string(v.file.modified) + " " + std::to_string(v.at) + "\n";
-    return WriteChangedFileAt(root, kVerificationName, text);
+                std::to_string(v.file.device) + " " + std::to_string(v.file.modified) + " " +
+                std::to_string(v.file.changed) + " " + std::to_string(v.at) + "\n";
+    return text;
+}
+
+VerificationRecord ReadVerification(int root) {
+    return ParseVerification(ReadWholeFileAt(root, kVerificationName, 64u << 20).value_or(""));
+}
+
+ZOVRELAY_Status WriteVerification(int root, const VerificationRecord& record) {
+    return WriteChangedFileAt(root, kVerificationName, FormatVerification(record));
 }
 
 bool FileMatches(int fd, uint64_t size, const std::string& sha256) {
@@ -76,12 +88,9 @@ std::optional<std::string> FileDigest(int fd) {
 bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now) {
     const auto found = record.find(name);
     if (found == record.end() || !(found->second.file == file)) return true;
-    // File times move in clock ticks: a change made within a second of the modification we
-    // recorded could leave the same time behind. Such a record proves nothing; verify again.
-    const int64_t modified = found->second.file.modified / 1000000000;
-    const int64_t interval = kVerificationInterval - int64_t(std::hash<std::string>{}(name) % (kVerificationInterval / 2));
-    return modified + 1 >= found->second.at || now - found->second.at >= interval ||
-           found->second.at > now;  // a clock set back must not postpone it for years
+    const int64_t interval =
+        (kVerificationInterval - int64_t(std::hash<std::string>{}(name) % (kVerificationInterval / 2))) * 1000000000;
+    return !RecordedAfterChange(file, found->second.at, now) || now - found->second.at >= interval;
 }
 
 }  // namespace localrelay

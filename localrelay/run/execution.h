@@ -17,6 +17,7 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,21 +44,28 @@ struct RunContext {
     HeldState& state;  // the records, told of everything the run changes
     const Selection& selection;
     const Plan& plan;
-    int64_t now;
+    int64_t now;  // nanoseconds since the epoch, as the run began
 
     std::map<Identity, Manifest> final;  // what each planned component holds afterwards
     std::vector<std::string> leaving;    // per-version archives beyond keepcount
     bool servedExact = true;             // state.served is what the repository holds: no write failed half-way
     bool verifiedChanged = false;
+    // Merged archives this run wrote, as seen right after their rename: recorded as held and
+    // verified once the run ends if still unchanged then (RecordWritten).
+    std::vector<std::pair<std::string, FileIdentity>> written;
     ZOVRELAY_Status failure = kSuccess;  // the first failure that did not stop the run
 
     void Note(ZOVRELAY_Status status) {
         if (failure > 0) failure = status;
     }
-    void RecordVerified(const std::string& name, const FileIdentity& file) {
-        state.verified[name] = Verified{file, now};
+    // `at`: when the file was seen with this identity, before its bytes were read.
+    void RecordVerified(const std::string& name, const FileIdentity& file, int64_t at) {
+        state.verified[name] = Verified{file, at};
         verifiedChanged = true;
     }
+    // The archives this run wrote, vouched for in .held and .verified by a look after their last
+    // change's clock tick (waiting out a short tick once), so that the next run need not read them.
+    void RecordWritten();
     // The component's merged archive; nullptr when there is none we can trust, which is then replaced.
     std::unique_ptr<MergedArchive> OpenMerged(const Identity& identity) const;
     // A package that failed is reported as it happens, by a "downloadend" whose `finished` (the
@@ -73,28 +81,44 @@ struct RunContext {
 
 // Writes what a component's downloads brought into its merged archive (and per-version archives),
 // and heals per-version archives from their merged archive.
+//
+// The catalogs never name a range of an archive being replaced: before the first archive that
+// source.ini or server.ini lists is replaced, both are written once without every component the
+// run has yet to store ("hidden"); stored components join again at checkpoints spaced so that
+// writing the catalogs takes a small share of the run (and when the run ends), so that a release
+// of n components writes them a bounded number of times rather than n. A run killed meanwhile
+// leaves catalogs that name fewer components, never a wrong range.
 class Storer {
 public:
-    explicit Storer(RunContext& run) : run_(run) {}
+    // `components`: the plan's components to be stored, each by one call of Store.
+    Storer(RunContext& run, const std::vector<size_t>& components);
     // `fresh`: the component's verified downloads, in their part files.
     ZOVRELAY_Status Store(size_t component, const std::map<Version, const Download*>& fresh);
     void Settle(size_t component);  // nothing to write: keepcount only
     bool HealVersionArchives(const HeldView& view);  // whether it changed packages/
+    // Writes both catalogs now without the components still to be stored.
+    ZOVRELAY_Status Hide();
 
 private:
+    ZOVRELAY_Status WriteCatalogsNow();
+    void Checkpoint();
     ZOVRELAY_Status BuildArchive(const ComponentPlan& plan, Manifest& next, const std::map<Version, const Download*>& fresh,
                                  const MergedArchive* previous, std::map<Version, std::unique_ptr<TemporaryFile>>& copies,
-                                 std::string& built);
+                                 std::string& built, std::map<std::string, EntryRange>& ranges);
     ZOVRELAY_Status CopyVersions(const ComponentPlan& plan, Manifest& next, const std::map<Version, const Download*>& fresh,
                                  const Download* base, const MergedArchive* previous, ZipWriter& writer,
                                  std::map<Version, std::unique_ptr<TemporaryFile>>& copies);
     ZOVRELAY_Status Replace(const ComponentPlan& plan, const Manifest& next, const std::string& built,
-                            std::unique_ptr<MergedArchive>& previous);
+                            const std::map<std::string, EntryRange>& ranges, std::unique_ptr<MergedArchive>& previous);
     ZOVRELAY_Status NotStored(const Identity& identity, ZOVRELAY_Status status, bool unnamed, const std::string& built);
     ZOVRELAY_Status KeepVersionArchives(const ComponentPlan& plan, const Manifest& manifest,
                                         std::map<Version, std::unique_ptr<TemporaryFile>>& copies);
 
     RunContext& run_;
+    std::set<Identity> unstored_;  // planned components Store has not finished yet
+    std::set<Identity> hidden_;    // left out of the catalogs written during the run
+    std::set<Identity> listed_;    // what the catalogs on disk may list
+    int64_t lastWrite_ = 0, writeCost_ = 0;  // nanoseconds
 };
 
 // Downloads every package the plan lacks from one queue, storing each component as soon as its

@@ -4,6 +4,9 @@
 #include "run/execution.h"
 #include "run/plan.h"
 
+#include <sys/stat.h>
+
+#include <algorithm>
 #include <ctime>
 
 namespace localrelay {
@@ -53,6 +56,36 @@ void RunContext::Log(const Identity& identity, const HeldVersion& held, const ch
                                            d != nullptr && status <= 0 ? d->reason : std::string()});
 }
 
+void RunContext::RecordWritten() {
+    if (written.empty()) return;
+    int64_t due = 0;
+    for (const auto& [name, file] : written) due = std::max(due, file.changed + TimeTick(file));
+    // Waiting out the tick of a file system that keeps fine times costs the run a few milliseconds
+    // and the next run the reading of every archive written; a coarse one's second is not waited.
+    constexpr int64_t kLongestWait = 100000000;
+    const int64_t wait = due - NowNanoseconds();
+    if (wait > 0 && wait <= kLongestWait) {
+        const timespec pause{0, long(wait)};
+        ::nanosleep(&pause, nullptr);
+    }
+    const int64_t at = NowNanoseconds();  // before the looks: any change after it moves the times
+    for (const auto& [name, file] : written) {
+        struct stat info {};
+        const bool same = ::fstatat(packages, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode) &&
+                          IdentityOf(info) == file;
+        const CachedArchive* cached = same ? state.cache.Find(packages, name) : nullptr;
+        if (cached == nullptr || !(cached->file == file)) {
+            state.cache.Forget(name);  // changed under the run: the next run reads it
+            continue;
+        }
+        if (!RecordedAfterChange(file, at, at)) continue;
+        CachedArchive entry = *cached;
+        entry.read = at;
+        state.cache.Put(name, std::move(entry));
+        RecordVerified(name, file, at);
+    }
+}
+
 PackageOutcome RunContext::Outcome(const Component& component, const char* action) const {
     return PackageOutcome{component.PackagePath(), FormatIdentity(component.identity), FormatVersion(component.version),
                           source.address, action, component.size, 0, 0, kSuccess, ""};
@@ -72,20 +105,28 @@ void LogPlan(const Plan& plan, RunContext& run) {
 
 ZOVRELAY_Status Execute(RunContext& run, const HeldView& view) {
     LogPlan(run.plan, run);
-    if (!run.events.Raise(ZOVRELAY_EVENT_DOWNLOAD, run.source.address, run.plan.bytes, 0)) return kCancelled;
-    Storer storer(run);
     // Settled components are done but for keepcount; the rest are fetched and stored.
     std::vector<size_t> stored;
-    for (size_t i = 0; i < run.plan.components.size(); ++i) {
+    for (size_t i = 0; i < run.plan.components.size(); ++i)
+        if (!run.plan.components[i].settled) stored.push_back(i);
+    Storer storer(run, stored);
+    for (size_t i = 0; i < run.plan.components.size(); ++i)
         if (run.plan.components[i].settled) storer.Settle(i);
-        else stored.push_back(i);
-    }
+    ZOVRELAY_Status status = kSuccess;
+    // A read-back found damage: the catalogs stop naming those components before anything else.
+    if (!view.damaged.empty()) status = storer.Hide();
+    if (status > 0 && !run.events.Raise(ZOVRELAY_EVENT_DOWNLOAD, run.source.address, run.plan.bytes, 0)) status = kCancelled;
     std::vector<Download> planned;
-    ZOVRELAY_Status status = FetchAndStore(run, storer, stored, planned);
+    if (status > 0) status = FetchAndStore(run, storer, stored, planned);
     Listing& listing = run.state.packages;
     if (!stored.empty()) listing.Changed();
     if (status <= 0) run.servedExact = false;
-    for (size_t i : stored) run.state.cache.Forget(MergedArchiveName(run.plan.components[i].identity));  // perhaps rewritten
+    std::set<std::string> written;
+    for (const auto& [name, file] : run.written) written.insert(name);
+    for (size_t i : stored) {  // perhaps rewritten; what the run wrote itself it knows
+        const std::string name = MergedArchiveName(run.plan.components[i].identity);
+        if (written.count(name) == 0) run.state.cache.Forget(name);
+    }
     if (status > 0) {
         // Parts of packages this run still wants stay for the next run to continue; others go.
         if (RemoveUnplannedParts(run.packages, listing.names(), planned)) listing.Changed();
@@ -97,6 +138,7 @@ ZOVRELAY_Status Execute(RunContext& run, const HeldView& view) {
         if (present.count(record->first) == 0) record = run.state.verified.erase(record), run.verifiedChanged = true;
         else ++record;
     }
+    run.RecordWritten();
     if (run.verifiedChanged) WriteVerification(run.root, run.state.verified);  // without it the next run verifies again
     return status <= 0 ? status : run.failure;
 }
@@ -110,7 +152,7 @@ ZOVRELAY_Status Mirror(const Repository& repository, const Options& options, con
     Selection selection;
     ZOVRELAY_Status status = Select(source.catalog, products, count, selection);
     if (status <= 0) return status;
-    const int64_t now = int64_t(std::time(nullptr));
+    const int64_t now = NowNanoseconds();
     const HeldView view = Survey(repository.packages.get(), state, selection,
                                  SurveyScope{mode.readBackAll, mode.planOnly}, now);
     const Plan plan = MakePlan(source.catalog, selection, view, options);

@@ -61,6 +61,7 @@ struct VersionArchive {
     uint64_t size = 0;
     FileIdentity file;
     std::optional<std::string> sha256;  // read now; nullopt: trusted from its verification record
+    int64_t seen = 0;                    // when it was opened to be read (nanoseconds)
 };
 struct HeldView {
     const ServedCatalog* served = nullptr;              // every merged archive's manifest

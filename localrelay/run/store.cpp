@@ -66,6 +66,11 @@ ZOVRELAY_Status OpenBuilt(int packages, const Identity& identity, const Download
 
 ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Download*>& fresh) {
     const ComponentPlan& plan = run_.plan.components[index];
+    struct Done {  // whatever the outcome, the component is no longer to be stored
+        std::set<Identity>& unstored;
+        const Identity& identity;
+        ~Done() { unstored.erase(identity); }
+    } done{unstored_, plan.identity};
     std::unique_ptr<MergedArchive> previous = run_.OpenMerged(plan.identity);
     Manifest manifest;
     if (previous != nullptr) manifest = previous->manifest();
@@ -94,46 +99,89 @@ ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Downlo
     if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest) ||
                                    !fresh.empty() || !plan.damaged.empty())) {
         std::string built;  // the name the new archive is written under
-        ZOVRELAY_Status status = BuildArchive(plan, next, fresh, previous.get(), copies, built);
+        std::map<std::string, EntryRange> ranges;  // where its entries lie
+        ZOVRELAY_Status status = BuildArchive(plan, next, fresh, previous.get(), copies, built, ranges);
         const bool unnamed = status <= 0;  // the writer's failures name no file; the file helpers' name theirs
         if (status > 0 && next.versions.empty()) {  // nothing held verified: the old archive stays
             ::unlinkat(run_.packages, built.c_str(), 0);
             return kSuccess;
         }
-        if (status > 0) status = Replace(plan, next, built, previous);
+        if (status > 0) status = Replace(plan, next, built, ranges, previous);
         if (status > 0)
             for (auto& [version, part] : parts)
                 if (part->name() == built) part->Release();
         if (status <= 0) return NotStored(plan.identity, status, unnamed, built);
     }
     run_.final[plan.identity] = next;
-    return KeepVersionArchives(plan, next, copies);
+    const ZOVRELAY_Status status = KeepVersionArchives(plan, next, copies);
+    unstored_.erase(plan.identity);
+    if (status > 0) Checkpoint();
+    return status;
 }
 
-// source.ini must never name a range of the archive being replaced: it stops listing the
-// component first, and lists its new ranges once the new archive is in place. A component it did
-// not list yet is added when the run ends (the caller rewrites both catalogs).
+Storer::Storer(RunContext& run, const std::vector<size_t>& components) : run_(run) {
+    for (size_t i : components) unstored_.insert(run.plan.components[i].identity);
+    for (const auto& [identity, served] : run.state.served) listed_.insert(listed_.end(), identity);
+}
+
+ZOVRELAY_Status Storer::WriteCatalogsNow() {
+    const int64_t start = NowNanoseconds();
+    const std::set<std::string> leaving(run_.leaving.begin(), run_.leaving.end());
+    run_.state.ServedChanged();  // source.ini says something else now
+    const ZOVRELAY_Status status = WriteCatalogs(run_.root, run_.packages, run_.state.served, leaving,
+                                                 run_.state.packages.names(), nullptr, &hidden_);
+    if (status > 0) listed_.clear();  // on failure either file may still list what it did
+    for (const auto& [identity, served] : run_.state.served)
+        if (hidden_.count(identity) == 0) listed_.insert(identity);
+    lastWrite_ = NowNanoseconds();
+    writeCost_ = lastWrite_ - start;
+    return status;
+}
+
+ZOVRELAY_Status Storer::Hide() {
+    hidden_.insert(unstored_.begin(), unstored_.end());
+    return WriteCatalogsNow();
+}
+
+// Components stored since the last write join the catalogs again, once the time since that write
+// is many times what it cost: a bounded share of the run, however many components it stores.
+void Storer::Checkpoint() {
+    constexpr int64_t kSecond = 1000000000;
+    bool joining = false;
+    for (const Identity& identity : hidden_) joining |= unstored_.count(identity) == 0;
+    if (!joining || NowNanoseconds() - lastWrite_ < std::max(kSecond, 20 * writeCost_)) return;
+    for (auto identity = hidden_.begin(); identity != hidden_.end();)
+        identity = unstored_.count(*identity) == 0 ? hidden_.erase(identity) : std::next(identity);
+    WriteCatalogsNow();  // a failure here leaves them out until the run's last write
+}
+
+// The catalogs on disk stop naming the component before its archive is replaced (see Storer); its
+// new ranges, as the writer laid them out, go to the held cache and what the catalogs will serve.
 ZOVRELAY_Status Storer::Replace(const ComponentPlan& plan, const Manifest& next, const std::string& built,
-                                std::unique_ptr<MergedArchive>& previous) {
+                                const std::map<std::string, EntryRange>& ranges, std::unique_ptr<MergedArchive>& previous) {
     HeldState& state = run_.state;
     const std::string merged = MergedArchiveName(plan.identity);
-    const bool listed = state.served.erase(plan.identity) != 0;
-    state.sourceCatalog.reset();
     ZOVRELAY_Status status = kSuccess;
-    if (listed) status = WriteWholeFileAt(run_.root, kSourceCatalogName, FormatSourceCatalog(state.served));
+    if (listed_.count(plan.identity) != 0 && hidden_.count(plan.identity) == 0) status = Hide();
     if (status > 0) {
         previous.reset();
         status = ReplaceAt(run_.packages, built, merged);
     }
-    if (status > 0) {
-        state.served[plan.identity] = Served(run_.packages, next);
-        if (listed) status = WriteWholeFileAt(run_.root, kSourceCatalogName, FormatSourceCatalog(state.served));
-    }
     if (status <= 0) return status;
-    // Every byte was checked as it was written, and the layout on reopening: the archive is
-    // verified as it is now.
-    if (const std::unique_ptr<MergedArchive> written = run_.OpenMerged(plan.identity))
-        run_.RecordVerified(merged, written->file());
+    state.ServedChanged();
+    state.cache.Forget(merged);
+    // Every byte was checked as it was written, and the layout on reopening (so the writer's
+    // ranges are the file's): the archive is verified as it is now. It is recorded as such when the
+    // run ends, if it has not changed since; the rename gave it a new change time.
+    struct stat info {};
+    if (::fstatat(run_.packages, merged.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode)) {
+        CachedArchive entry{IdentityOf(info), 0, next, {}, true};
+        for (const HeldVersion& held : next.versions)
+            if (const auto range = ranges.find(EntryName(held)); range != ranges.end()) entry.ranges.insert(*range);
+        state.cache.Put(merged, std::move(entry));
+        run_.written.emplace_back(merged, IdentityOf(info));
+    }
+    state.served[plan.identity] = Served(run_.packages, next, &state.cache);
     return kSuccess;
 }
 
@@ -160,7 +208,8 @@ ZOVRELAY_Status Storer::NotStored(const Identity& identity, ZOVRELAY_Status stat
 // archive is made first (`copies`), sharing the part's blocks where the file system can.
 ZOVRELAY_Status Storer::BuildArchive(const ComponentPlan& plan, Manifest& next,
                                      const std::map<Version, const Download*>& fresh, const MergedArchive* previous,
-                                     std::map<Version, std::unique_ptr<TemporaryFile>>& copies, std::string& built) {
+                                     std::map<Version, std::unique_ptr<TemporaryFile>>& copies, std::string& built,
+                                     std::map<std::string, EntryRange>& ranges) {
     const Download* base = nullptr;  // the largest download: its part becomes the archive
     for (const HeldVersion& held : next.versions) {
         const auto f = fresh.find(held.version);
@@ -191,6 +240,7 @@ ZOVRELAY_Status Storer::BuildArchive(const ComponentPlan& plan, Manifest& next,
     if (status > 0) status = CopyVersions(plan, next, fresh, base, previous, writer, copies);
     if (status <= 0 || next.versions.empty()) return status;
     if ((status = writer.Add(kManifestEntry, FormatManifest(next))) <= 0 || (status = writer.Finish()) <= 0) return status;
+    ranges = writer.Ranges();
     const std::unique_ptr<MergedArchive> written = MergedArchive::Open(run_.packages, built, true);
     if (written == nullptr || FormatManifest(written->manifest()) != FormatManifest(next)) return kIntegrityFailed;
     return kSuccess;
@@ -252,9 +302,11 @@ ZOVRELAY_Status Storer::KeepVersionArchives(const ComponentPlan& plan, const Man
         const std::string target = VersionArchiveName(plan.identity, version);
         struct stat info {};
         // Republished (or healed) bytes replace a file the index may name: it stops naming it first.
-        if (::fstatat(run_.packages, target.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
-            WriteCatalogs(run_.root, run_.packages, ReadHeld(run_.packages), {target});
-        const ZOVRELAY_Status status = copy->ReplaceInto(target);
+        ZOVRELAY_Status status = kSuccess;
+        if (listed_.count(plan.identity) != 0 && hidden_.count(plan.identity) == 0 &&
+            ::fstatat(run_.packages, target.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
+            status = Hide();
+        if (status > 0) status = copy->ReplaceInto(target);
         if (StopsTheRun(status)) return status;
         if (status <= 0) run_.Note(status);
     }
@@ -284,17 +336,18 @@ bool Storer::HealVersionArchives(const HeldView& view) {
         std::unique_ptr<MergedArchive> merged;
         for (const auto& [version, name] : archives) {
             const HeldVersion* held = served != run_.state.served.end() ? served->second.manifest.Find(version) : nullptr;
+            int64_t seen = NowNanoseconds();
             const FileDescriptor fd(OpenFileAt(run_.packages, name));
             const std::optional<FileIdentity> file = fd.get() >= 0 ? FileIdentityOf(fd.get()) : std::nullopt;
             if (held == nullptr || !file) continue;
             std::optional<std::string> digest;
             if (surveyed != view.versionArchives.end())
                 for (const VersionArchive& archive : surveyed->second)
-                    if (archive.name == name && archive.file == *file) digest = archive.sha256;
+                    if (archive.name == name && archive.file == *file) digest = archive.sha256, seen = archive.seen;
             const bool due = digest || NeedsVerification(run_.state.verified, name, *file, run_.now);
             if (!due) continue;
             if (digest ? file->size == held->size && *digest == held->sha256 : FileMatches(fd.get(), held->size, held->sha256)) {
-                run_.RecordVerified(name, *file);
+                run_.RecordVerified(name, *file, seen);
                 continue;
             }
             if (merged == nullptr) merged = run_.OpenMerged(identity);

@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <set>
 
 namespace localrelay {
@@ -15,28 +16,31 @@ bool EndsWith(const std::string& text, const std::string& suffix) {
 
 // Reads one merged archive back in full: the versions that fail go into `view.damaged`; the
 // archive's records are made again from the archive itself.
-void ReadBack(int packages, HeldState& state, const Identity& identity, int64_t now, HeldView& view) {
+void ReadBack(int packages, HeldState& state, const Identity& identity, HeldView& view) {
     const std::string name = MergedArchiveName(identity);
+    const int64_t seen = NowNanoseconds();
     const std::unique_ptr<MergedArchive> archive = MergedArchive::Open(packages, name);
     state.cache.Forget(name);
     if (archive == nullptr || archive->manifest().identity != identity) {
         view.unreadable.insert(identity);
         return;
     }
-    std::vector<Version>& damaged = view.damaged[identity];
+    std::vector<Version> damaged;
     for (const HeldVersion& held : archive->manifest().versions)
         if (archive->Verify(held) <= 0) damaged.push_back(held.version);
-    if (damaged.empty()) {
-        view.damaged.erase(identity);
-        state.verified[name] = Verified{archive->file(), now};
-    }
-    // What source.ini serves of it comes from the archive's own layout again, not from a record.
+    if (damaged.empty()) state.verified[name] = Verified{archive->file(), seen};
+    else view.damaged[identity] = damaged;
+    // What source.ini serves of it comes from the archive's own layout again, not from a record,
+    // and never a version that failed just now: the held cache keeps no range for it (so nothing
+    // made from the cache serves it either) until the archive is read again.
+    state.cache.Find(packages, name);
+    for (const HeldVersion& held : archive->manifest().versions)
+        if (std::find(damaged.begin(), damaged.end(), held.version) != damaged.end())
+            state.cache.DropRange(name, EntryName(held));
     ServedComponent served = Served(packages, archive->manifest(), &state.cache);
     ServedComponent& current = state.served[identity];
-    if (!SameManifest(current.manifest, served.manifest) || current.versions.size() != served.versions.size() ||
-        !std::equal(current.versions.begin(), current.versions.end(), served.versions.begin(),
-                    [](const Component& a, const Component& b) { return a.offset == b.offset && a.path == b.path; }))
-        state.sourceCatalog.reset();
+    if (!SameManifest(current.manifest, served.manifest) || current.offsets != served.offsets)
+        state.ServedChanged();
     current = std::move(served);
 }
 
@@ -44,10 +48,11 @@ void SurveyVersionArchives(int packages, HeldState& state, const SurveyScope& sc
     for (const auto& [identity, archives] : AllVersionArchives(state.packages.names())) {
         std::vector<VersionArchive>& found = view.versionArchives[identity];
         for (const auto& [version, name] : archives) {
+            const int64_t seen = NowNanoseconds();
             const FileDescriptor fd(OpenFileAt(packages, name));
             const std::optional<FileIdentity> file = fd.get() >= 0 ? FileIdentityOf(fd.get()) : std::nullopt;
             if (!file) continue;
-            VersionArchive archive{version, name, file->size, *file, std::nullopt};
+            VersionArchive archive{version, name, file->size, *file, std::nullopt, seen};
             if (scope.everything || NeedsVerification(state.verified, name, *file, now)) archive.sha256 = FileDigest(fd.get());
             found.push_back(std::move(archive));
         }
@@ -59,7 +64,9 @@ void SurveyVersionArchives(int packages, HeldState& state, const SurveyScope& sc
 HeldState ReadHeldState(int root, int packages) {
     HeldState state{HeldCache::Read(root), Listing(packages), {}, {}, ReadVerification(root)};
     state.served = ReadServed(packages, state.packages.names(), state.cache);
-    state.sourceCatalog = FormatSourceCatalog(state.served);
+    // A night with nothing new need not format what source.ini says to learn that it says it.
+    state.sourceCurrent = state.cache.SourceCatalogCurrent(root);
+    if (!state.sourceCurrent) state.sourceCatalog = FormatSourceCatalog(state.served);
     return state;
 }
 
@@ -78,7 +85,7 @@ HeldView Survey(int packages, HeldState& state, const Selection& selection, Surv
             continue;
         }
         if (scope.everything || NeedsVerification(state.verified, name, cached->file, now))
-            ReadBack(packages, state, identity, now, view);
+            ReadBack(packages, state, identity, view);
     }
     SurveyVersionArchives(packages, state, scope, now, view);
     if (scope.sizes) {

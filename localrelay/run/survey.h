@@ -22,6 +22,12 @@ struct HeldState {
     ServedCatalog served;
     std::optional<std::string> sourceCatalog;  // source.ini's text for `served`, while that is unchanged
     VerificationRecord verified;
+    bool sourceCurrent = false;  // source.ini on disk is that text (the held cache vouches for it)
+
+    void ServedChanged() {  // `served` (or source.ini) changed: the catalog is formatted again
+        sourceCatalog.reset();
+        sourceCurrent = false;
+    }
 };
 HeldState ReadHeldState(int root, int packages);
 

@@ -177,6 +177,20 @@ inline Lines CheckRepository(const fs::path& repository, bool killed = false) {
     return problems;
 }
 
+// What server.ini or source.ini names that is not there with the size and SHA-256 it states.
+inline Lines CatalogLies(const fs::path& repository, const std::string& when) {
+    Lines lies;
+    for (const char* name : {"server.ini", "source.ini"}) {
+        const std::optional<Catalog> catalog = ParseCatalog(ReadFile(repository / name));
+        for (const Component& c : catalog ? catalog->components : std::vector<Component>{}) {
+            const std::string bytes = ReadFile(repository / c.path);
+            if ((c.offset == 0 && bytes.size() != c.size) || Digest(bytes.substr(std::min<size_t>(c.offset, bytes.size()), c.size)) != c.sha256)
+                lies.push_back(when + ": " + name + " " + c.path);
+        }
+    }
+    return lies;
+}
+
 // A started library and a temporary directory removed afterwards.
 class RelayTest : public ::testing::Test {
 protected:

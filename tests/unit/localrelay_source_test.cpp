@@ -5,6 +5,10 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <ctime>
+#include <sstream>
 
 namespace relaytest {
 namespace {
@@ -69,8 +73,10 @@ TEST_F(Source, ARangeReplacedMeanwhileIsReadAgainFromAFreshCatalog) {
     EXPECT_EQ(CheckRepository(Path("branch")), Lines());
 }
 
-// A flipped byte in a held version is found by the next run when the archive changed, or when its
-// last full verification is a week old, and the version is downloaded again.
+// A flipped byte in a held version is found by the next run when the archive changed (its change
+// time moves even when its modification time is set back), or when its last full verification is a
+// week old, and the version is downloaded again; the catalogs stop naming it as soon as the run
+// found it. A record restamped for the damaged file stands for a week, as any record does.
 TEST_F(Source, DamageIsFoundAndHealed) {
     const std::string central = Central();
     const std::string archive = central + "/packages/" + kPattern + "_merged.zip";
@@ -87,28 +93,48 @@ TEST_F(Source, DamageIsFoundAndHealed) {
         if (keepTimes) futimens(fd, times);
         close(fd);
     };
-    const struct { const char* what; bool keepTimes; bool ageRecord; bool healed; uint64_t release; } cases[] = {
-        {"a changed archive", false, false, true, 0},
-        {"an unchanged-looking archive verified recently", true, false, false, 0},
-        {"an unchanged-looking archive verified a week ago", true, true, true, 0},
+    // The archive's line of .verified made to state its identity now, verified `age` seconds ago.
+    auto restamp = [&](int64_t age) {
+        usleep(100000);  // past the clock tick of the change
+        struct stat now {};
+        stat(archive.c_str(), &now);
+        const auto ns = [](const timespec& t) { return std::to_string(int64_t(t.tv_sec) * 1000000000 + t.tv_nsec); };
+        timespec clock {};
+        clock_gettime(CLOCK_REALTIME, &clock);
+        clock.tv_sec -= age;
+        std::string text;
+        std::istringstream lines(ReadFile(central + "/.verified"));
+        for (std::string line; std::getline(lines, line);)
+            text += line.rfind(fs::path(archive).filename().string() + " ", 0) != 0 ? line + "\n"
+                    : fs::path(archive).filename().string() + " " + std::to_string(now.st_size) + " " + std::to_string(now.st_ino) + " " +
+                          std::to_string(now.st_dev) + " " + ns(now.st_mtim) + " " + ns(now.st_ctim) + " " + ns(clock) + "\n";
+        WriteFile(central + "/.verified", text);
+    };
+    constexpr int64_t kNone = -1, kWeek = 7 * 24 * 3600;
+    const struct { const char* what; bool keepTimes; int64_t restampedAge; bool healed; uint64_t release; } cases[] = {
+        {"a changed archive", false, kNone, true, 0},
+        {"bytes rewritten in place, the modification time set back", true, kNone, true, 0},
+        {"a record restamped for the damaged archive", true, 0, false, 0},
+        {"a record restamped for the damaged archive a week ago", true, kWeek, true, 0},
         // Rewritten for a new release: the held versions copied into the new archive are checked.
-        {"an unchanged-looking archive rewritten", true, false, true, 3},
+        {"an unchanged-looking archive rewritten", true, 0, true, 3},
     };
     for (const auto& c : cases) {
         Context context(central);
         Configure(context.handle);
         Recorder recorder(context.handle);
+        Lines lies;
+        recorder.answer = [&](const Event&) {
+            const Lines found = CatalogLies(central, c.what);
+            lies.insert(lies.end(), found.begin(), found.end());
+            return 1;
+        };
         const auto mirror = [&] { return Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status; };
         const timespec hourAgo[2] = {{0, UTIME_OMIT}, {time(nullptr) - 3600, 0}};
         utimensat(AT_FDCWD, archive.c_str(), hourAgo, 0);
         ASSERT_EQ(mirror(), kSuccess) << c.what;  // records the verification
         flip(c.keepTimes);
-        if (c.ageRecord) {
-            std::string aged;
-            std::istringstream lines(ReadFile(central + "/.verified"));
-            for (std::string line; std::getline(lines, line);) aged += line.substr(0, line.rfind(' ')) + " 1\n";
-            WriteFile(central + "/.verified", aged);
-        }
+        if (c.restampedAge != kNone) restamp(c.restampedAge);
         recorder.events.clear();
         if (c.release != 0) MakeSource("source", c.release);
         EXPECT_EQ(mirror(), kSuccess) << c.what;
@@ -116,6 +142,8 @@ TEST_F(Source, DamageIsFoundAndHealed) {
             EXPECT_EQ(recorder.Count(ZOVRELAY_EVENT_DOWNLOADBEGIN), c.healed ? 1u : 0u) << c.what;
         }
         EXPECT_EQ(CheckRepository(central).empty(), c.healed) << c.what;
+        // A forged record is believed, as documented; otherwise the damage is never served once found.
+        EXPECT_EQ(c.restampedAge == 0 ? Lines() : lies, Lines()) << c.what;
         if (!c.healed) flip(false);  // undo, so the next case starts sound
     }
     // A per-version archive is checked the same way and written again from its merged archive.
@@ -154,6 +182,33 @@ TEST_F(Source, AnArchiveReplacedUnderItsNameIsReadAgain) {
     EXPECT_EQ(CheckRepository(Path("a")), Lines());
 }
 
+// A night with nothing new trusts source.ini without formatting it only while it is the file the
+// last run wrote: one replaced, or rewritten in place with its times set back, is written again.
+TEST_F(Source, ASourceCatalogChangedBehindTheRelayIsWrittenAgain) {
+    const fs::path catalog = root / "repo/source.ini";
+    const auto tamper = [&](bool inPlace) {
+        std::string text = ReadFile(catalog);
+        text[text.find(" 1.100.")] = '\t';  // still a valid catalog, and as long
+        struct stat before {};
+        stat(catalog.c_str(), &before);
+        if (!inPlace) fs::remove(catalog);
+        WriteFile(catalog, text);
+        const timespec times[2] = {before.st_atim, before.st_mtim};
+        utimensat(AT_FDCWD, catalog.c_str(), times, 0);
+    };
+    MakeSource("source", 1);
+    Context context(Path("repo"));
+    const auto mirror = [&] { return Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status; };
+    ASSERT_EQ(mirror(), kSuccess);
+    ASSERT_EQ(mirror(), kSuccess);  // the record now vouches for source.ini
+    const std::string written = ReadFile(catalog);
+    for (const bool inPlace : {false, true}) {
+        tamper(inPlace);
+        EXPECT_EQ(mirror(), kSuccess);
+        EXPECT_EQ(ReadFile(catalog), written) << "in place: " << inPlace;
+    }
+}
+
 // While a mirror writes, other contexts list, export and read the source catalog; another writer is
 // refused at once; a cron guard's flock on the repository directory does not collide.
 TEST_F(Source, ReadersRunBesideAWriter) {
@@ -184,14 +239,8 @@ TEST_F(Source, ReadersRunBesideAWriter) {
 TEST_F(Source, TheCatalogsNeverLie) {
     Lines lies;
     const auto check = [&](const std::string& when) {
-        for (const char* name : {"server.ini", "source.ini"}) {
-            const std::optional<Catalog> catalog = ParseCatalog(ReadFile(root / "repo" / name));
-            for (const Component& c : catalog ? catalog->components : std::vector<Component>{}) {
-                const std::string bytes = ReadFile(root / "repo" / c.path);
-                if ((c.offset == 0 && bytes.size() != c.size) || Digest(bytes.substr(std::min<size_t>(c.offset, bytes.size()), c.size)) != c.sha256)
-                    lies.push_back(when + ": " + name + " " + c.path);
-            }
-        }
+        const Lines found = CatalogLies(root / "repo", when);
+        lies.insert(lies.end(), found.begin(), found.end());
         return 1;
     };
     Context context(Path("repo"));
