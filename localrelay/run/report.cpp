@@ -85,7 +85,7 @@ Json Report(const std::string& repository, const RunLog& log, const RunSummary& 
     Json sources = Json::array();
     for (const SourceAttempt& source : log.sourcesTried)
         sources.push_back({{"address", source.address}, {"served", source.status > 0}, {"status", source.status},
-                           {"reason", source.reason}});
+                           {"reason", source.reason}, {"proxy", source.proxy.empty() ? Json() : Json(source.proxy)}});
     Json packages = Json::array();
     uint64_t bytes = 0;
     size_t downloaded = 0, failed = 0;

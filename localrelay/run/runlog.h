@@ -28,6 +28,7 @@ struct SourceAttempt {
     std::string address;
     ZOVRELAY_Status status = 1;  // 1: its catalog loaded
     std::string reason;          // why it did not serve
+    std::string proxy;           // "proxy host:port" it was reached through; empty: none
 };
 
 struct RunLog {
