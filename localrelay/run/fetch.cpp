@@ -156,7 +156,7 @@ ZOVRELAY_Status Fetcher::Settle(size_t i) {
     }
     const ComponentPlan& plan = run_.plan.components[components_[group_[i]]];
     const char* action = plan.Heals(component.version) ? "heal" : "download";
-    if (run_.log != nullptr) logged_[i] = run_.log->packages.size();
+    if (run_.log != nullptr) logged_[i] = run_.log->size();
     if (d.status > 0) {
         run_.Log(plan.identity, HeldVersion{component.version, component.PackagePath(), component.size, component.sha256},
                  action, d.status, &d);
@@ -207,8 +207,7 @@ void Fetcher::Unfinished(ZOVRELAY_Status status) {
         if (pending_[group_[i]] == 0) continue;  // stored, or reported by the store that failed
         const Download& d = downloads_[i];
         if (logged_[i] != kNotLogged) {
-            PackageOutcome& outcome = run_.log->packages[logged_[i]];
-            if (outcome.status > 0) outcome.status = status, outcome.reason = reason;
+            run_.log->Failed(logged_[i], status, reason);
             continue;
         }
         const ComponentPlan& plan = run_.plan.components[components_[group_[i]]];
@@ -218,7 +217,7 @@ void Fetcher::Unfinished(ZOVRELAY_Status status) {
         outcome.seconds = d.seconds;
         outcome.status = status;
         outcome.reason = reason;
-        run_.log->packages.push_back(std::move(outcome));
+        run_.log->Add(std::move(outcome));
     }
 }
 

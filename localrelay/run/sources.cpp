@@ -122,7 +122,8 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
                                                  JoinAddress(candidate.address, kIndexName)};
         std::vector<std::string> texts(2);
         std::vector<Fetched> first;
-        if (IsHttpAddress(candidate.address)) FetchFirstText(addresses, candidate.settings, texts, first);
+        const size_t limit = CatalogLimit();
+        if (IsHttpAddress(candidate.address)) FetchFirstText(addresses, candidate.settings, texts, first, limit);
         for (const char* name : {kSourceCatalogName, kIndexName}) {
             const size_t k = name == kSourceCatalogName ? 0 : 1;
             std::string text, error;
@@ -130,11 +131,13 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
             bool transient = false;
             ZOVRELAY_Status status;
             if (first.empty() || first[k].stopped || (first[k].status <= 0 && first[k].attempt.transient)) {
-                status = FetchText(address, candidate.settings, text, 64u << 20, &error, &transient);
+                status = FetchText(address, candidate.settings, text, limit, &error, &transient);
             } else {
                 status = first[k].status, error = first[k].error, text = std::move(texts[k]);
             }
             if (status == kOutOfMemory) return status;
+            if (status == kInvalidCatalog)  // too large: say which setting raises the bound
+                error = "invalid catalog (larger than " + std::to_string(limit >> 20) + " MiB; " + kCatalogLimitVariable + " raises it)";
             if (status <= 0) {
                 note(address, status, error);
                 // A repository's source.ini that is only unreachable for now must not make way for
@@ -192,7 +195,8 @@ bool Alternates::Find(const Component& component, size_t& after, const LoadedSou
 
 std::optional<Catalog> ReloadCatalog(const LoadedSource& source) {
     std::string text;
-    if (FetchText(JoinAddress(source.address, source.catalogName), source.settings, text) <= 0) return std::nullopt;
+    if (FetchText(JoinAddress(source.address, source.catalogName), source.settings, text, CatalogLimit()) <= 0)
+        return std::nullopt;
     return ParseCatalog(text);
 }
 

@@ -27,7 +27,7 @@ local ITEM = {path = "string", identity = "string", version = "string", source =
 local SHAPE = {format = "number", repository = "string", started = "string", ended = "string", seconds = "number",
                status = "number", message = "string", last_success = "string|null", served_by = "string|null",
                sources = {{address = "string", served = "boolean", status = "number", reason = "string", proxy = "string|null"}},
-               packages = {ITEM},
+               packages = {ITEM}, unlisted = "number",
                totals = {packages = "number", downloaded = "number", failed = "number", held = "number", bytes = "number",
                          held_versions = "number"}}
 
