@@ -63,7 +63,7 @@ std::optional<Component> ParseComponentLine(const std::vector<std::string_view>&
     component.section = section;
     const std::optional<Identity> identity = ParseIdentity(fields[0]);
     const std::optional<Version> version = ParseVersion(fields[1]);
-    const std::optional<std::string> sha = ParseSha256(fields[4]);
+    std::optional<std::string> sha = ParseSha256(fields[4]);
     if (!identity) reason = "bad identity";
     else if (!version) reason = "bad version";
     else if (TooLong(fields[2])) reason = "package path too long" + kLimits;
@@ -80,7 +80,7 @@ std::optional<Component> ParseComponentLine(const std::vector<std::string_view>&
     component.identity = *identity;
     component.version = *version;
     component.path = std::string(fields[2]);
-    component.sha256 = *sha;
+    component.sha256 = std::move(*sha);
     return component;
 }
 
