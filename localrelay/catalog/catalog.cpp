@@ -98,18 +98,22 @@ std::optional<Product> ParseProductLine(const std::vector<std::string_view>& fie
     }
     product.identity = *identity;
     product.version = *version;
-    std::set<Identity> seen;
+    product.components.reserve(fields.size() - 2);
     for (size_t i = 2; i < fields.size(); ++i) {
         const std::optional<Identity> component = ParseIdentity(fields[i]);
         if (!component) {
             reason = "bad component identity";
             return std::nullopt;
         }
-        if (!seen.insert(*component).second) {
-            reason = "component listed twice";
-            return std::nullopt;
-        }
         product.components.push_back(*component);
+    }
+    // Sorted, a copy finds a repeat: a set cost about three times as much for a product naming
+    // hundreds of thousands of components.
+    std::vector<Identity> sorted(product.components);
+    std::sort(sorted.begin(), sorted.end());
+    if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) {
+        reason = "component listed twice";
+        return std::nullopt;
     }
     return product;
 }
