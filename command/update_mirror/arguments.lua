@@ -35,7 +35,7 @@ local DOC = {
      text = "everything, patterns, patterns-except-kerno or components"},
     {flag = "--component", arg = "ID", key = "components", many = true,
      text = "a kind of component to mirror with --mirror components (c2t1207960066, c3t4)"},
-    {flag = "--limit", arg = "KIB/S", text = "bandwidth limit of each transfer (the option maxbandwidth)"},
+    {flag = "--limit", arg = "KIB/S", text = "one bandwidth budget for the whole run, shared by all its transfers (the option maxbandwidth)"},
     {flag = "--option", arg = "KEY=VALUE", text = "a relay option (see CONFIGURATION), as in the file's options"},
     {flag = "--cleanup", text = "clean the repository up after the mirror (the default)"},
     {flag = "--no-cleanup", text = "leave server.ini and the per-version archives as the mirror left them"},
