@@ -224,7 +224,7 @@ local function mirror(given, settings)
   stop()
   local rest = summaryOf(settings, status, message)
   summary.status, summary.message, summary.exit = rest.status, rest.message, rest.exit
-  if not update.ok(status) then summary.reason = "mirroring failed: " .. message end
+  if not update.ok(status) then summary.reason = "mirroring failed: " .. rest.message end
   for _, entity in ipairs(planned and planned.held or {}) do
     table.insert(summary.skipped, {name = entity.name, version = entity.version, friendly = entity.friendly})
   end

@@ -53,7 +53,11 @@ local function isProduct(entity) return entity.name:match("^c%-?%d+t%-?%d+v") ~=
 local out = io.stdout
 local function say(format, ...) out:write(string.format(format, ...), "\n") end
 
+-- The relay's whole message (addresses in full, the proxy named), where the relay is ours: the
+-- module's is cut to 63 characters.
+local companion = select(2, pcall(require, "localrelay"))
 local function summaryOf(settings, status, message)
+  if type(companion) == "table" and not update.ok(status) then message = companion.message(status) or message end
   local code = update.ok(status) and EXIT.ok or (EXIT_OF_STATUS[status] or EXIT.failure)
   return {status = status, message = message, exit = code, repository = settings.repository,
           downloaded = {}, skipped = {}, failed = {}, removed = {},
