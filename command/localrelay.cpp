@@ -8,6 +8,8 @@
 //       `readback`, every held archive is read back in full. Answers the plan the mirror made as
 //       JSON text (nil when none), then fn's results. An error in fn is raised again as it was,
 //       after the mode is restored.
+//   localrelay.message(status) the message of the calling thread's last failure in full, when
+//       `status` is that failure (the module's message is cut to 63 characters), or nil
 //   localrelay.stoponsignal()  SIGTERM and SIGINT ask the running operation to stop as a
 //       cancelled one does (downloads kept for the next run to continue)
 //   localrelay.stopped()       the name of the signal that asked, or nil
@@ -29,22 +31,21 @@ void onSignal(int number) {
     ZOVRELAY_LocalRequestStop();
 }
 
-/* [-0, +1]: the plan the last mirror left, as a string, or nil */
-void pushPlan(lua_State* L) {
-    char* plan = ZOVRELAY_LocalTakePlan();
-    if (plan == nullptr) {
+/* [-0, +1]: a text the relay handed out (freed here), as a string, or nil */
+void pushTaken(lua_State* L, char* text) {
+    if (text == nullptr) {
         lua_pushnil(L);
         return;
     }
     // A failed push (no memory) raises: the text is freed first, through a copy on the stack.
-    lua_pushlightuserdata(L, plan);
+    lua_pushlightuserdata(L, text);
     lua_pushcfunction(L, [](lua_State* S) -> int {
         lua_pushstring(S, static_cast<const char*>(lua_touserdata(S, 1)));
         return 1;
     });
     lua_pushvalue(L, -2);
     const int failed = lua_pcall(L, 1, 1, 0);
-    ZOVRELAY_LocalFreeText(plan);
+    ZOVRELAY_LocalFreeText(text);
     lua_remove(L, -2);
     if (failed) lua_error(L);
 }
@@ -71,9 +72,16 @@ int l_run(lua_State* L) {
         return lua_error(L);
     }
     const int results = lua_gettop(L) - base;
-    pushPlan(L);
+    pushTaken(L, ZOVRELAY_LocalTakePlan());
     lua_insert(L, base + 1);
     return results + 1;
+}
+
+/* [-1, +1]: (status) -> the whole message or nil */
+int l_message(lua_State* L) {
+    const int status = static_cast<int>(luaL_checkinteger(L, 1));
+    pushTaken(L, ZOVRELAY_LocalLastMessage(status));
+    return 1;
 }
 
 int l_stoponsignal(lua_State* L) {
@@ -99,6 +107,7 @@ int l_stopped(lua_State* L) {
 
 const luaL_Reg kFunctions[] = {
     {"run", l_run},
+    {"message", l_message},
     {"stoponsignal", l_stoponsignal},
     {"stopped", l_stopped},
     {"isterminal", l_isterminal},

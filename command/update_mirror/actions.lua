@@ -121,7 +121,7 @@ local function dryRun(given, settings)
   local summary = summaryOf(settings, status, message)
   summary.dry_run = true
   if not update.ok(status) or not plan then
-    summary.reason = "planning failed: " .. message
+    summary.reason = "planning failed: " .. summary.message
     return finish(given, summary)
   end
   local planned = reading(settings, plan)
@@ -154,7 +154,7 @@ local function verify(given, settings)
   local plan, status, message = relay(settings, {plan = true, readback = true})
   local summary = summaryOf(settings, status, message)
   if not update.ok(status) or not plan then
-    summary.reason = "verifying failed: " .. message
+    summary.reason = "verifying failed: " .. summary.message
     return finish(given, summary)
   end
   summary.damaged = damageOf(plan)
@@ -207,7 +207,7 @@ local function mirror(given, settings, repair)
   local stoppedBy = localrelay and localrelay.stopped()
   local rest = summaryOf(settings, status, message)
   summary.status, summary.message, summary.exit = rest.status, rest.message, rest.exit
-  if not update.ok(status) then summary.reason = "mirroring failed: " .. message end
+  if not update.ok(status) then summary.reason = "mirroring failed: " .. rest.message end
   local skipped = plan and reading(settings, plan).held
   if skipped then summary.skipped = skipped end
   if repair and plan then
@@ -245,7 +245,7 @@ end
 local function list(given, settings)
   existing(settings)
   local held, status, message = update.list(settings.repository, settings.products)
-  if not update.ok(status) then fail(EXIT_OF_STATUS[status] or EXIT.failure, "listing %s failed: %s (status %d)", settings.repository, message, status) end
+  if not update.ok(status) then fail(EXIT_OF_STATUS[status] or EXIT.failure, "listing %s failed: %s (status %d)", settings.repository, output.whole(status, message), status) end
   local products, product = {}, nil
   for _, entity in ipairs(held or {}) do
     if isProduct(entity) then
@@ -271,7 +271,7 @@ end
 local function export(_, settings, component, directory)
   existing(settings)
   local held, status, message = update.list(settings.repository, {})
-  if not update.ok(status) then fail(EXIT_OF_STATUS[status] or EXIT.failure, "listing %s failed: %s (status %d)", settings.repository, message, status) end
+  if not update.ok(status) then fail(EXIT_OF_STATUS[status] or EXIT.failure, "listing %s failed: %s (status %d)", settings.repository, output.whole(status, message), status) end
   -- A friendly name stands for its component's newest held version (the listing's own entry
   -- under that name is only one of them): the unversioned identifier asks the relay for the newest.
   local wanted, newest = nil, nil
@@ -286,7 +286,7 @@ local function export(_, settings, component, directory)
     wanted = component
   end
   local ok, exported, why = update.extract(settings.repository, wanted, directory)
-  if not ok then fail(EXIT_OF_STATUS[exported] or EXIT.failure, "exporting %s failed: %s (status %d)", component, why, exported) end
+  if not ok then fail(EXIT_OF_STATUS[exported] or EXIT.failure, "exporting %s failed: %s (status %d)", component, output.whole(exported, why), exported) end
   say("exported %s into %s", newest and (component .. " " .. newest.version) or component, directory)
   os.exit(EXIT.ok)
 end

@@ -58,7 +58,17 @@ local function isProduct(entity) return entity.name:match("^c%-?%d+t%-?%d+v") ~=
 local out = io.stdout
 local function say(format, ...) if out then out:write(string.format(format, ...), "\n") end end
 
+-- The relay's whole message (addresses in full, the proxy named), where the relay is ours: the
+-- module's is cut to 63 characters.
+local found, companion = pcall(require, "localrelay")
+if not found then companion = nil end
+local function whole(status, message)
+  if companion and not update.ok(status) then return companion.message(status) or message end
+  return message
+end
+
 local function summaryOf(settings, status, message)
+  message = whole(status, message)
   local code = update.ok(status) and EXIT.ok or (EXIT_OF_STATUS[status] or EXIT.failure)
   return {status = status, message = message, exit = code, repository = settings.repository,
           downloaded = {}, skipped = {}, failed = {}, removed = {},
@@ -87,8 +97,7 @@ end
 
 -- Whether standard output is a terminal (the companion module answers; without it, no).
 local function terminal()
-  local found, localrelay = pcall(require, "localrelay")
-  return out == io.stdout and os.getenv("TERM") ~= "dumb" and found and localrelay.isterminal(1)
+  return out == io.stdout and os.getenv("TERM") ~= "dumb" and companion ~= nil and companion.isterminal(1)
 end
 
 -- The download's progress from the relay's events. Every handler returns nothing: a true answer
@@ -149,5 +158,5 @@ function M.setup(module, json)
 end
 
 M.fail, M.warn, M.now, M.size, M.fileSize, M.exists, M.isProduct = fail, warn, now, size, fileSize, exists, isProduct
-M.say, M.summaryOf, M.emitJson, M.finish, M.progress = say, summaryOf, emitJson, finish, progress
+M.say, M.summaryOf, M.emitJson, M.finish, M.progress, M.whole = say, summaryOf, emitJson, finish, progress, whole
 return M

@@ -1,6 +1,7 @@
 #include "api/extensions.h"
 #include "api/runmode.h"
 #include "base/events.h"
+#include "base/failure.h"
 
 #include <cstdlib>
 #include <cstring>
@@ -10,6 +11,13 @@ namespace {
 
 thread_local int runMode = 0;
 thread_local std::string* lastPlan = nullptr;  // owned; freed when taken or replaced
+
+// A C string the caller frees with ZOVRELAY_LocalFreeText; null when there is no memory.
+char* Copy(const std::string& text) {
+    char* copy = static_cast<char*>(std::malloc(text.size() + 1));
+    if (copy != nullptr) std::memcpy(copy, text.c_str(), text.size() + 1);
+    return copy;
+}
 
 }  // namespace
 
@@ -36,11 +44,19 @@ int ZOVRELAY_LocalRunMode(int mode) {
 
 char* ZOVRELAY_LocalTakePlan(void) {
     if (lastPlan == nullptr) return nullptr;
-    char* text = static_cast<char*>(std::malloc(lastPlan->size() + 1));
-    if (text != nullptr) std::memcpy(text, lastPlan->c_str(), lastPlan->size() + 1);
+    char* text = Copy(*lastPlan);
     delete lastPlan;
     lastPlan = nullptr;
     return text;
+}
+
+char* ZOVRELAY_LocalLastMessage(ZOVRELAY_Status status) {
+    try {  // asking must not change the last failure
+        std::string text;
+        return LastFailureText(status, text, true) ? Copy(text) : nullptr;
+    } catch (...) {
+        return nullptr;
+    }
 }
 
 void ZOVRELAY_LocalFreeText(char* text) { std::free(text); }

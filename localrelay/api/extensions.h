@@ -26,6 +26,11 @@ ZOVRELAY_API int ZOVRELAY_LocalRunMode(int mode);
 ZOVRELAY_API char* ZOVRELAY_LocalTakePlan(void);
 ZOVRELAY_API void ZOVRELAY_LocalFreeText(char* text);
 
+// The calling thread's last failure's message in full when `status` is that failure (the one
+// ZOVRELAY_GetStatusMessage cuts to 63 characters: whole addresses, the proxy beside the source),
+// or null; the caller frees it with ZOVRELAY_LocalFreeText.
+ZOVRELAY_API char* ZOVRELAY_LocalLastMessage(ZOVRELAY_Status status);
+
 // Asks every running operation of the process to stop as a cancelled one does, keeping what
 // was downloaded for a later run to continue. Safe in a signal handler.
 ZOVRELAY_API void ZOVRELAY_LocalRequestStop(void);

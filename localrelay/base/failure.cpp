@@ -7,10 +7,15 @@
 namespace localrelay {
 namespace {
 
+// What failed and why, whole: the 63 characters of the interface's message are cut from it when
+// asked for, the full text goes to the run report and the local relay's own callers.
 struct Detail {
     ZOVRELAY_Status status = kSuccess;
-    std::string text;
+    std::string reason, object;
 };
+
+// A detail stays bounded (a hostile source chooses addresses and reasons), cut at its end.
+constexpr size_t kDetailLimit = 2048;
 
 // Per thread, so that concurrent operations on other contexts never see each other's detail. Calls
 // nest (an event handler may run an operation of its own), so each running call has its record;
@@ -77,6 +82,16 @@ std::string OneLine(std::string text) {
     return text;
 }
 
+// "HTTP 404 for pattern/x.zip" reads as a sentence; other reasons name their object after ": ".
+std::string Joined(const std::string& reason, const std::string& object) {
+    if (object.empty()) return reason;
+    return reason + (reason.compare(0, 5, "HTTP ") == 0 ? " for " : ": ") + object;
+}
+
+// The failures of the repository's own files stop the run; what fails after (the catalogs and
+// records written on the way out) follows from the first, which names the file to look at.
+bool FirstWins(ZOVRELAY_Status status) { return status == kNoSpace || status == kPermissionDenied || status == kIoError; }
+
 }  // namespace
 
 Failure FromCurl(CURLcode result, long response, long connect, long proxyError, bool proxied, const char* text) {
@@ -119,38 +134,31 @@ Failure FromErrno(int error) {
     return {kIoError, reason};
 }
 
-std::string ShortenMiddle(const std::string& text, size_t width) {
+std::string ShortenEnd(const std::string& text, size_t width) {
     if (text.size() <= width) return text;
     if (width <= 3) return text.substr(0, width);
-    const size_t kept = width - 3;
-    const size_t head = (kept + 1) / 2;
-    return text.substr(0, head) + "..." + text.substr(text.size() - (kept - head));
+    size_t kept = width - 3;
+    while (kept > 0 && (static_cast<unsigned char>(text[kept]) & 0xC0) == 0x80) --kept;  // whole characters
+    return text.substr(0, kept) + "...";
 }
 
 std::string Describe(const std::string& reason, const std::string& object, size_t width) {
     std::string shortReason = OneLine(reason);
-    if (object.empty()) return ShortenMiddle(shortReason, width);
-    // "HTTP 404 for pattern/x.zip" reads as a sentence; other reasons name their object after ": ".
-    const std::string joiner = shortReason.compare(0, 5, "HTTP ") == 0 ? " for " : ": ";
     const std::string line = OneLine(object);
-    if (shortReason.size() + joiner.size() + line.size() <= width) return shortReason + joiner + line;
-    // Too long: the object keeps at least this much, and the reason gives up its details first.
-    constexpr size_t kObjectAtLeast = 24;
-    if (shortReason.size() + joiner.size() + kObjectAtLeast > width) {
-        const size_t open = shortReason.find(" (");
-        if (open != std::string::npos) shortReason.resize(open);
-    }
-    if (shortReason.size() + joiner.size() + kObjectAtLeast > width)
-        shortReason = ShortenMiddle(shortReason, width - joiner.size() - kObjectAtLeast);
-    const size_t room = width - shortReason.size() - joiner.size();
-    return shortReason + joiner + ShortenMiddle(line, room);
+    if (Joined(shortReason, line).size() <= width) return Joined(shortReason, line);
+    // Too long: the reason gives up its details first, then the text is cut at its end, so that an
+    // address reads as it starts and never loses its middle.
+    const size_t open = shortReason.find(" (");
+    if (open != std::string::npos && !line.empty()) shortReason.resize(open);
+    return ShortenEnd(Joined(shortReason, line), width);
 }
 
 ZOVRELAY_Status Fail(ZOVRELAY_Status status, const std::string& reason, const std::string& object) noexcept {
     Detail* running = Running();
     if (running == nullptr) return status;
+    if (FirstWins(status) && running->status == status) return status;
     try {
-        *running = Detail{status, Describe(reason, object)};
+        *running = Detail{status, ShortenEnd(OneLine(reason), kDetailLimit), ShortenEnd(OneLine(object), kDetailLimit)};
     } catch (...) {
         *running = Detail{};  // the table's text then
     }
@@ -162,7 +170,8 @@ void EnterCall() noexcept { ++depth; }
 ZOVRELAY_Status Settle(ZOVRELAY_Status status) noexcept {
     if (status <= 0) {
         last.status = status;
-        last.text.clear();
+        last.reason.clear();
+        last.object.clear();
     }
     return status;
 }
@@ -171,7 +180,7 @@ ZOVRELAY_Status LeaveCall(ZOVRELAY_Status status) noexcept {
     Detail* running = Running();
     Settle(status);
     if (running != nullptr) {
-        if (status <= 0 && running->status == status) last.text.swap(running->text);
+        if (status <= 0 && running->status == status) std::swap(last, *running);
         *running = Detail{};
     }
     --depth;
@@ -192,13 +201,14 @@ std::string StatusText(ZOVRELAY_Status status) {
 
 std::string MessageFor(ZOVRELAY_Status status) {
     const Detail* running = Running();
-    return running != nullptr && running->status == status && !running->text.empty() ? running->text
-                                                                                      : StatusText(status);
+    return running != nullptr && running->status == status && !running->reason.empty()
+               ? Joined(running->reason, running->object)
+               : StatusText(status);
 }
 
-bool LastFailureText(ZOVRELAY_Status status, std::string& text) {
-    if (last.status != status || last.status > 0 || last.text.empty()) return false;
-    text = last.text;
+bool LastFailureText(ZOVRELAY_Status status, std::string& text, bool whole) {
+    if (last.status != status || last.status > 0 || last.reason.empty()) return false;
+    text = whole ? Joined(last.reason, last.object) : Describe(last.reason, last.object);
     return true;
 }
 

@@ -36,14 +36,16 @@ Failure FromCurl(CURLcode result, long response, long connect, long proxyError, 
 // A failed system call on the repository's files.
 Failure FromErrno(int error);
 
-// "<reason>: <object>" ("HTTP 404 for <object>") within `width` characters: a long object loses its middle to "...", then
-// a long reason its parenthesised part.
+// "<reason>: <object>" ("HTTP 404 for <object>") within `width` characters: a long reason gives
+// up its parenthesised part, then the text is cut at its end ("..."), never in the middle of an
+// address.
 std::string Describe(const std::string& reason, const std::string& object, size_t width = kStatusMessageCapacity - 1);
 
-// `text` within `width` characters, its middle replaced by "..." when too long.
-std::string ShortenMiddle(const std::string& text, size_t width);
+// `text` within `width` bytes, cut at its end (on a character boundary) and ended by "...".
+std::string ShortenEnd(const std::string& text, size_t width);
 
-// Records the detail of a failure the running call is about to return (the latest record wins)
+// Records the detail of a failure the running call is about to return (the latest record wins,
+// but for the repository's own files, where the first names the file whose write failed)
 // and answers `status`, so that `return Fail(kNotFound, "not found", "product " + name);` reads.
 ZOVRELAY_Status Fail(ZOVRELAY_Status status, const std::string& reason, const std::string& object) noexcept;
 
@@ -54,12 +56,13 @@ bool IsTransient(ZOVRELAY_Status status, long code);
 // The status table's text for `status` ("no space left on device"), as bytes.
 std::string StatusText(ZOVRELAY_Status status);
 
-// The message the running call will leave for `status` once it returns it: the detail it recorded
-// for that status, else the table's text.
+// The message the running call will leave for `status` once it returns it, whole: the detail it
+// recorded for that status, else the table's text.
 std::string MessageFor(ZOVRELAY_Status status);
 
-// The detailed message for `status` if it is the calling thread's last failure. False otherwise.
-bool LastFailureText(ZOVRELAY_Status status, std::string& text);
+// The detailed message for `status` if it is the calling thread's last failure: within the
+// interface's 63 characters, or `whole`. False otherwise.
+bool LastFailureText(ZOVRELAY_Status status, std::string& text, bool whole = false);
 
 }  // namespace localrelay
 

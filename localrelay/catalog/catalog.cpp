@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <charconv>
+#include <cstdlib>
+#include <cstring>
+#include <numeric>
 #include <set>
 #include <utility>
 
@@ -35,6 +38,21 @@ std::string_view Trim(std::string_view text) {
     return text;
 }
 
+size_t LongestSegment(std::string_view path) {
+    size_t longest = 0;
+    while (!path.empty()) {
+        const size_t end = std::min(path.find('/'), path.size());
+        longest = std::max(longest, end);
+        path.remove_prefix(std::min(end + 1, path.size()));
+    }
+    return longest;
+}
+
+bool TooLong(std::string_view path) { return path.size() > kPackagePathLimit || LongestSegment(path) > kPackageNameLimit; }
+
+const std::string kLimits =
+    " (at most " + std::to_string(kPackageNameLimit) + " bytes a name, " + std::to_string(kPackagePathLimit) + " in all)";
+
 std::optional<Component> ParseComponentLine(const std::vector<std::string_view>& fields, Section section,
                                             std::string& reason) {
     if (fields.size() < 5 || fields.size() > 7) {
@@ -45,22 +63,24 @@ std::optional<Component> ParseComponentLine(const std::vector<std::string_view>&
     component.section = section;
     const std::optional<Identity> identity = ParseIdentity(fields[0]);
     const std::optional<Version> version = ParseVersion(fields[1]);
-    const std::optional<std::string> sha = ParseSha256(fields[4]);
+    std::optional<std::string> sha = ParseSha256(fields[4]);
     if (!identity) reason = "bad identity";
     else if (!version) reason = "bad version";
+    else if (TooLong(fields[2])) reason = "package path too long" + kLimits;
     else if (!IsPackagePath(fields[2])) reason = "bad package path";
     else if (!ParseNumber(fields[3], component.size) || component.size > uint64_t(INT64_MAX)) reason = "bad size";
     else if (!sha) reason = "bad SHA-256";
     else if (fields.size() > 5 && (!ParseNumber(fields[5], component.offset) || component.offset > uint64_t(INT64_MAX) ||
                                    component.size > uint64_t(INT64_MAX) - component.offset))
         reason = "bad offset";
+    else if (fields.size() > 6 && TooLong(fields[6])) reason = "package name too long" + kLimits;
     else if (fields.size() > 6 && !IsPackagePath(fields[6])) reason = "bad package name";
     if (!reason.empty()) return std::nullopt;
     if (fields.size() > 6) component.name = std::string(fields[6]);
     component.identity = *identity;
     component.version = *version;
     component.path = std::string(fields[2]);
-    component.sha256 = *sha;
+    component.sha256 = std::move(*sha);
     return component;
 }
 
@@ -78,18 +98,22 @@ std::optional<Product> ParseProductLine(const std::vector<std::string_view>& fie
     }
     product.identity = *identity;
     product.version = *version;
-    std::set<Identity> seen;
+    product.components.reserve(fields.size() - 2);
     for (size_t i = 2; i < fields.size(); ++i) {
         const std::optional<Identity> component = ParseIdentity(fields[i]);
         if (!component) {
             reason = "bad component identity";
             return std::nullopt;
         }
-        if (!seen.insert(*component).second) {
-            reason = "component listed twice";
-            return std::nullopt;
-        }
         product.components.push_back(*component);
+    }
+    // Sorted, a copy finds a repeat: a set cost about three times as much for a product naming
+    // hundreds of thousands of components.
+    std::vector<Identity> sorted(product.components);
+    std::sort(sorted.begin(), sorted.end());
+    if (std::adjacent_find(sorted.begin(), sorted.end()) != sorted.end()) {
+        reason = "component listed twice";
+        return std::nullopt;
     }
     return product;
 }
@@ -134,8 +158,16 @@ std::optional<Version> ParseVersion(std::string_view text) {
     return version;
 }
 
+size_t CatalogLimit() {
+    const char* text = std::getenv(kCatalogLimitVariable);
+    uint64_t mib = 0;
+    if (text == nullptr || !ParseNumber(std::string_view(text), mib) || mib == 0) return kDefaultCatalogLimit;
+    return mib >= (SIZE_MAX >> 20) ? SIZE_MAX : size_t(mib) << 20;
+}
+
 bool IsPackagePath(std::string_view path) {
     if (path.empty() || path.front() == '/' || path.back() == '/') return false;
+    if (TooLong(path)) return false;
     for (char c : path) {
         const bool allowed = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
                              c == '_' || c == '/' || c == '-';
@@ -182,16 +214,50 @@ ZOVRELAY_EntityItem EntityOf(const Identity& i, const Version& v) {
     return entity;
 }
 
+namespace {
+
+// The component lines of a catalog, counted in a first pass so that the components take one
+// allocation of their exact size rather than a vector doubling (up to twice the memory, and a
+// copy of all of it at each step).
+size_t ComponentLines(std::string_view text) {
+    size_t count = 0;
+    bool components = false;
+    while (!text.empty()) {
+        const size_t end = std::min(text.find('\n'), text.size());
+        const std::string_view line = Trim(text.substr(0, end));
+        text.remove_prefix(std::min(end + 1, text.size()));
+        if (line.empty() || line[0] == ';' || line[0] == '#') continue;
+        if (line[0] == '[') components = line == "[PATTERN]" || line == "[ENGINE]";
+        else if (components) ++count;
+    }
+    return count;
+}
+
+bool ByIdentityVersion(const Component& a, const Component& b) {
+    return std::tie(a.identity, a.version) < std::tie(b.identity, b.version);
+}
+
+}  // namespace
+
 std::optional<Catalog> ParseCatalog(std::string_view text, std::string* error) {
     enum { kNone, kPattern, kEngine, kProducts } section = kNone;
     bool seen[4] = {};
     Catalog catalog;
-    std::set<std::pair<Identity, Version>> components, products;
+    std::set<std::pair<Identity, Version>> products;
+    // Each component's line, for "listed twice": the check sorts indexes (4 bytes a component)
+    // once parsing is done, where a set of identities and versions cost about 100.
+    std::vector<uint32_t> lines;
     std::string reason;
     size_t number = 0;
 
     // A transfer cut short at a line boundary would otherwise pass for a smaller catalog.
     if (text.empty() || text.back() != '\n') reason = "the last line has no line end";
+    else if (text.size() >= UINT32_MAX) reason = "larger than 4 GiB";
+    if (reason.empty()) {
+        const size_t count = ComponentLines(text);
+        catalog.components.reserve(count);
+        lines.reserve(count);
+    }
     while (reason.empty() && !text.empty()) {
         const size_t end = text.find('\n');
         const std::string_view line = Trim(text.substr(0, end));
@@ -217,19 +283,38 @@ std::optional<Catalog> ParseCatalog(std::string_view text, std::string* error) {
         } else {
             std::optional<Component> component =
                 ParseComponentLine(fields, section == kEngine ? Section::kEngine : Section::kPattern, reason);
-            if (component && !components.emplace(component->identity, component->version).second)
-                reason = "component listed twice";
-            if (reason.empty()) catalog.components.push_back(std::move(*component));
+            if (reason.empty()) {
+                catalog.components.push_back(std::move(*component));
+                lines.push_back(uint32_t(number));
+            }
         }
     }
     if (reason.empty() && !(seen[kPattern] && seen[kEngine] && seen[kProducts])) {
         reason = "a section is missing";
         number = 0;
     }
+    // Components by identity and version: the same pair twice is refused at the line that
+    // repeats it (unless a line before it was malformed), and products look their components up.
+    const std::vector<Component>& components = catalog.components;
+    std::vector<uint32_t> order(components.size());
+    std::iota(order.begin(), order.end(), 0u);
+    std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+        return ByIdentityVersion(components[a], components[b]) || (!ByIdentityVersion(components[b], components[a]) && a < b);
+    });
+    size_t repeated = SIZE_MAX;
+    for (size_t k = 1; k < order.size(); ++k) {
+        const Component& a = components[order[k - 1]];
+        const Component& b = components[order[k]];
+        if (a.identity == b.identity && a.version == b.version) repeated = std::min<size_t>(repeated, lines[order[k]]);
+    }
+    if (repeated != SIZE_MAX && (reason.empty() || number == 0 || repeated < number))
+        reason = "component listed twice", number = repeated;
+    std::vector<uint32_t>().swap(lines);
     for (size_t p = 0; reason.empty() && p < catalog.products.size(); ++p) {
         for (const Identity& identity : catalog.products[p].components) {
-            const auto found = components.lower_bound({identity, Version{}});
-            if (found == components.end() || found->first != identity) {
+            const auto found = std::lower_bound(order.begin(), order.end(), identity,
+                                                [&](uint32_t i, const Identity& x) { return components[i].identity < x; });
+            if (found == order.end() || components[*found].identity != identity) {
                 reason = "product " + FormatIdentity(catalog.products[p].identity) + " names a component not listed: " +
                          FormatIdentity(identity);
                 number = 0;

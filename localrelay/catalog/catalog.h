@@ -40,6 +40,10 @@ std::optional<Identity> ParseIdentity(std::string_view text);
 std::string FormatVersion(const Version& version);
 std::optional<Version> ParseVersion(std::string_view text);
 // Relative, only [A-Za-z0-9._/-], no empty, "." or ".." segment: it names a file under its source.
+// At most kPackagePathLimit bytes, each segment at most kPackageNameLimit: an export writes the
+// file name beside a temporary of about 30 bytes more, and file systems stop names at 255.
+inline constexpr size_t kPackageNameLimit = 200;
+inline constexpr size_t kPackagePathLimit = 1024;
 bool IsPackagePath(std::string_view path);
 // 64 hexadecimal digits, answered in lower case.
 std::optional<std::string> ParseSha256(std::string_view text);
@@ -77,6 +81,12 @@ struct Catalog {
     std::vector<Component> components;  // in file order; one identity may appear at several versions
     std::vector<Product> products;      // in file order
 };
+
+// The largest catalog read, in bytes: the environment's UPDATE_MAX_CATALOG_MIB (MiB, a positive
+// integer) or else kDefaultCatalogLimit, about 1,500,000 components of a vendor's catalog.
+inline constexpr const char* kCatalogLimitVariable = "UPDATE_MAX_CATALOG_MIB";
+inline constexpr size_t kDefaultCatalogLimit = size_t(256) << 20;
+size_t CatalogLimit();
 
 // nullopt for a malformed catalog; `error` then names the line and what is wrong with it.
 std::optional<Catalog> ParseCatalog(std::string_view text, std::string* error = nullptr);

@@ -34,6 +34,7 @@ private:
     void Retry(size_t i, const LoadedSource& from, const Component& listed);
     ZOVRELAY_Status Delivered(size_t i);
     ZOVRELAY_Status Rounds(ZOVRELAY_Status status);
+    void Unfinished(ZOVRELAY_Status status);
 
     RunContext& run_;
     Storer& storer_;
@@ -44,6 +45,8 @@ private:
     std::vector<size_t> group_;              // the entry of components_ of each download
     std::vector<size_t> sourceOf_;           // the alternate source each download came from last
     std::vector<bool> rangeRetried_;
+    std::vector<size_t> logged_;             // each download's entry in the run log; kNotLogged: none
+    static constexpr size_t kNotLogged = SIZE_MAX;
     std::vector<std::map<Version, const Download*>> fresh_;  // per entry of components_: verified parts
     std::vector<std::pair<size_t, Download>> again_;
     std::optional<Catalog> reloaded_;  // the source's catalog read again after a byte range failed
@@ -77,6 +80,7 @@ void Fetcher::Queue() {
     }
     sourceOf_.assign(downloads_.size(), 0);
     rangeRetried_.assign(downloads_.size(), false);
+    logged_.assign(downloads_.size(), kNotLogged);
 }
 
 // Fails early, before a byte is fetched, when the repository's file system cannot hold what the
@@ -154,6 +158,7 @@ ZOVRELAY_Status Fetcher::Settle(size_t i) {
     }
     const ComponentPlan& plan = run_.plan.components[components_[group_[i]]];
     const char* action = plan.Heals(component.version) ? "heal" : "download";
+    if (run_.log != nullptr) logged_[i] = run_.log->size();
     if (d.status > 0) {
         run_.Log(plan.identity, HeldVersion{component.version, component.PackagePath(), component.size, component.sha256},
                  action, d.status, &d);
@@ -164,7 +169,10 @@ ZOVRELAY_Status Fetcher::Settle(size_t i) {
         outcome.bytes = d.received;
         outcome.seconds = d.seconds;
         // The downloader raised the failed "downloadend" already.
-        const std::string object = RepositoryFailure(d.status) ? "packages/" + d.part : component.PackagePath();
+        // A transfer through a proxy names the proxy too: either may be the one to look at.
+        const std::string object = RepositoryFailure(d.status)    ? "packages/" + d.part
+                                   : d.settings->proxy.used       ? Through(d.address, *d.settings)
+                                                                  : component.PackagePath();
         const ZOVRELAY_Status stop = run_.Failed(outcome, d.status, d.reason, object, false);
         if (stop <= 0) return stop;
     }
@@ -191,15 +199,41 @@ ZOVRELAY_Status Fetcher::Rounds(ZOVRELAY_Status status) {
     return status;
 }
 
+// A run that stops (a full disk, a refused write, a cancel) has packages in flight, packages not
+// begun and packages downloaded for components it never stored: none of them is held, so each is
+// reported failed.
+void Fetcher::Unfinished(ZOVRELAY_Status status) {
+    if (run_.log == nullptr) return;
+    const std::string reason = "not stored: the run stopped (" + StatusText(status) + ")";
+    for (size_t i = 0; i < downloads_.size(); ++i) {
+        if (pending_[group_[i]] == 0) continue;  // stored, or reported by the store that failed
+        const Download& d = downloads_[i];
+        if (logged_[i] != kNotLogged) {
+            run_.log->Failed(logged_[i], status, reason);
+            continue;
+        }
+        const ComponentPlan& plan = run_.plan.components[components_[group_[i]]];
+        PackageOutcome outcome = run_.Outcome(*of_[i], plan.Heals(of_[i]->version) ? "heal" : "download");
+        outcome.source = d.address;
+        outcome.bytes = d.received;
+        outcome.seconds = d.seconds;
+        outcome.status = status;
+        outcome.reason = reason;
+        run_.log->Add(std::move(outcome));
+    }
+}
+
 ZOVRELAY_Status Fetcher::Run() {
     Queue();
     ZOVRELAY_Status status = CheckSpace();
-    if (status <= 0) return status;
+    if (status <= 0) return Unfinished(status), status;
     for (size_t g = 0; g < components_.size(); ++g)
         if (pending_[g] == 0 && (status = storer_.Store(components_[g], fresh_[g])) <= 0) return status;
     status = DownloadAll(downloads_, run_.packages, run_.options.maxBandwidth, run_.events,
                          [&](Download& d) { return Settle(size_t(&d - downloads_.data())); });
-    return Rounds(status);
+    status = Rounds(status);
+    if (status <= 0) Unfinished(status);
+    return status;
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "base/failure.h"
 #include "base/status.h"
 
+#include <algorithm>
 #include <set>
 
 namespace localrelay {
@@ -50,19 +51,38 @@ const Component* FindComponent(const Catalog& catalog, const Identity& identity,
     return newest;
 }
 
-ComponentIndex IndexComponents(const Catalog& catalog) {
-    ComponentIndex index;
-    for (const Component& component : catalog.components) index[component.identity].push_back(&component);
-    return index;
+ComponentIndex::ComponentIndex(const Catalog& catalog) {
+    entries_.reserve(catalog.components.size());
+    for (const Component& component : catalog.components) entries_.push_back(&component);
+    std::stable_sort(entries_.begin(), entries_.end(),
+                     [](const Component* a, const Component* b) { return a->identity < b->identity; });
+    for (size_t i = 0; i < entries_.size(); ++i)
+        if (i == 0 || entries_[i - 1]->identity != entries_[i]->identity) starts_.push_back(i);
+    starts_.push_back(entries_.size());
+    newest_.reserve(size());
+    for (size_t ordinal = 0; ordinal < size(); ++ordinal)
+        newest_.push_back(*std::max_element(begin(ordinal), end(ordinal),
+                                            [](const Component* a, const Component* b) { return a->version < b->version; }));
+}
+
+size_t ComponentIndex::Find(const Identity& identity) const {
+    size_t low = 0, high = size();  // the first ordinal whose identity is not below `identity`
+    while (low < high) {
+        const size_t middle = low + (high - low) / 2;
+        if (entries_[starts_[middle]]->identity < identity) low = middle + 1;
+        else high = middle;
+    }
+    return low < size() && entries_[starts_[low]]->identity == identity ? low : kNone;
 }
 
 const Component* FindComponent(const ComponentIndex& index, const Identity& identity, const Version& requested) {
-    const auto listed = index.find(identity);
-    if (listed == index.end()) return nullptr;
+    const size_t ordinal = index.Find(identity);
+    if (ordinal == ComponentIndex::kNone) return nullptr;
+    if (requested.IsZero()) return index.Newest(ordinal);  // any version: the newest
     const Component* newest = nullptr;
-    for (const Component* component : listed->second)
-        if (VersionNames(requested, component->version) && (newest == nullptr || newest->version < component->version))
-            newest = component;
+    for (auto at = index.begin(ordinal); at != index.end(ordinal); ++at)
+        if (VersionNames(requested, (*at)->version) && (newest == nullptr || newest->version < (*at)->version))
+            newest = *at;
     return newest;
 }
 
@@ -71,10 +91,11 @@ ZOVRELAY_Status ListCatalog(const Catalog& catalog, const ZOVRELAY_Product* prod
     std::vector<const Product*> selected;
     const ZOVRELAY_Status status = SelectProducts(catalog, products, count, selected);
     if (status <= 0) return status;
-    const ComponentIndex index = IndexComponents(catalog);
+    const ComponentIndex index(catalog);
     for (const Product* product : selected) {
         ListedProduct item;
         item.entity = EntityOf(product->identity, product->version);
+        item.components.reserve(product->components.size());
         for (const Identity& identity : product->components) {
             const Component* newest = FindComponent(index, identity, Version{});
             item.components.push_back(EntityOf(identity, newest->version));  // the parser checked it exists

@@ -37,7 +37,7 @@ ZOVRELAY_Status RunContext::Failed(PackageOutcome outcome, ZOVRELAY_Status statu
     if (reason.empty()) reason = StatusText(status);
     outcome.status = status;
     outcome.reason = reason;
-    if (log != nullptr) log->packages.push_back(outcome);
+    if (log != nullptr) log->Add(outcome);
     if (status == kCancelled) return status;
     // The event first: a handler may run relay calls of its own, which settle the thread's record.
     if (raise && !events.Raise(ZOVRELAY_EVENT_DOWNLOADEND, outcome.path + ": " + reason, outcome.size, 0))
@@ -50,7 +50,7 @@ ZOVRELAY_Status RunContext::Failed(PackageOutcome outcome, ZOVRELAY_Status statu
 void RunContext::Log(const Identity& identity, const HeldVersion& held, const char* action, ZOVRELAY_Status status,
                      const Download* d) {
     if (log == nullptr) return;
-    log->packages.push_back(PackageOutcome{held.path, FormatIdentity(identity), FormatVersion(held.version),
+    log->Add(PackageOutcome{held.path, FormatIdentity(identity), FormatVersion(held.version),
                                            d != nullptr ? d->address : source.address, action, held.size,
                                            d != nullptr ? d->received : 0, d != nullptr ? d->seconds : 0, status,
                                            d != nullptr && status <= 0 ? d->reason : std::string()});
@@ -98,7 +98,7 @@ void LogPlan(const Plan& plan, RunContext& run) {
     if (run.log == nullptr) return;
     for (const ComponentPlan& component : plan.components)
         for (const PlannedVersion& version : component.versions) {
-            if (version.action == Action::kSkip) run.log->packages.push_back(run.Outcome(*version.component, "skip"));
+            if (version.action == Action::kSkip) run.log->Add(run.Outcome(*version.component, "skip"));
             if (version.action == Action::kHeld) ++run.log->held;
         }
 }

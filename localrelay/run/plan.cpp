@@ -16,26 +16,26 @@ namespace {
 class Selector {
 public:
     Selector(const Catalog& catalog, Selection& selection)
-        : catalog_(catalog), selection_(selection), index_(IndexComponents(catalog)) {
-        for (const auto& [identity, versions] : index_)
-            newest_[identity] = *std::max_element(versions.begin(), versions.end(),
-                                                  [](const Component* a, const Component* b) { return a->version < b->version; });
-    }
+        : catalog_(catalog), selection_(selection), index_(catalog), position_(index_.size(), kNotSelected),
+          versionAdded_(catalog.components.size(), false) {}
 
     const ComponentIndex& index() const { return index_; }
 
     void Add(size_t productIndex, const Component* component) {
         const Product& product = catalog_.products[productIndex];
-        const auto [at, added] = position_.emplace(component->identity, selection_.components.size());
-        if (added) selection_.components.push_back(Selected{component->identity, {}, {}, {}});
-        const size_t s = at->second;
+        const size_t ordinal = index_.Find(component->identity);
+        if (position_[ordinal] == kNotSelected) {
+            position_[ordinal] = selection_.components.size();
+            selection_.components.push_back(Selected{component->identity, {}, {}, {}});
+        }
+        const size_t s = position_[ordinal];
         Selected& selected = selection_.components[s];
-        const bool every = component == newest_.at(component->identity);
+        const bool every = component == index_.Newest(ordinal);
         AddVersion(s, component);
         if (every && selected.every.empty()) {
             selected.every.push_back(component);
-            for (const Component* older : index_.at(component->identity))
-                if (older != component) selected.every.push_back(older), AddVersion(s, older);
+            for (auto older = index_.begin(ordinal); older != index_.end(ordinal); ++older)
+                if (*older != component) selected.every.push_back(*older), AddVersion(s, *older);
         }
         const Component* only = every ? nullptr : component;
         // Products listed twice at one version are one product.
@@ -45,17 +45,19 @@ public:
     }
 
 private:
+    // A catalog entry belongs to one selected component: a flag per entry tells whether it was added.
     void AddVersion(size_t s, const Component* component) {
-        if (versions_.emplace(s, component).second) selection_.components[s].versions.push_back(component);
+        const size_t entry = size_t(component - catalog_.components.data());
+        if (!versionAdded_[entry]) versionAdded_[entry] = true, selection_.components[s].versions.push_back(component);
     }
 
     const Catalog& catalog_;
     Selection& selection_;
+    static constexpr size_t kNotSelected = SIZE_MAX;
     ComponentIndex index_;
-    std::map<Identity, const Component*> newest_;
-    std::map<Identity, size_t> position_;
+    std::vector<size_t> position_;  // per identity of the index: its entry in the selection
+    std::vector<bool> versionAdded_;  // per catalog entry
     std::map<std::pair<Identity, Version>, size_t> canonical_;
-    std::set<std::pair<size_t, const Component*>> versions_;
     std::set<std::tuple<size_t, size_t, const Component*>> claimed_, listed_;
 };
 
@@ -247,6 +249,7 @@ Plan MakePlan(const Catalog& catalog, const Selection& selection, const HeldView
     Plan plan;
     plan.damaged = view.damaged;
     plan.unreadable = view.unreadable;
+    plan.components.reserve(selection.components.size());
     for (const Selected& selected : selection.components) {
         plan.components.push_back(PlanComponent(catalog, selected, view, options));
         for (const PlannedVersion& version : plan.components.back().versions) {

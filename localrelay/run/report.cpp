@@ -1,6 +1,8 @@
 #include "run/report.h"
+#include "base/files.h"
 #include "base/status.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -39,16 +41,45 @@ double Seconds(Clock::time_point from, Clock::time_point to) {
     return std::chrono::duration<double>(to - from).count();
 }
 
-// Replaces `name` in `directory` by `text` whole: an exclusive temporary beside it (never a link
-// planted there), then a rename, so readers see the old file or the new one.
+// A temporary of ours older than this was left by a killed run (a live one writes its reports in
+// well under a second); younger ones may be another writer's, mid-write.
+constexpr time_t kStaleSeconds = 3600;
+
+// Removes the temporaries ".<name>.<anything>.tmp" a killed run left in `directory`.
+void RemoveStaleTemporaries(int directory, const std::string& name) {
+    const std::string prefix = "." + name + ".";
+    const int fd = ::openat(directory, ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    DIR* listing = fd >= 0 ? ::fdopendir(fd) : nullptr;
+    if (listing == nullptr) {
+        if (fd >= 0) ::close(fd);
+        return;
+    }
+    std::vector<std::string> stale;
+    const time_t now = std::time(nullptr);
+    while (const dirent* entry = ::readdir(listing)) {
+        const std::string_view entryName(entry->d_name);
+        struct stat info {};
+        if (entryName.size() > prefix.size() + 4 && entryName.compare(0, prefix.size(), prefix) == 0 &&
+            entryName.compare(entryName.size() - 4, 4, ".tmp") == 0 &&
+            ::fstatat(directory, entry->d_name, &info, AT_SYMLINK_NOFOLLOW) == 0 && !S_ISDIR(info.st_mode) &&
+            info.st_mtime + kStaleSeconds < now)
+            stale.emplace_back(entryName);
+    }
+    ::closedir(listing);
+    for (const std::string& entry : stale) ::unlinkat(directory, entry.c_str(), 0);
+}
+
+// Replaces `name` in `directory` by `text` whole: an exclusive temporary of a fresh random name
+// beside it (never a link planted there, never a name someone can take first), then a rename, so
+// readers see the old file or the new one. Failures are not the operation's: no Fail() here.
 bool WriteAtomically(int directory, const std::string& name, const std::string& text) {
+    RemoveStaleTemporaries(directory, name);
     for (int attempt = 0; attempt < 16; ++attempt) {
         // Hidden and not ending in ".prom", so that a collector reading the directory skips it.
-        const std::string temporary =
-            "." + name + "." + std::to_string(::getpid()) + "-" + std::to_string(attempt) + ".tmp";
+        const std::string temporary = "." + name + "." + RandomName() + ".tmp";
         const int flags = O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC;
         const int fd = ::openat(directory, temporary.c_str(), flags, 0644);
-        if (fd < 0 && errno == EEXIST) continue;  // another writer's, or a killed run's
+        if (fd < 0 && errno == EEXIST) continue;  // planted: draw another name
         if (fd < 0) return false;
         size_t written = 0;
         while (written < text.size()) {
@@ -85,13 +116,18 @@ Json Report(const std::string& repository, const RunLog& log, const RunSummary& 
     Json sources = Json::array();
     for (const SourceAttempt& source : log.sourcesTried)
         sources.push_back({{"address", source.address}, {"served", source.status > 0}, {"status", source.status},
-                           {"reason", source.reason}});
+                           {"reason", source.reason}, {"proxy", source.proxy.empty() ? Json() : Json(source.proxy)}});
     Json packages = Json::array();
     uint64_t bytes = 0;
     size_t downloaded = 0, failed = 0;
     // Packages held already are only counted (by the mirror): a nightly run over a large
     // repository would otherwise write (and a reader wade through) a line for every package it
-    // did not touch.
+    // did not touch. Past RunLog::kListed, those it acted on are only counted too.
+    for (const RunLog::Counted& package : log.counted) {
+        bytes += package.bytes;
+        if (package.status <= 0) ++failed;
+        else if (package.download) ++downloaded;
+    }
     for (const PackageOutcome& package : log.packages) {
         bytes += package.bytes;
         if (package.status <= 0) ++failed;
@@ -119,8 +155,9 @@ Json Report(const std::string& repository, const RunLog& log, const RunSummary& 
                 {"sources", sources},
                 {"served_by", log.servedBy.empty() ? Json() : Json(log.servedBy)},
                 {"packages", packages},
+                {"unlisted", log.counted.size()},
                 {"totals",
-                 {{"packages", log.packages.size() + log.held},
+                 {{"packages", log.size() + log.held},
                   {"downloaded", downloaded},
                   {"failed", failed},
                   {"held", log.held},
@@ -169,6 +206,30 @@ std::string Metrics(const std::string& repository, const Json& report) {
 }
 
 }  // namespace
+
+size_t RunLog::Add(PackageOutcome outcome) {
+    if (packages.size() < kListed) packages.push_back(std::move(outcome));
+    else counted.push_back(Counted{outcome.identity, outcome.action == "download", outcome.status, outcome.bytes});
+    return size() - 1;
+}
+
+void RunLog::Failed(size_t number, ZOVRELAY_Status status, const std::string& reason) {
+    if (number < packages.size()) {
+        PackageOutcome& outcome = packages[number];
+        if (outcome.status > 0) outcome.status = status, outcome.reason = reason;
+    } else if (number - packages.size() < counted.size()) {
+        Counted& outcome = counted[number - packages.size()];
+        if (outcome.status > 0) outcome.status = status;
+    }
+}
+
+void RunLog::NotStored(const std::string& identity, ZOVRELAY_Status status, const std::string& reason) {
+    for (PackageOutcome& outcome : packages)
+        if (outcome.identity == identity && outcome.action == "download" && outcome.status > 0)
+            outcome.status = status, outcome.reason = reason;
+    for (Counted& outcome : counted)
+        if (outcome.identity == identity && outcome.download && outcome.status > 0) outcome.status = status;
+}
 
 std::string MetricsFileName(const std::string& repository) {
     std::string name = "update";

@@ -28,13 +28,35 @@ struct SourceAttempt {
     std::string address;
     ZOVRELAY_Status status = 1;  // 1: its catalog loaded
     std::string reason;          // why it did not serve
+    std::string proxy;           // "proxy host:port" it was reached through; empty: none
 };
 
+// A run over a large catalog acts on hundreds of thousands of packages: the first kListed are
+// kept in full for the report, the rest only as much as their totals need, so that neither the
+// memory nor report.json grows with a line per package.
 struct RunLog {
+    static constexpr size_t kListed = 1000;
+
+    struct Counted {  // a package past kListed
+        std::string identity;
+        bool download;  // action "download"
+        ZOVRELAY_Status status;
+        uint64_t bytes;
+    };
+
     std::vector<SourceAttempt> sourcesTried;  // in the order tried
     std::string servedBy;                     // the source whose catalog served the run
-    std::vector<PackageOutcome> packages;  // those the run acted on
-    size_t held = 0;                        // packages of the plan held already: nothing to do
+    std::vector<PackageOutcome> packages;     // the first kListed the run acted on
+    std::vector<Counted> counted;             // the others
+    size_t held = 0;                          // packages of the plan held already: nothing to do
+
+    // Its number, for Failed.
+    size_t Add(PackageOutcome outcome);
+    // Package `number` failed after all (it was not stored), unless it had failed already.
+    void Failed(size_t number, ZOVRELAY_Status status, const std::string& reason);
+    // Every package downloaded for `identity` (FormatIdentity) that had not failed: not stored.
+    void NotStored(const std::string& identity, ZOVRELAY_Status status, const std::string& reason);
+    size_t size() const { return packages.size() + counted.size(); }
 };
 
 }  // namespace localrelay

@@ -194,10 +194,7 @@ ZOVRELAY_Status Storer::NotStored(const Identity& identity, ZOVRELAY_Status stat
     const std::string reason = status == cause.status ? cause.reason : "cannot write";
     if (unnamed && (run_.failure > 0 || StopsTheRun(status))) Fail(status, reason, "packages/" + MergedArchiveName(identity));
     const std::string identityText = FormatIdentity(identity);
-    if (run_.log != nullptr)
-        for (PackageOutcome& outcome : run_.log->packages)
-            if (outcome.identity == identityText && outcome.action == "download" && outcome.status > 0)
-                outcome.status = status, outcome.reason = "not stored: " + reason;
+    if (run_.log != nullptr) run_.log->NotStored(identityText, status, "not stored: " + reason);
     if (StopsTheRun(status)) return status;
     run_.Note(status);
     return kSuccess;

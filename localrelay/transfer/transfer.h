@@ -29,6 +29,8 @@ struct TransferSettings {
     int64_t maxBandwidth = 0;  // KiB/s; 0 or less: no limit
     int64_t httpsLevel = 2;    // 0 no certificate check, 1 peer certificate, 2 (and any other) peer and host
     ProxySettings proxy;
+    // The source's login, taken out of its address so that no text the relay writes carries it.
+    std::string user{}, password{};
     Pool* pool = nullptr;  // the operation's connections, when it has a pool
     // A byte range of the file: `length` bytes from `offset` (a version inside a merged archive).
     // length 0: the whole file.

@@ -256,6 +256,10 @@ ZOVRELAY_Status SetCommonOptions(CURL* curl, const TransferSettings& settings, c
     options.Set(CURLOPT_USERAGENT, "zovrelay-local/1.0");
     SetCertificateCheck(options, settings.httpsLevel);
     if (settings.pool != nullptr && settings.pool->share() != nullptr) options.Set(CURLOPT_SHARE, settings.pool->share());
+    if (!settings.user.empty() || !settings.password.empty()) {  // sent to the source's host only, as in its URL
+        options.Set(CURLOPT_USERNAME, settings.user.c_str());
+        options.Set(CURLOPT_PASSWORD, settings.password.c_str());
+    }
     std::string proxyProblem;
     if (!SetProxy(options, settings.proxy, &proxyProblem)) return Unreachable(reason, proxyProblem);
     if (options.Result() == CURLE_OUT_OF_MEMORY) return kOutOfMemory;

@@ -40,14 +40,21 @@ TEST(LocalRelayFailure, ClassifiesByRemedy) {
     for (const auto& c : cases) EXPECT_EQ(std::make_pair(c.got.status, c.got.reason), std::make_pair(c.status, std::string(c.reason)));
 }
 
-TEST(LocalRelayFailure, DescriptionsFitAndKeepBothEnds) {
-    EXPECT_EQ(Describe("HTTP 404", "pattern/kerno-16123.zip"), "HTTP 404 for pattern/kerno-16123.zip");
-    EXPECT_EQ(Describe("certificate refused (SSL certificate problem: self-signed certificate)", "https://h/server.ini"),
-              "certificate refused: https://h/server.ini");
-    const std::string text = Describe("no space left", "packages/." + std::string(80, 'x') + ".part");
-    EXPECT_EQ(text.size(), 63u);
-    EXPECT_EQ(text.substr(0, 26) + "|" + text.substr(text.size() - 6), "no space left: packages/.x|x.part");
-    EXPECT_NE(text.find("x...x"), std::string::npos);
+TEST(LocalRelayFailure, DescriptionsFitAndAreCutOnlyAtTheirEnd) {
+    const std::string longPart = "packages/." + std::string(80, 'x') + ".part";
+    const struct {
+        std::string reason, object, expected;
+    } cases[] = {
+        {"HTTP 404", "pattern/kerno-16123.zip", "HTTP 404 for pattern/kerno-16123.zip"},
+        {"certificate refused (SSL certificate problem: self-signed certificate)", "https://h/server.ini",
+         "certificate refused: https://h/server.ini"},
+        {"proxy refused the credentials (HTTP 407)", "http://127.0.0.1:8080/server.ini",
+         "proxy refused the credentials: http://127.0.0.1:8080/server.ini"},
+        {"no space left", longPart, ("no space left: " + longPart).substr(0, 60) + "..."},
+        {"cannot connect", "http://h/" + std::string(34, 'x') + "\xc3\xa9" + std::string(10, 'x'),
+         "cannot connect: http://h/" + std::string(34, 'x') + "..."},  // never half a character
+    };
+    for (const auto& c : cases) EXPECT_EQ(Describe(c.reason, c.object), c.expected);
 }
 
 TEST(LocalRelayFailure, OnlyTheThreadsLastFailureCarriesItsDetail) {

@@ -1,5 +1,6 @@
 // Local transfers: paths and file URLs, the catalog size limit, the reads maxbandwidth paces, and
 // what a directory source may make the relay read. Only the last case opens a context.
+#include "api/extensions.h"
 #include "localrelay_fixture.h"
 #include "transfer/downloader.h"
 #include "transfer/transfer.h"
@@ -119,9 +120,10 @@ TEST_F(LocalTransfer, SizesThatWouldWrapAreRefused) {
     Context context(Path("repository"));
     ASSERT_EQ(context.status, kSuccess);
     EXPECT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kInvalidCatalog);
-    wchar_t message[64];
-    ZOVRELAY_GetStatusMessage(message, kInvalidCatalog);
-    EXPECT_EQ(Narrow(message).rfind("invalid catalog (sizes sum past 2^63): ", 0), 0u) << Narrow(message);
+    char* message = ZOVRELAY_LocalLastMessage(kInvalidCatalog);
+    ASSERT_NE(message, nullptr);
+    EXPECT_EQ(std::string(message).rfind("invalid catalog (sizes sum past 2^63): ", 0), 0u) << message;
+    ZOVRELAY_LocalFreeText(message);
     EXPECT_FALSE(fs::exists(Path("repository/packages")) && !fs::is_empty(Path("repository/packages")));
 }
 
