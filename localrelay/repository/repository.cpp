@@ -12,6 +12,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cstdio>
 #include <ctime>
 
 namespace localrelay {
@@ -127,14 +129,14 @@ std::map<Identity, Manifest> ReadHeld(int packages, HeldCache* cache) {
 namespace {
 
 ServedComponent ServedFrom(const Manifest& manifest, const std::map<std::string, EntryRange>* ranges,
-                           const std::string& merged) {
+                           const std::string& published) {
     ServedComponent served{manifest, {}};
     if (ranges == nullptr) return served;  // an archive we cannot read the layout of serves nothing
     served.versions.reserve(manifest.versions.size());
     for (const HeldVersion& held : manifest.versions) {
         const auto range = ranges->find(EntryName(held));
         if (range == ranges->end() || !range->second.stored || range->second.size != held.size) continue;
-        served.versions.push_back(Component{manifest.section, manifest.identity, held.version, "packages/" + merged,
+        served.versions.push_back(Component{manifest.section, manifest.identity, held.version, "packages/" + published,
                                             held.size, held.sha256, range->second.offset, held.path});
     }
     return served;
@@ -146,13 +148,15 @@ ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache)
     const std::string merged = MergedArchiveName(manifest.identity);
     std::optional<std::map<std::string, EntryRange>> read;
     const std::map<std::string, EntryRange>* ranges = nullptr;
+    std::optional<FileIdentity> file;
     if (const CachedArchive* cached = cache != nullptr ? cache->Find(packages, merged) : nullptr) {
         ranges = &cached->ranges;
+        file = cached->file;
     } else if (cache == nullptr) {
         const FileDescriptor fd(OpenFileAt(packages, merged));
-        if (fd.get() >= 0 && (read = ReadEntryRanges(fd.get()))) ranges = &*read;
+        if (fd.get() >= 0 && (file = FileIdentityOf(fd.get())) && (read = ReadEntryRanges(fd.get()))) ranges = &*read;
     }
-    return ServedFrom(manifest, ranges, merged);
+    return ServedFrom(manifest, ranges, file ? PublishedName(manifest.identity, *file) : merged);
 }
 
 ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldCache& cache) {
@@ -164,7 +168,8 @@ ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldC
         if (!identity) continue;
         const CachedArchive* archive = cache.Find(packages, merged);
         if (archive != nullptr && archive->manifest.identity == *identity && !archive->manifest.versions.empty())
-            served.emplace_hint(served.end(), *identity, ServedFrom(archive->manifest, &archive->ranges, merged));
+            served.emplace_hint(served.end(), *identity,
+                                ServedFrom(archive->manifest, &archive->ranges, PublishedName(*identity, archive->file)));
     }
     return served;
 }
@@ -173,6 +178,74 @@ ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held, H
     ServedCatalog served;
     for (const auto& [identity, manifest] : held) served.emplace(identity, Served(packages, manifest, cache));
     return served;
+}
+
+std::string PublishedName(const Identity& identity, const FileIdentity& file) {
+    // FNV-1a over what changes whenever the archive is written anew (a rename brings another
+    // inode and time). The device is left out: it may be numbered differently after a reboot.
+    uint64_t hash = 14695981039346656037ull;
+    for (const uint64_t value : {file.inode, file.size, uint64_t(file.modified)})
+        for (int shift = 0; shift < 64; shift += 8) hash = (hash ^ ((value >> shift) & 0xff)) * 1099511628211ull;
+    char tag[17];
+    std::snprintf(tag, sizeof tag, "%016llx", static_cast<unsigned long long>(hash));
+    return MergedArchiveName(identity) + "." + tag;
+}
+
+namespace {
+
+constexpr std::string_view kPublishedMarker = "_merged.zip.";
+
+// The identity a published name belongs to; nullopt for any other name.
+std::optional<Identity> PublishedIdentity(std::string_view name) {
+    const size_t cut = name.rfind(kPublishedMarker);
+    if (cut == std::string_view::npos || cut + kPublishedMarker.size() == name.size()) return std::nullopt;
+    for (const char c : name.substr(cut + kPublishedMarker.size()))
+        if (!std::isxdigit(static_cast<unsigned char>(c))) return std::nullopt;
+    return ParseIdentity(name.substr(0, cut));
+}
+
+// Links `published` to the merged archive when it is not that file already. False when the file
+// system cannot (no hard links) or the archive changed under us: the working name is served then.
+bool Link(int packages, const std::string& merged, const std::string& published) {
+    struct stat archive {}, link {};
+    if (::fstatat(packages, merged.c_str(), &archive, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(archive.st_mode)) return false;
+    if (::fstatat(packages, published.c_str(), &link, AT_SYMLINK_NOFOLLOW) == 0) {
+        if (link.st_ino == archive.st_ino && link.st_dev == archive.st_dev) return true;
+        if (!RemoveAt(packages, published)) return false;
+    }
+    return ::linkat(packages, merged.c_str(), packages, published.c_str(), 0) == 0;
+}
+
+}  // namespace
+
+bool Publish(int packages, ServedCatalog& served) {
+    bool all = true;
+    for (auto& [identity, component] : served) {
+        if (component.versions.empty()) continue;
+        const std::string merged = MergedArchiveName(identity);
+        const std::string path = component.versions.front().path;
+        if (path == "packages/" + merged || Link(packages, merged, path.substr(9))) continue;
+        for (Component& version : component.versions) version.path = "packages/" + merged;
+        all = false;
+    }
+    return all;
+}
+
+void PrunePublished(int packages, const ServedCatalog& served, const std::set<std::string>& present, int64_t now) {
+    for (const std::string& name : present) {
+        const std::optional<Identity> identity = PublishedIdentity(name);
+        if (!identity) continue;
+        const auto named = served.find(*identity);
+        if (named != served.end() && !named->second.versions.empty() &&
+            named->second.versions.front().path == "packages/" + name)
+            continue;
+        // The last other link went when the archive was replaced, which set the time of change.
+        struct stat info {};
+        if (::fstatat(packages, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 || info.st_nlink > 1 ||
+            now - int64_t(info.st_ctime) < kPublishedSeconds)
+            continue;
+        ::unlinkat(packages, name.c_str(), 0);
+    }
 }
 
 namespace {
@@ -211,9 +284,15 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, M
 
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
                               const std::set<std::string>& present, const std::string* sourceCatalog) {
-    ZOVRELAY_Status status = WriteChangedFileAt(root, kSourceCatalogName,
-                                                sourceCatalog != nullptr ? *sourceCatalog : FormatSourceCatalog(served));
+    // Every name source.ini gives exists before it says so; where a link cannot be made the
+    // component is served under its working name, as before names were published.
+    ServedCatalog linked;
+    const bool published = Publish(packages, linked = served);
+    ZOVRELAY_Status status =
+        WriteChangedFileAt(root, kSourceCatalogName,
+                           sourceCatalog != nullptr && published ? *sourceCatalog : FormatSourceCatalog(linked));
     if (status <= 0) return status;
+    PrunePublished(packages, linked, present, int64_t(::time(nullptr)));
     Catalog index;
     std::vector<const Manifest*> manifests;
     for (const auto& [identity, component] : served) {

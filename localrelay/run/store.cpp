@@ -126,7 +126,9 @@ ZOVRELAY_Status Storer::Replace(const ComponentPlan& plan, const Manifest& next,
         status = ReplaceAt(run_.packages, built, merged);
     }
     if (status > 0) {
-        state.served[plan.identity] = Served(run_.packages, next);
+        ServedCatalog one{{plan.identity, Served(run_.packages, next)}};
+        Publish(run_.packages, one);  // source.ini names nothing that does not exist yet
+        state.served[plan.identity] = std::move(one.begin()->second);
         if (listed) status = WriteWholeFileAt(run_.root, kSourceCatalogName, FormatSourceCatalog(state.served));
     }
     if (status <= 0) return status;
