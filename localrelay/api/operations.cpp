@@ -176,7 +176,9 @@ ZOVRELAY_Status PlanMirror(const Operation& operation, const Request& request, s
     LoadedSource source;
     ZOVRELAY_Status status = kSuccess;
     HeldState state = ReadHeldStateDuring(operation, [&] {
-        status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool);
+        const CatalogMemory memory{operation.root(), false};
+        status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, nullptr, nullptr,
+                            &memory);
     });
     if (status <= 0) return status;
     std::vector<std::string> leaving;
@@ -228,7 +230,9 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
         LoadedSource source;
         size_t served = 0;
         state = ReadHeldStateDuring(operation, [&] {
-            status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served, &log);
+            const CatalogMemory memory{operation.root(), true};
+            status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served, &log,
+                                &memory);
         });
         Alternates alternates(request.sources, request.sourceCount, served, operation.options(), &pool);
         if (status > 0)
@@ -272,7 +276,8 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
             RunSummary summary;
             summary.started = std::chrono::system_clock::now();
             LoadedSource source;
-            status = LoadSource(sources, sourceCount, operation.options(), source, nullptr, nullptr, &log);
+            const CatalogMemory memory{operation.root(), false};
+            status = LoadSource(sources, sourceCount, operation.options(), source, nullptr, nullptr, &log, &memory);
             if (status > 0) status = ListCatalog(source.catalog, products, productCount, listed);
             // The filtered mirrors begin by listing the source: a mirror job that fails there is
             // on record too. A listing that succeeds leaves the last run's report alone.

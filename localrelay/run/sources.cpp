@@ -2,9 +2,14 @@
 #include "base/failure.h"
 #include "repository/repository.h"
 #include "base/status.h"
+#include "base/files.h"
 #include "base/wide.h"
+#include "transfer/package.h"
 
 #include <algorithm>
+#include <cstring>
+#include <optional>
+#include <string_view>
 
 namespace localrelay {
 namespace {
@@ -20,10 +25,55 @@ bool Narrow(const wchar_t* text, std::string& bytes) {
     return true;
 }
 
+constexpr std::string_view kMemoryHeader = "zovrelay-catalog 1\n";
+constexpr size_t kCatalogLimit = 64u << 20;
+
+std::string Digest(const std::string& text) {
+    Sha256 digest;
+    digest.Update(text.data(), text.size());
+    return digest.HexDigest();
+}
+
+std::string MemoryName(const std::string& address) { return ".catalog-" + Digest(address).substr(0, 16); }
+
+struct Kept {
+    std::string etag, modified, text;
+};
+
+// The kept copy of the catalog at `address`; nothing unless the record is whole, for this address,
+// and its text still has the digest it was kept with.
+std::optional<Kept> Recall(const CatalogMemory* memory, const std::string& address) {
+    if (memory == nullptr || memory->root < 0) return std::nullopt;
+    const std::optional<std::string> record = ReadWholeFileAt(memory->root, MemoryName(address), kCatalogLimit + 4096);
+    if (!record || record->compare(0, kMemoryHeader.size(), kMemoryHeader) != 0) return std::nullopt;
+    std::vector<std::string> fields;  // address, etag, modified, sha256
+    size_t at = kMemoryHeader.size();
+    for (const char* key : {"address ", "etag ", "modified ", "sha256 "}) {
+        const size_t end = record->find('\n', at);
+        const std::string_view line = std::string_view(*record).substr(at, end == std::string::npos ? 0 : end - at);
+        if (end == std::string::npos || line.substr(0, std::strlen(key)) != key) return std::nullopt;
+        fields.emplace_back(line.substr(std::strlen(key)));
+        at = end + 1;
+    }
+    Kept kept{fields[1], fields[2], record->substr(at)};
+    if (fields[0] != address || Digest(kept.text) != fields[3]) return std::nullopt;
+    return kept;
+}
+
+void Keep(const CatalogMemory* memory, const std::string& address, const Revalidation& answer, const std::string& text) {
+    if (memory == nullptr || !memory->keep || memory->root < 0) return;
+    // Validators of one line each: anything else is not something a server could send back.
+    for (const std::string* value : {&answer.answeredEtag, &answer.answeredModified})
+        if (value->find('\n') != std::string::npos) return;
+    WriteChangedFileAt(memory->root, MemoryName(address),
+                       std::string(kMemoryHeader) + "address " + address + "\netag " + answer.answeredEtag + "\nmodified " +
+                           answer.answeredModified + "\nsha256 " + Digest(text) + "\n" + text);
+}
+
 }  // namespace
 
 ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options,
-                           LoadedSource& loaded, Pool* pool, size_t* served, RunLog* log) {
+                           LoadedSource& loaded, Pool* pool, size_t* served, RunLog* log, const CatalogMemory* memory) {
     Failure failure{kNoSourceReachable, "no source address given"};
     std::string failed;  // the catalog's address
     auto refused = [&](const std::string& address, const std::string& catalog, ZOVRELAY_Status status,
@@ -67,17 +117,28 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
                                                  JoinAddress(candidate.address, kIndexName)};
         std::vector<std::string> texts(2);
         std::vector<Fetched> first;
-        if (IsHttpAddress(candidate.address)) FetchFirstText(addresses, candidate.settings, texts, first);
+        const bool http = IsHttpAddress(candidate.address);
+        // A catalog kept from last time is asked for alone, conditionally: most nights it is all.
+        const std::optional<Kept> kept = http ? Recall(memory, addresses[0]) : std::nullopt;
+        if (http && !kept) FetchFirstText(addresses, candidate.settings, texts, first);
         for (const char* name : {kSourceCatalogName, kIndexName}) {
             const size_t k = name == kSourceCatalogName ? 0 : 1;
             std::string text, error;
             const std::string& address = addresses[k];
             bool transient = false;
             ZOVRELAY_Status status;
+            Revalidation revalidation;
             if (first.empty() || first[k].stopped || (first[k].status <= 0 && first[k].attempt.transient)) {
-                status = FetchText(address, candidate.settings, text, 64u << 20, &error, &transient);
+                const std::optional<Kept> copy = k == 0 ? kept : (http ? Recall(memory, address) : std::nullopt);
+                if (copy) revalidation.etag = copy->etag, revalidation.modified = copy->modified;
+                TransferSettings settings = candidate.settings;
+                if (http) settings.revalidation = &revalidation;
+                status = FetchText(address, settings, text, kCatalogLimit, &error, &transient);
+                if (status > 0 && revalidation.notModified) text = copy->text;
+                if (status > 0 && http) Keep(memory, address, revalidation, text);
             } else {
                 status = first[k].status, error = first[k].error, text = std::move(texts[k]);
+                if (status > 0) Keep(memory, address, revalidation, text);  // validators come next time
             }
             if (status == kOutOfMemory) return status;
             if (status <= 0) {

@@ -186,7 +186,10 @@ void FetchFirstText(const std::vector<std::string>& urls, const TransferSettings
         sinks.push_back(std::make_unique<TextSink>(text, limit));
         pointers.push_back(sinks.back().get());
     }
-    FetchFirstHttp(urls, settings, pointers, outcomes);
+    Revalidation revalidation;  // no validators: only caches are asked to revalidate
+    TransferSettings catalog = settings;
+    if (catalog.revalidation == nullptr) catalog.revalidation = &revalidation;
+    FetchFirstHttp(urls, catalog, pointers, outcomes);
     for (size_t i = 0; i < urls.size(); ++i) {
         if (outcomes[i].status == kInvalidCatalog) outcomes[i].error = "larger than " + std::to_string(limit) + " bytes";
         if (outcomes[i].status <= 0) texts[i].clear();
@@ -199,11 +202,14 @@ ZOVRELAY_Status FetchText(const std::string& address, const TransferSettings& se
     constexpr long kRetryAfterCap = 30;
     ZOVRELAY_Status status = kSuccess;
     Attempt attempt;
+    Revalidation revalidation;
+    TransferSettings catalog = settings;
+    if (catalog.revalidation == nullptr) catalog.revalidation = &revalidation;
     for (int tries = 1;; ++tries) {
         text.clear();
         TextSink sink(text, limit);
         attempt = Attempt{};
-        status = Fetch(address, settings, sink, error, &attempt);
+        status = Fetch(address, catalog, sink, error, &attempt);
         if (status > 0 || !attempt.transient || tries == kAttempts) break;
         const long pause = attempt.retryAfter >= 0 ? std::min(attempt.retryAfter, kRetryAfterCap) : 1L << (tries - 1);
         std::this_thread::sleep_for(std::chrono::seconds(pause));

@@ -24,6 +24,15 @@ struct ProxySettings {
 
 class Pool;
 
+// A catalog request: it asks every cache on the way to revalidate (Cache-Control: no-cache), sends
+// the validators of the copy kept from last time (If-None-Match, If-Modified-Since) and takes the
+// server's new ones. A 304 is a success with `notModified` set and no bytes: the kept copy stands.
+struct Revalidation {
+    std::string etag, modified;                  // sent when not empty
+    std::string answeredEtag, answeredModified;  // of the answer
+    bool notModified = false;
+};
+
 struct TransferSettings {
     int64_t maxBandwidth = 0;  // KiB/s; 0 or less: no limit
     int64_t httpsLevel = 2;    // 0 no certificate check, 1 peer certificate, 2 (and any other) peer and host
@@ -32,6 +41,7 @@ struct TransferSettings {
     // A byte range of the file: `length` bytes from `offset` (a version inside a merged archive).
     // length 0: the whole file.
     uint64_t offset = 0, length = 0;
+    Revalidation* revalidation = nullptr;  // catalogs only; FetchText and FetchFirstText always revalidate
 };
 
 // Receives the file's bytes in order. Answering false stops the transfer at once; Fetch then

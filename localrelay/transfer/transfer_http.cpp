@@ -4,12 +4,14 @@
 #include "transfer/transfer.h"
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <cstdlib>
 #include <cstdint>
 #include <exception>
 #include <limits>
 #include <memory>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -252,11 +254,52 @@ namespace {
 struct Request {
     Request(CURL* handle, ChunkSink& sink, const TransferSettings& settings)
         : curl(handle, curl_easy_cleanup), transfer(handle, sink, settings.maxBandwidth) {}
+    ~Request() { curl_slist_free_all(headers); }
     std::unique_ptr<CURL, void (*)(CURL*)> curl;
     Transfer transfer;
     std::string range;
     char curlError[CURL_ERROR_SIZE] = "";
+    curl_slist* headers = nullptr;  // a catalog's request headers, read by libcurl while it runs
+    std::string etag, modified;     // a catalog's answered validators (of the last response)
 };
+
+// The value of header `name` ("etag:") in a header line, or nothing.
+bool HeaderIs(const char* data, size_t size, std::string_view name, std::string& value) {
+    if (size < name.size()) return false;
+    for (size_t i = 0; i < name.size(); ++i)
+        if (std::tolower(static_cast<unsigned char>(data[i])) != name[i]) return false;
+    value.assign(data + name.size(), size - name.size());
+    while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' ')) value.pop_back();
+    value.erase(0, value.find_first_not_of(" \t"));
+    return true;
+}
+
+size_t ReceiveHeader(char* data, size_t, size_t size, void* user) noexcept {
+    Request& request = *static_cast<Request*>(user);
+    try {
+        if (size >= 5 && std::string_view(data, 5) == "HTTP/") request.etag.clear(), request.modified.clear();
+        std::string value;
+        if (HeaderIs(data, size, "etag:", value)) request.etag = value;
+        else if (HeaderIs(data, size, "last-modified:", value)) request.modified = value;
+    } catch (...) {
+        return 0;  // out of memory: the transfer fails
+    }
+    return size;
+}
+
+// Caches revalidate a catalog, and a server answers 304 when the kept copy is still current.
+bool SetRevalidation(Request& request, const Revalidation& revalidation) {
+    const std::vector<std::string> lines{"Cache-Control: no-cache",
+                                         revalidation.etag.empty() ? "" : "If-None-Match: " + revalidation.etag,
+                                         revalidation.modified.empty() ? "" : "If-Modified-Since: " + revalidation.modified};
+    for (const std::string& line : lines) {
+        if (line.empty()) continue;
+        curl_slist* more = curl_slist_append(request.headers, line.c_str());
+        if (more == nullptr) return false;
+        request.headers = more;
+    }
+    return true;
+}
 
 ZOVRELAY_Status Prepare(Request& request, const std::string& url, const TransferSettings& settings, std::string* error) {
     CURL* curl = request.curl.get();
@@ -273,6 +316,12 @@ ZOVRELAY_Status Prepare(Request& request, const std::string& url, const Transfer
     options.Set(CURLOPT_WRITEDATA, static_cast<void*>(&transfer));
     options.Set(CURLOPT_BUFFERSIZE, transfer.pacer.ChunkSize(kReceiveBufferSize));
     if (!request.range.empty()) options.Set(CURLOPT_RANGE, request.range.c_str());
+    if (settings.revalidation != nullptr) {
+        if (!SetRevalidation(request, *settings.revalidation)) return kOutOfMemory;
+        options.Set(CURLOPT_HTTPHEADER, request.headers);
+        options.Set(CURLOPT_HEADERFUNCTION, static_cast<curl_write_callback>(&ReceiveHeader));
+        options.Set(CURLOPT_HEADERDATA, static_cast<void*>(&request));
+    }
     if (settings.maxBandwidth > 0) {
         constexpr int64_t kMaxKiB = std::numeric_limits<curl_off_t>::max() / 1024;
         const int64_t kib = settings.maxBandwidth < kMaxKiB ? settings.maxBandwidth : kMaxKiB;
@@ -302,6 +351,14 @@ ZOVRELAY_Status Conclude(Request& request, CURLcode result, const TransferSettin
     }
     const bool refused =
         transfer.refusedStatus != 0 || result == CURLE_HTTP_RETURNED_ERROR || (result == CURLE_OK && !IsSuccess(code));
+    if (Revalidation* revalidation = settings.revalidation; revalidation != nullptr && result == CURLE_OK) {
+        // Only a copy we offered can be "not modified": a 304 to an unconditional request is an error.
+        const bool offered = !revalidation->etag.empty() || !revalidation->modified.empty();
+        revalidation->notModified = offered && code == 304;
+        if (!refused || revalidation->notModified)
+            revalidation->answeredEtag = request.etag, revalidation->answeredModified = request.modified;
+        if (revalidation->notModified) return kSuccess;
+    }
     if (result == CURLE_OK && !refused) return kSuccess;
     long connect = 0, proxyError = 0;  // a refused tunnel: the source never answered
     curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &connect);
