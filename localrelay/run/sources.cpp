@@ -138,7 +138,7 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
                 if (status > 0 && http) Keep(memory, address, revalidation, text);
             } else {
                 status = first[k].status, error = first[k].error, text = std::move(texts[k]);
-                if (status > 0) Keep(memory, address, revalidation, text);  // validators come next time
+                if (status > 0) Keep(memory, address, first[k].revalidation, text);
             }
             if (status == kOutOfMemory) return status;
             if (status <= 0) {

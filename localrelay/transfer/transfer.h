@@ -91,6 +91,7 @@ struct Fetched {
     std::string error;
     Attempt attempt;
     bool stopped = false;  // not needed after all: an earlier one answered
+    Revalidation revalidation;  // a catalog's validators as answered (when the settings revalidate)
 };
 
 // Asks for every address at once (HTTP, over the settings' pool), the bodies going to `sinks`, and

@@ -401,6 +401,9 @@ void FetchFirstHttp(const std::vector<std::string>& urls, const TransferSettings
     std::unique_ptr<CURLM, CURLMcode (*)(CURLM*)> multi(curl_multi_init(), curl_multi_cleanup);
     std::vector<std::unique_ptr<Request>> requests;
     std::vector<bool> running(urls.size(), false);
+    std::vector<TransferSettings> own(urls.size(), settings);  // each catalog's validators its own
+    for (size_t i = 0; i < urls.size(); ++i)
+        if (settings.revalidation != nullptr) own[i].revalidation = &outcomes[i].revalidation;
     for (size_t i = 0; i < urls.size(); ++i) {
         CURL* curl = curl_easy_init();
         if (curl == nullptr || multi == nullptr) {
@@ -410,7 +413,7 @@ void FetchFirstHttp(const std::vector<std::string>& urls, const TransferSettings
             continue;
         }
         requests.push_back(std::make_unique<Request>(curl, *sinks[i], settings));
-        outcomes[i].status = Prepare(*requests[i], urls[i], settings, &outcomes[i].error);
+        outcomes[i].status = Prepare(*requests[i], urls[i], own[i], &outcomes[i].error);
         running[i] = outcomes[i].status > 0 && curl_multi_add_handle(multi.get(), curl) == CURLM_OK;
         if (outcomes[i].status > 0 && !running[i]) outcomes[i].status = kOutOfMemory;
     }
@@ -423,7 +426,7 @@ void FetchFirstHttp(const std::vector<std::string>& urls, const TransferSettings
                 if (!running[i] || requests[i]->curl.get() != message->easy_handle) continue;
                 curl_multi_remove_handle(multi.get(), message->easy_handle);
                 running[i] = false;
-                outcomes[i].status = Conclude(*requests[i], message->data.result, settings, &outcomes[i].error,
+                outcomes[i].status = Conclude(*requests[i], message->data.result, own[i], &outcomes[i].error,
                                               &outcomes[i].attempt);
             }
         }
