@@ -92,6 +92,8 @@ class Servers:
         os.makedirs(w)
         with open(w + "/squid.conf", "w") as conf:
             conf.write(SQUID_CONF % {"w": w, "port": port, "snippet": os.path.join(TOP, "examples", "squid-branch.conf")})
+        if os.geteuid() == 0:  # squid drops to its own user
+            shutil.chown(w, "proxy")
         subprocess.run([SQUID, "-z", "-N", "-f", w + "/squid.conf"], check=True, capture_output=True)
         self.spawn([SQUID, "-N", "-f", w + "/squid.conf"], port)
         return w + "/access.log"
@@ -194,6 +196,7 @@ def new_bytes(central, before):
 
 def main():
     work = tempfile.mkdtemp(prefix="fanout-bench.")
+    os.chmod(work, 0o755)  # squid runs as its own user
     servers = Servers(work)
     ok = True
     try:
