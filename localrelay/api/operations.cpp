@@ -181,7 +181,9 @@ ZOVRELAY_Status PlanMirror(const Operation& operation, const Request& request, s
     LoadedSource source;
     ZOVRELAY_Status status = kSuccess;
     HeldState state = ReadHeldStateDuring(operation, [&] {
-        status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool);
+        const CatalogMemory memory{operation.root(), false};
+        status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, nullptr, nullptr,
+                            nullptr, &memory);
     });
     if (status <= 0) return status;
     std::vector<std::string> leaving;
@@ -236,8 +238,9 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
         VendorSources vendors = VendorSources::Parse(
             ReadWholeFileAt(operation.root(), VendorSources::kRecordName, 1 << 20).value_or(""));
         state = ReadHeldStateDuring(operation, [&] {
+            const CatalogMemory memory{operation.root(), true};
             status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served, &log,
-                                &vendors);
+                                &vendors, &memory);
         });
         // At best: a record that cannot be written costs one request the next night, nothing more.
         if (vendors.changed) (void)WriteWholeFileAt(operation.root(), VendorSources::kRecordName, vendors.Format());
@@ -283,7 +286,8 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
             RunSummary summary;
             summary.started = std::chrono::system_clock::now();
             LoadedSource source;
-            status = LoadSource(sources, sourceCount, operation.options(), source, nullptr, nullptr, &log);
+            const CatalogMemory memory{operation.root(), false};
+            status = LoadSource(sources, sourceCount, operation.options(), source, nullptr, nullptr, &log, nullptr, &memory);
             if (status > 0) status = ListCatalog(source.catalog, products, productCount, listed);
             // The filtered mirrors begin by listing the source: a mirror job that fails there is
             // on record too. A listing that succeeds leaves the last run's report alone.

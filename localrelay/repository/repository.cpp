@@ -12,6 +12,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cctype>
+#include <cstdio>
 #include <iterator>
 #include <ctime>
 
@@ -127,8 +129,9 @@ std::map<Identity, Manifest> ReadHeld(int packages, HeldCache* cache) {
 
 namespace {
 
-ServedComponent ServedFrom(const Manifest& manifest, const std::map<std::string, EntryRange>* ranges) {
-    ServedComponent served{manifest, std::vector<std::optional<uint64_t>>(manifest.versions.size())};
+ServedComponent ServedFrom(const Manifest& manifest, const std::map<std::string, EntryRange>* ranges,
+                           const std::string& published) {
+    ServedComponent served{manifest, std::vector<std::optional<uint64_t>>(manifest.versions.size()), published};
     if (ranges == nullptr) return served;  // an archive we cannot read the layout of serves nothing
     for (size_t i = 0; i < manifest.versions.size(); ++i) {
         const HeldVersion& held = manifest.versions[i];
@@ -143,7 +146,7 @@ ServedComponent ServedFrom(const Manifest& manifest, const std::map<std::string,
 
 std::vector<Component> ServedComponent::Versions() const {
     std::vector<Component> versions;
-    const std::string path = "packages/" + MergedArchiveName(manifest.identity);
+    const std::string path = "packages/" + (published.empty() ? MergedArchiveName(manifest.identity) : published);
     for (size_t i = 0; i < manifest.versions.size() && i < offsets.size(); ++i) {
         const HeldVersion& held = manifest.versions[i];
         if (offsets[i])
@@ -157,13 +160,15 @@ ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache)
     const std::string merged = MergedArchiveName(manifest.identity);
     std::optional<std::map<std::string, EntryRange>> read;
     const std::map<std::string, EntryRange>* ranges = nullptr;
+    std::optional<FileIdentity> file;
     if (const CachedArchive* cached = cache != nullptr ? cache->Find(packages, merged) : nullptr) {
         ranges = &cached->ranges;
+        file = cached->file;
     } else if (cache == nullptr) {
         const FileDescriptor fd(OpenFileAt(packages, merged));
-        if (fd.get() >= 0 && (read = ReadEntryRanges(fd.get()))) ranges = &*read;
+        if (fd.get() >= 0 && (file = FileIdentityOf(fd.get())) && (read = ReadEntryRanges(fd.get()))) ranges = &*read;
     }
-    return ServedFrom(manifest, ranges);
+    return ServedFrom(manifest, ranges, file ? PublishedName(manifest.identity, *file) : merged);
 }
 
 ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldCache& cache) {
@@ -175,7 +180,8 @@ ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldC
         if (!identity) continue;
         const CachedArchive* archive = cache.Find(packages, merged);
         if (archive != nullptr && archive->manifest.identity == *identity && !archive->manifest.versions.empty())
-            served.emplace_hint(served.end(), *identity, ServedFrom(archive->manifest, &archive->ranges));
+            served.emplace_hint(served.end(), *identity,
+                                ServedFrom(archive->manifest, &archive->ranges, PublishedName(*identity, archive->file)));
     }
     return served;
 }
@@ -184,6 +190,72 @@ ServedCatalog ServedOf(int packages, const std::map<Identity, Manifest>& held, H
     ServedCatalog served;
     for (const auto& [identity, manifest] : held) served.emplace(identity, Served(packages, manifest, cache));
     return served;
+}
+
+std::string PublishedName(const Identity& identity, const FileIdentity& file) {
+    // FNV-1a over what changes whenever the archive is written anew (a rename brings another
+    // inode and time). The device is left out: it may be numbered differently after a reboot.
+    uint64_t hash = 14695981039346656037ull;
+    for (const uint64_t value : {file.inode, file.size, uint64_t(file.modified)})
+        for (int shift = 0; shift < 64; shift += 8) hash = (hash ^ ((value >> shift) & 0xff)) * 1099511628211ull;
+    char tag[17];
+    std::snprintf(tag, sizeof tag, "%016llx", static_cast<unsigned long long>(hash));
+    return MergedArchiveName(identity) + "." + tag;
+}
+
+namespace {
+
+constexpr std::string_view kPublishedMarker = "_merged.zip.";
+
+// The identity a published name belongs to; nullopt for any other name.
+std::optional<Identity> PublishedIdentity(std::string_view name) {
+    const size_t cut = name.rfind(kPublishedMarker);
+    if (cut == std::string_view::npos || cut + kPublishedMarker.size() == name.size()) return std::nullopt;
+    for (const char c : name.substr(cut + kPublishedMarker.size()))
+        if (!std::isxdigit(static_cast<unsigned char>(c))) return std::nullopt;
+    return ParseIdentity(name.substr(0, cut));
+}
+
+// Links `published` to the merged archive when it is not that file already. False when the file
+// system cannot (no hard links) or the archive changed under us: the working name is served then.
+bool Link(int packages, const std::string& merged, const std::string& published) {
+    struct stat archive {}, link {};
+    if (::fstatat(packages, merged.c_str(), &archive, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(archive.st_mode)) return false;
+    if (::fstatat(packages, published.c_str(), &link, AT_SYMLINK_NOFOLLOW) == 0) {
+        if (link.st_ino == archive.st_ino && link.st_dev == archive.st_dev) return true;
+        if (!RemoveAt(packages, published)) return false;
+    }
+    return ::linkat(packages, merged.c_str(), packages, published.c_str(), 0) == 0;
+}
+
+}  // namespace
+
+bool Publish(int packages, ServedCatalog& served) {
+    bool all = true;
+    for (auto& [identity, component] : served) {
+        if (!component.Serves()) continue;
+        const std::string merged = MergedArchiveName(identity);
+        if (component.published.empty() || component.published == merged || Link(packages, merged, component.published))
+            continue;
+        component.published.clear();
+        all = false;
+    }
+    return all;
+}
+
+void PrunePublished(int packages, const ServedCatalog& served, const std::set<std::string>& present, int64_t now) {
+    for (const std::string& name : present) {
+        const std::optional<Identity> identity = PublishedIdentity(name);
+        if (!identity) continue;
+        const auto named = served.find(*identity);
+        if (named != served.end() && named->second.Serves() && named->second.published == name) continue;
+        // The last other link went when the archive was replaced, which set the time of change.
+        struct stat info {};
+        if (::fstatat(packages, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 || info.st_nlink > 1 ||
+            now - int64_t(info.st_ctime) < kPublishedSeconds)
+            continue;
+        ::unlinkat(packages, name.c_str(), 0);
+    }
 }
 
 namespace {
@@ -225,11 +297,17 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, M
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
                               const std::set<std::string>& present, const std::string* sourceCatalog,
                               const std::set<Identity>* hidden, bool sourceCurrent) {
-    ZOVRELAY_Status status =
-        sourceCurrent ? kSuccess
-                      : WriteChangedFileAt(root, kSourceCatalogName,
-                                           sourceCatalog != nullptr ? *sourceCatalog : FormatSourceCatalog(served, hidden));
+    // Every name source.ini gives exists before it says so; where a link cannot be made the
+    // component is served under its working name, as before names were published.
+    ServedCatalog linked;
+    const bool published = Publish(packages, linked = served);
+    ZOVRELAY_Status status = kSuccess;
+    if (!sourceCurrent || !published)
+        status = WriteChangedFileAt(root, kSourceCatalogName, sourceCatalog != nullptr && published
+                                                                  ? *sourceCatalog
+                                                                  : FormatSourceCatalog(linked, hidden));
     if (status <= 0) return status;
+    PrunePublished(packages, linked, present, int64_t(::time(nullptr)));
     Catalog index;
     std::vector<const Manifest*> manifests;
     // Only components with a per-version archive in packages/ can be indexed: without buildpatch

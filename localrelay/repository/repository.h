@@ -69,11 +69,33 @@ struct ServedComponent {
     // archive's layout does not hold them whole, and then it is not served. Offsets rather than
     // catalog lines: a night with nothing new never formats them.
     std::vector<std::optional<uint64_t>> offsets;
+    // The name in packages/ the versions are served under (see PublishedName); empty: the merged
+    // archive's working name.
+    std::string published;
 
     std::vector<Component> Versions() const;  // the catalog lines, for the versions served
+    bool Serves() const {
+        for (const std::optional<uint64_t>& offset : offsets)
+            if (offset) return true;
+        return false;
+    }
 };
 using ServedCatalog = std::map<Identity, ServedComponent>;
 ServedComponent Served(int packages, const Manifest& manifest, HeldCache* cache = nullptr);
+
+// Cache-safe publishing: source.ini names each merged archive by a hard link whose name carries
+// its generation, "<identity>_merged.zip.<16 hex digits>", so the bytes under a published URL never
+// change and any web cache may keep them. Replacing the archive leaves the old link (and so the
+// old catalog's ranges) intact. The name does not end in ".zip": the module's clean-up leaves it.
+std::string PublishedName(const Identity& identity, const FileIdentity& file);
+// Makes every link `served` names; a component whose link cannot be made (a file system without
+// hard links) is named by its working name instead. False when that happened to any.
+bool Publish(int packages, ServedCatalog& served);
+// Removes published links that `served` no longer names, once no other name holds their archive
+// and that has been so for kPublishedSeconds: a catalog read before the replacement, and its
+// ranges, stay good for two nights. `present` is the listing of packages/.
+inline constexpr int64_t kPublishedSeconds = 2 * 86400;
+void PrunePublished(int packages, const ServedCatalog& served, const std::set<std::string>& present, int64_t now);
 // ServedOf(ReadHeld) in one pass over the archives the cache knows (or reads); `names` is the
 // listing of packages/.
 ServedCatalog ReadServed(int packages, const std::set<std::string>& names, HeldCache& cache);

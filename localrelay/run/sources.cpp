@@ -2,12 +2,17 @@
 #include "base/failure.h"
 #include "repository/repository.h"
 #include "base/status.h"
+#include "base/files.h"
 #include "base/wide.h"
+#include "transfer/package.h"
 
 #include <algorithm>
 #include <chrono>
 #include <cstdint>
+#include <cstring>
+#include <optional>
 #include <sstream>
+#include <string_view>
 
 namespace localrelay {
 namespace {
@@ -42,6 +47,50 @@ std::string Decoded(const std::string& text) {
         }
     }
     return decoded;
+}
+
+constexpr std::string_view kMemoryHeader = "zovrelay-catalog 1\n";
+
+std::string Digest(const std::string& text) {
+    Sha256 digest;
+    digest.Update(text.data(), text.size());
+    return digest.HexDigest();
+}
+
+std::string MemoryName(const std::string& address) { return ".catalog-" + Digest(address).substr(0, 16); }
+
+struct Kept {
+    std::string etag, modified, text;
+};
+
+// The kept copy of the catalog at `address`; nothing unless the record is whole, for this address,
+// and its text still has the digest it was kept with.
+std::optional<Kept> Recall(const CatalogMemory* memory, const std::string& address) {
+    if (memory == nullptr || memory->root < 0) return std::nullopt;
+    const std::optional<std::string> record = ReadWholeFileAt(memory->root, MemoryName(address), CatalogLimit() + 4096);
+    if (!record || record->compare(0, kMemoryHeader.size(), kMemoryHeader) != 0) return std::nullopt;
+    std::vector<std::string> fields;  // address, etag, modified, sha256
+    size_t at = kMemoryHeader.size();
+    for (const char* key : {"address ", "etag ", "modified ", "sha256 "}) {
+        const size_t end = record->find('\n', at);
+        const std::string_view line = std::string_view(*record).substr(at, end == std::string::npos ? 0 : end - at);
+        if (end == std::string::npos || line.substr(0, std::strlen(key)) != key) return std::nullopt;
+        fields.emplace_back(line.substr(std::strlen(key)));
+        at = end + 1;
+    }
+    Kept kept{fields[1], fields[2], record->substr(at)};
+    if (fields[0] != address || Digest(kept.text) != fields[3]) return std::nullopt;
+    return kept;
+}
+
+void Keep(const CatalogMemory* memory, const std::string& address, const Revalidation& answer, const std::string& text) {
+    if (memory == nullptr || !memory->keep || memory->root < 0) return;
+    // Validators of one line each: anything else is not something a server could send back.
+    for (const std::string* value : {&answer.answeredEtag, &answer.answeredModified})
+        if (value->find('\n') != std::string::npos) return;
+    WriteChangedFileAt(memory->root, MemoryName(address),
+                       std::string(kMemoryHeader) + "address " + address + "\netag " + answer.answeredEtag + "\nmodified " +
+                           answer.answeredModified + "\nsha256 " + Digest(text) + "\n" + text);
 }
 
 }  // namespace
@@ -119,7 +168,8 @@ bool Configure(const ZOVRELAY_Source& source, const Options& options, Pool* pool
 // Reads the candidate's catalog: its source.ini when it has one that parses, else its server.ini.
 // kSuccess with the catalog in the candidate; kOutOfMemory; otherwise `refusal` says why, and
 // `refusedAt` which catalog.
-ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::string& refusedAt, VendorSources* vendors) {
+ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::string& refusedAt, VendorSources* vendors,
+                             const CatalogMemory* memory) {
     // A source that is not a repository of ours has no source.ini: what its server.ini
     // answered is the reason, unless either catalog was malformed.
     refusal = Failure{kNoSourceReachable, ""};
@@ -140,7 +190,9 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
     const bool http = IsHttpAddress(candidate.address), vendor = http && vendors != nullptr &&
                                                                vendors->Remembered(candidate.address, Today());
     const size_t limit = CatalogLimit();
-    if (http && !vendor) FetchFirstText(addresses, catalogSettings, texts, first, limit);
+    // A catalog kept from last time is asked for alone, conditionally: most nights it is all.
+    const std::optional<Kept> kept = http && !vendor ? Recall(memory, addresses[0]) : std::nullopt;
+    if (http && !vendor && !kept) FetchFirstText(addresses, catalogSettings, texts, first, limit);
     for (const char* name : {kSourceCatalogName, kIndexName}) {
         if (vendor && name == kSourceCatalogName) continue;
         const size_t k = name == kSourceCatalogName ? 0 : 1;
@@ -149,9 +201,17 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
         bool transient = false;
         ZOVRELAY_Status status;
         if (first.empty() || first[k].stopped || (first[k].status <= 0 && first[k].attempt.transient)) {
-            status = FetchText(address, catalogSettings, text, limit, &error, &transient);
+            const std::optional<Kept> copy = k == 0 ? kept : (http ? Recall(memory, address) : std::nullopt);
+            Revalidation revalidation;
+            if (copy) revalidation.etag = copy->etag, revalidation.modified = copy->modified;
+            TransferSettings settings = catalogSettings;
+            if (http) settings.revalidation = &revalidation;
+            status = FetchText(address, settings, text, limit, &error, &transient);
+            if (status > 0 && revalidation.notModified) text = copy->text;
+            if (status > 0 && http) Keep(memory, address, revalidation, text);
         } else {
             status = first[k].status, error = first[k].error, text = std::move(texts[k]);
+            if (status > 0) Keep(memory, address, first[k].revalidation, text);
         }
         if (status == kOutOfMemory) return status;
         if (status == kInvalidCatalog)  // too large: say which setting raises the bound
@@ -211,7 +271,8 @@ std::string Through(const std::string& object, const TransferSettings& settings)
 }
 
 ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options,
-                           LoadedSource& loaded, Pool* pool, size_t* served, RunLog* log, VendorSources* vendors) {
+                           LoadedSource& loaded, Pool* pool, size_t* served, RunLog* log, VendorSources* vendors,
+                           const CatalogMemory* memory) {
     Failure failure{kNoSourceReachable, "no source address given"};
     std::string failed;  // the catalog's address
     for (size_t i = 0; i < count; ++i) {
@@ -220,7 +281,7 @@ ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const O
         if (!Configure(sources[i], options, pool, candidate)) return kInvalidArgument;
         Failure refusal;
         std::string refusedAt;
-        const ZOVRELAY_Status status = ReadCatalogs(candidate, refusal, refusedAt, vendors);
+        const ZOVRELAY_Status status = ReadCatalogs(candidate, refusal, refusedAt, vendors, memory);
         if (status == kOutOfMemory) return status;
         if (status > 0) {
             if (log != nullptr) {

@@ -48,6 +48,16 @@ std::string ProxyName(const ProxySettings& proxy);
 // proxy 127.0.0.1:3128".
 std::string Through(const std::string& object, const TransferSettings& settings);
 
+// The catalog each source answered last, kept in the repository's root as the hidden file
+// ".catalog-<16 hex digits of the address's SHA-256>" with its validators: the next run asks for
+// it conditionally, alone, and a 304 reuses the kept copy, so a night with nothing new costs one
+// revalidated catalog. Every operation with sources uses what is kept; only a writer holding the
+// lock (`keep`) keeps what it fetched.
+struct CatalogMemory {
+    int root = -1;
+    bool keep = false;
+};
+
 // Sources with a null address are skipped. kInvalidArgument for a string that names no
 // characters; otherwise, when no catalog loads, kInvalidCatalog if some source answered with a
 // malformed one, else the first source's failure (the one the administrator looks at first),
@@ -59,7 +69,7 @@ std::string Through(const std::string& object, const TransferSettings& settings)
 // found to be one is remembered.
 ZOVRELAY_Status LoadSource(const ZOVRELAY_Source* sources, size_t count, const Options& options, LoadedSource& loaded,
                            Pool* pool = nullptr, size_t* served = nullptr, RunLog* log = nullptr,
-                           VendorSources* vendors = nullptr);
+                           VendorSources* vendors = nullptr, const CatalogMemory* memory = nullptr);
 
 // The sources after the serving one, for packages it cannot deliver: each catalog is loaded at
 // most once, and only when a package first needs it.

@@ -195,7 +195,10 @@ void FetchFirstText(const std::vector<std::string>& urls, const TransferSettings
         sinks.push_back(std::make_unique<TextSink>(text, limit));
         pointers.push_back(sinks.back().get());
     }
-    FetchFirstHttp(urls, settings, pointers, outcomes);
+    Revalidation revalidation;  // no validators: only caches are asked to revalidate
+    TransferSettings catalog = settings;
+    if (catalog.revalidation == nullptr) catalog.revalidation = &revalidation;
+    FetchFirstHttp(urls, catalog, pointers, outcomes);
     for (size_t i = 0; i < urls.size(); ++i) {
         if (outcomes[i].status == kInvalidCatalog) outcomes[i].error = "larger than " + std::to_string(limit) + " bytes";
         if (outcomes[i].status <= 0) texts[i].clear();
@@ -215,11 +218,14 @@ ZOVRELAY_Status FetchText(const std::string& address, const TransferSettings& se
     if (!IsHttpAddress(address) && LocalPath(address, path, nullptr) && ::stat(path.c_str(), &info) == 0 &&
         S_ISREG(info.st_mode) && uint64_t(info.st_size) <= limit)
         text.reserve(size_t(info.st_size));
+    Revalidation revalidation;
+    TransferSettings catalog = settings;
+    if (catalog.revalidation == nullptr) catalog.revalidation = &revalidation;
     for (int tries = 1;; ++tries) {
         text.clear();
         TextSink sink(text, limit);
         attempt = Attempt{};
-        status = Fetch(address, settings, sink, error, &attempt);
+        status = Fetch(address, catalog, sink, error, &attempt);
         if (status > 0 || !attempt.transient || tries == kAttempts) break;
         const long pause = attempt.retryAfter >= 0 ? std::min(attempt.retryAfter, kRetryAfterCap) : 1L << (tries - 1);
         // No attempt starts after the catalog's deadline.

@@ -25,6 +25,15 @@ struct ProxySettings {
 
 class Pool;
 
+// A catalog request: it asks every cache on the way to revalidate (Cache-Control: no-cache), sends
+// the validators of the copy kept from last time (If-None-Match, If-Modified-Since) and takes the
+// server's new ones. A 304 is a success with `notModified` set and no bytes: the kept copy stands.
+struct Revalidation {
+    std::string etag, modified;                  // sent when not empty
+    std::string answeredEtag, answeredModified;  // of the answer
+    bool notModified = false;
+};
+
 struct TransferSettings {
     int64_t maxBandwidth = 0;  // KiB/s; 0 or less: no limit
     int64_t httpsLevel = 2;    // 0 no certificate check, 1 peer certificate, 2 (and any other) peer and host
@@ -42,6 +51,7 @@ struct TransferSettings {
     // `deadline` is when the current catalog fetch ends (none when zero), set by its caller.
     int64_t catalogSeconds = 300;
     std::chrono::steady_clock::time_point deadline{};
+    Revalidation* revalidation = nullptr;  // catalogs only; FetchText and FetchFirstText always revalidate
 };
 
 // The floor rate a transfer is held to, in bytes/s: `floorRate` (at least 1 byte/s), but never
@@ -112,6 +122,7 @@ struct Fetched {
     std::string error;
     Attempt attempt;
     bool stopped = false;  // not needed after all: an earlier one answered
+    Revalidation revalidation;  // a catalog's validators as answered (when the settings revalidate)
 };
 
 // Asks for every address at once (HTTP, over the settings' pool), the bodies going to `sinks`, and

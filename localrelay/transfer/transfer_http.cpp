@@ -4,6 +4,7 @@
 #include "transfer/transfer.h"
 
 #include <algorithm>
+#include <cctype>
 #include <chrono>
 #include <climits>
 #include <cstdlib>
@@ -11,6 +12,7 @@
 #include <exception>
 #include <limits>
 #include <memory>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -274,11 +276,52 @@ namespace {
 struct Request {
     Request(CURL* handle, ChunkSink& sink, const TransferSettings& settings)
         : curl(handle, curl_easy_cleanup), transfer(handle, sink, settings.maxBandwidth) {}
+    ~Request() { curl_slist_free_all(headers); }
     std::unique_ptr<CURL, void (*)(CURL*)> curl;
     Transfer transfer;
     std::string range;
     char curlError[CURL_ERROR_SIZE] = "";
+    curl_slist* headers = nullptr;  // a catalog's request headers, read by libcurl while it runs
+    std::string etag, modified;     // a catalog's answered validators (of the last response)
 };
+
+// The value of header `name` ("etag:") in a header line, or nothing.
+bool HeaderIs(const char* data, size_t size, std::string_view name, std::string& value) {
+    if (size < name.size()) return false;
+    for (size_t i = 0; i < name.size(); ++i)
+        if (std::tolower(static_cast<unsigned char>(data[i])) != name[i]) return false;
+    value.assign(data + name.size(), size - name.size());
+    while (!value.empty() && (value.back() == '\r' || value.back() == '\n' || value.back() == ' ')) value.pop_back();
+    value.erase(0, value.find_first_not_of(" \t"));
+    return true;
+}
+
+size_t ReceiveHeader(char* data, size_t, size_t size, void* user) noexcept {
+    Request& request = *static_cast<Request*>(user);
+    try {
+        if (size >= 5 && std::string_view(data, 5) == "HTTP/") request.etag.clear(), request.modified.clear();
+        std::string value;
+        if (HeaderIs(data, size, "etag:", value)) request.etag = value;
+        else if (HeaderIs(data, size, "last-modified:", value)) request.modified = value;
+    } catch (...) {
+        return 0;  // out of memory: the transfer fails
+    }
+    return size;
+}
+
+// Caches revalidate a catalog, and a server answers 304 when the kept copy is still current.
+bool SetRevalidation(Request& request, const Revalidation& revalidation) {
+    const std::vector<std::string> lines{"Cache-Control: no-cache",
+                                         revalidation.etag.empty() ? "" : "If-None-Match: " + revalidation.etag,
+                                         revalidation.modified.empty() ? "" : "If-Modified-Since: " + revalidation.modified};
+    for (const std::string& line : lines) {
+        if (line.empty()) continue;
+        curl_slist* more = curl_slist_append(request.headers, line.c_str());
+        if (more == nullptr) return false;
+        request.headers = more;
+    }
+    return true;
+}
 
 ZOVRELAY_Status Prepare(Request& request, const std::string& url, const TransferSettings& settings, std::string* error) {
     CURL* curl = request.curl.get();
@@ -300,6 +343,12 @@ ZOVRELAY_Status Prepare(Request& request, const std::string& url, const Transfer
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(settings.deadline -
                                                                                 std::chrono::steady_clock::now());
         options.Set(CURLOPT_TIMEOUT_MS, long(std::clamp<int64_t>(left.count(), 1, LONG_MAX)));
+    }
+    if (settings.revalidation != nullptr) {
+        if (!SetRevalidation(request, *settings.revalidation)) return kOutOfMemory;
+        options.Set(CURLOPT_HTTPHEADER, request.headers);
+        options.Set(CURLOPT_HEADERFUNCTION, static_cast<curl_write_callback>(&ReceiveHeader));
+        options.Set(CURLOPT_HEADERDATA, static_cast<void*>(&request));
     }
     if (settings.maxBandwidth > 0) {
         constexpr int64_t kMaxKiB = std::numeric_limits<curl_off_t>::max() / 1024;
@@ -330,6 +379,14 @@ ZOVRELAY_Status Conclude(Request& request, CURLcode result, const TransferSettin
     }
     const bool refused =
         transfer.refusedStatus != 0 || result == CURLE_HTTP_RETURNED_ERROR || (result == CURLE_OK && !IsSuccess(code));
+    if (Revalidation* revalidation = settings.revalidation; revalidation != nullptr && result == CURLE_OK) {
+        // Only a copy we offered can be "not modified": a 304 to an unconditional request is an error.
+        const bool offered = !revalidation->etag.empty() || !revalidation->modified.empty();
+        revalidation->notModified = offered && code == 304;
+        if (!refused || revalidation->notModified)
+            revalidation->answeredEtag = request.etag, revalidation->answeredModified = request.modified;
+        if (revalidation->notModified) return kSuccess;
+    }
     if (result == CURLE_OK && !refused) return kSuccess;
     long connect = 0, proxyError = 0;  // a refused tunnel: the source never answered
     curl_easy_getinfo(curl, CURLINFO_HTTP_CONNECTCODE, &connect);
@@ -372,6 +429,9 @@ void FetchFirstHttp(const std::vector<std::string>& urls, const TransferSettings
     std::unique_ptr<CURLM, CURLMcode (*)(CURLM*)> multi(curl_multi_init(), curl_multi_cleanup);
     std::vector<std::unique_ptr<Request>> requests;
     std::vector<bool> running(urls.size(), false);
+    std::vector<TransferSettings> own(urls.size(), settings);  // each catalog's validators its own
+    for (size_t i = 0; i < urls.size(); ++i)
+        if (settings.revalidation != nullptr) own[i].revalidation = &outcomes[i].revalidation;
     for (size_t i = 0; i < urls.size(); ++i) {
         CURL* curl = curl_easy_init();
         if (curl == nullptr || multi == nullptr) {
@@ -381,7 +441,7 @@ void FetchFirstHttp(const std::vector<std::string>& urls, const TransferSettings
             continue;
         }
         requests.push_back(std::make_unique<Request>(curl, *sinks[i], settings));
-        outcomes[i].status = Prepare(*requests[i], urls[i], settings, &outcomes[i].error);
+        outcomes[i].status = Prepare(*requests[i], urls[i], own[i], &outcomes[i].error);
         running[i] = outcomes[i].status > 0 && curl_multi_add_handle(multi.get(), curl) == CURLM_OK;
         if (outcomes[i].status > 0 && !running[i]) outcomes[i].status = kOutOfMemory;
     }
@@ -394,7 +454,7 @@ void FetchFirstHttp(const std::vector<std::string>& urls, const TransferSettings
                 if (!running[i] || requests[i]->curl.get() != message->easy_handle) continue;
                 curl_multi_remove_handle(multi.get(), message->easy_handle);
                 running[i] = false;
-                outcomes[i].status = Conclude(*requests[i], message->data.result, settings, &outcomes[i].error,
+                outcomes[i].status = Conclude(*requests[i], message->data.result, own[i], &outcomes[i].error,
                                               &outcomes[i].attempt);
             }
         }

@@ -1,6 +1,8 @@
--- Vendor source -> central repository (served by nginx) -> branch repository, every level made by
--- examples/mirror.lua as shipped (clean-up on) under a cron guard's flock on the repository: the
--- branch holds every version the central one holds. Each run removes /dev/shm/sem.zovrelay.
+-- Vendor source -> central repository (served by nginx with examples/nginx-serve.conf) -> branch
+-- repository, every level made by examples/mirror.lua as shipped (clean-up on) under a cron
+-- guard's flock on the repository: the branch holds every version the central one holds, package
+-- bytes are published under names that never change, catalogs are revalidated. Each run removes
+-- /dev/shm/sem.zovrelay.
 local update = require "update"
 local e = require "endtoend"
 
@@ -20,17 +22,19 @@ local function mirror(repository, source)
                            e.quote(top .. "/examples/mirror.lua"), e.quote(repository), e.quote(source)))
 end
 
--- nginx on a free port of 127.0.0.1, its configuration and logs under `directory`.
+-- nginx on a free port of 127.0.0.1 with the shipped server block, its configuration and logs
+-- under `directory`.
 local function nginx(root, directory)
   assert(os.execute("mkdir -p " .. e.quote(directory .. "/tmp")))
   local _, free = run([[python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])']])
   local port = assert(free:match("^(%d+)\n"))
+  local block = e.read(top .. "/examples/nginx-serve.conf"):gsub("@LISTEN@", "127.0.0.1:" .. port):gsub("@ROOT@", root)
   e.write(directory .. "/nginx.conf", ([[
 daemon off; worker_processes 1; user root; pid DIR/nginx.pid; error_log DIR/error.log;
 events { worker_connections 64; }
 http { access_log DIR/access.log; client_body_temp_path DIR/tmp; proxy_temp_path DIR/tmp; fastcgi_temp_path DIR/tmp;
-       uwsgi_temp_path DIR/tmp; scgi_temp_path DIR/tmp; server { listen 127.0.0.1:PORT; root ROOT; } }
-]]):gsub("DIR", directory):gsub("PORT", port):gsub("ROOT", root))
+       uwsgi_temp_path DIR/tmp; scgi_temp_path DIR/tmp; BLOCK }
+]]):gsub("DIR", directory):gsub("BLOCK", function() return block end))
   local quoted = e.quote(directory)
   local pid = assert(tonumber(select(2, run("/usr/sbin/nginx -p " .. quoted .. " -c " .. quoted .. "/nginx.conf >/dev/null 2>&1 & echo $!")):match("%d+")))
   local url, stop = "http://127.0.0.1:" .. port, function() os.execute("kill " .. pid .. " 2>/dev/null") end
@@ -56,23 +60,72 @@ describe("a chain of repositories", function()
     e.rmtree(work)
   end)
 
+  -- The status and headers of a GET, lower-cased.
+  local function get(url)
+    local _, out = run("curl -s -D - -o /dev/null " .. e.quote(url))
+    return out:lower()
+  end
+
+  -- The catalog's component lines: path, size, SHA-256 and offset by identity and version.
+  local function ranges(text)
+    local found = {}
+    for identity, version, path, size, sha, offset in text:gmatch("\n(c%S+) (%S+) (%S+) (%d+) (%x+) (%d+)") do
+      found[#found + 1] = {path = path, size = tonumber(size), sha = sha, offset = tonumber(offset)}
+    end
+    return found
+  end
+
   it("passes every version from the vendor through nginx to a branch", function()
     local vendor, central, branch = work .. "/vendor", work .. "/central", work .. "/branch"
     e.makeSource(vendor, {products = 2, components = 6, size = 5000})
     local status, output = mirror(central, vendor)
     assert.are.equal(0, status, output)
     assert.are.equal(e.INDEX, e.read(central .. "/server.ini"), "the clean-up ran")
+    e.write(central .. "/packages/.c3t4l1p-1r-1o-1_1.0.0.0.part", "half")
     local url
     url, stop = nginx(central, work .. "/nginx")
+    local published = ranges(e.read(central .. "/source.ini"))[1].path
+    assert.is_truthy(published:match("^packages/c.*_merged%.zip%.%x+$"), published)
+    for _, case in ipairs{  -- path, status, a header it must carry
+      {"/source.ini", "200", "cache%-control: no%-cache"}, {"/source.ini", "200", "etag: "},
+      {"/server.ini", "200", "cache%-control: no%-cache"},
+      {"/" .. published, "200", "cache%-control: public, max%-age=%d+, immutable"},
+      {"/.held", "404"}, {"/.verified", "404"}, {"/.lock", "404"}, {"/report.json", "404"},
+      {"/packages/.c3t4l1p-1r-1o-1_1.0.0.0.part", "404"}, {"/packages/", "40[34]"},
+    } do
+      local answer = get(url .. case[1])
+      assert.is_truthy(answer:match("^http/1%.1 " .. case[2]), case[1] .. ": " .. answer)
+      if case[3] then assert.is_truthy(answer:match(case[3]), case[1] .. ": " .. answer) end
+    end
     status, output = mirror(branch, url)
     assert.are.equal(0, status, output)
     assert.is_truthy(output:match("downloaded 5 packages"), output)
     assert.are.same(held(central), held(branch))
     assert.are.equal(5, #e.archives(branch, "merged"))
-    -- A second night: nothing to fetch, and the guard still passes while nothing runs.
+    -- A second night: the kept catalog is revalidated (304), nothing else is asked for; the guard
+    -- still passes while nothing runs.
+    local log = work .. "/nginx/access.log"
+    local before = #e.read(log)
     status, output = mirror(branch, url)
     assert.are.equal(0, status, output)
     assert.is_truthy(output:match("nothing to download"), output)
-    assert.is_truthy(e.read(work .. "/nginx/access.log"):match("\" 206 "), "versions were read as byte ranges")
+    local night = e.read(log):sub(before + 1)
+    assert.is_truthy(night:match("GET /source%.ini HTTP/1%.1\" 304 "), night)
+    assert.is_nil(night:match("\" 200 ") or night:match("\" 206 "), night)
+    assert.is_truthy(e.read(log):match("\" 206 "), "versions were read as byte ranges")
+    -- A new release: the catalog read before it still names bytes that match it, through any cache.
+    local old = ranges(e.read(central .. "/source.ini"))
+    e.makeSource(vendor, {products = 2, components = 6, size = 5000, seed = 2})
+    status, output = mirror(central, vendor)
+    assert.are.equal(0, status, output)
+    assert.are_not.same(old, ranges(e.read(central .. "/source.ini")))
+    for _, entry in ipairs(old) do
+      local _, sum = run(string.format("curl -sf -r %d-%d %s | sha256sum", entry.offset, entry.offset + entry.size - 1,
+                                       e.quote(url .. "/" .. entry.path)))
+      assert.are.equal(entry.sha, sum:match("^(%x+)"), entry.path)
+    end
+    status, output = mirror(branch, url)
+    assert.are.equal(0, status, output)
+    assert.are.same(held(central), held(branch))
   end)
 end)
