@@ -230,6 +230,13 @@ bool Link(int packages, const std::string& merged, const std::string& published)
 
 }  // namespace
 
+bool PublishArchive(int packages, const Identity& identity) {
+    const std::string merged = MergedArchiveName(identity);
+    struct stat info {};
+    if (::fstatat(packages, merged.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(info.st_mode)) return false;
+    return Link(packages, merged, PublishedName(identity, IdentityOf(info)));
+}
+
 bool Publish(int packages, ServedCatalog& served) {
     bool all = true;
     for (auto& [identity, component] : served) {
@@ -298,16 +305,18 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& serve
                               const std::set<std::string>& present, const std::string* sourceCatalog,
                               const std::set<Identity>* hidden, bool sourceCurrent) {
     // Every name source.ini gives exists before it says so; where a link cannot be made the
-    // component is served under its working name, as before names were published.
+    // component is served under its working name, as before names were published. A source.ini
+    // still current was written after its links were made: a night with nothing new makes none.
     ServedCatalog linked;
-    const bool published = Publish(packages, linked = served);
+    const bool published = sourceCurrent || Publish(packages, linked = served);
+    const ServedCatalog& named = sourceCurrent ? served : linked;
     ZOVRELAY_Status status = kSuccess;
     if (!sourceCurrent || !published)
         status = WriteChangedFileAt(root, kSourceCatalogName, sourceCatalog != nullptr && published
                                                                   ? *sourceCatalog
                                                                   : FormatSourceCatalog(linked, hidden));
     if (status <= 0) return status;
-    PrunePublished(packages, linked, present, int64_t(::time(nullptr)));
+    PrunePublished(packages, named, present, int64_t(::time(nullptr)));
     Catalog index;
     std::vector<const Manifest*> manifests;
     // Only components with a per-version archive in packages/ can be indexed: without buildpatch

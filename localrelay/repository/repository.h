@@ -91,6 +91,10 @@ std::string PublishedName(const Identity& identity, const FileIdentity& file);
 // Makes every link `served` names; a component whose link cannot be made (a file system without
 // hard links) is named by its working name instead. False when that happened to any.
 bool Publish(int packages, ServedCatalog& served);
+// Links the published name of the component's merged archive as it is now. A link changes the
+// archive's time of change: a writer links first and then records the archive, so that what it
+// records still holds the next night.
+bool PublishArchive(int packages, const Identity& identity);
 // Removes published links that `served` no longer names, once no other name holds their archive
 // and that has been so for kPublishedSeconds: a catalog read before the replacement, and its
 // ranges, stay good for two nights. `present` is the listing of packages/.

@@ -49,7 +49,6 @@ struct RunContext {
     std::map<Identity, Manifest> final;  // what each planned component holds afterwards
     std::vector<std::string> leaving;    // per-version archives beyond keepcount
     bool servedExact = true;             // state.served is what the repository holds: no write failed half-way
-    bool verifiedChanged = false;
     // Merged archives this run wrote, as seen right after their rename: recorded as held and
     // verified once the run ends if still unchanged then (RecordWritten).
     std::vector<std::pair<std::string, FileIdentity>> written;
@@ -61,7 +60,7 @@ struct RunContext {
     // `at`: when the file was seen with this identity, before its bytes were read.
     void RecordVerified(const std::string& name, const FileIdentity& file, int64_t at) {
         state.verified[name] = Verified{file, at};
-        verifiedChanged = true;
+        state.verifiedChanged = true;
     }
     // The archives this run wrote, vouched for in .held and .verified by a look after their last
     // change's clock tick (waiting out a short tick once), so that the next run need not read them.

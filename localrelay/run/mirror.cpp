@@ -135,11 +135,11 @@ ZOVRELAY_Status Execute(RunContext& run, const HeldView& view) {
     // Archives gone since they were recorded need no record.
     const std::set<std::string>& present = listing.names();
     for (auto record = run.state.verified.begin(); record != run.state.verified.end();) {
-        if (present.count(record->first) == 0) record = run.state.verified.erase(record), run.verifiedChanged = true;
+        if (present.count(record->first) == 0) record = run.state.verified.erase(record), run.state.verifiedChanged = true;
         else ++record;
     }
     run.RecordWritten();
-    if (run.verifiedChanged) WriteVerification(run.root, run.state.verified);  // without it the next run verifies again
+    if (run.state.verifiedChanged) WriteVerification(run.root, run.state.verified);  // without it the next run verifies again
     return status <= 0 ? status : run.failure;
 }
 

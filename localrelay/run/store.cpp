@@ -170,6 +170,7 @@ ZOVRELAY_Status Storer::Replace(const ComponentPlan& plan, const Manifest& next,
     if (status <= 0) return status;
     state.ServedChanged();
     state.cache.Forget(merged);
+    PublishArchive(run_.packages, plan.identity);  // at best: the catalogs' write links what is left
     // Every byte was checked as it was written, and the layout on reopening (so the writer's
     // ranges are the file's): the archive is verified as it is now. It is recorded as such when the
     // run ends, if it has not changed since; the rename gave it a new change time.

@@ -162,6 +162,21 @@ TEST_F(Source, DamageIsFoundAndHealed) {
 
 // An archive replaced under its name by another of the same size and times, only its inode telling
 // them apart, is read again: what the held cache recorded of the old one is not taken for it.
+// What a mirror records of the archives it wrote (after publishing their links, which change
+// their time of change) holds the next night: nights with nothing new rewrite neither record.
+TEST_F(Source, NightsAfterAMirrorReadNothingAgain) {
+    MakeSource("source", 1);
+    Context context(Path("a"));
+    ASSERT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kSuccess);
+    const auto written = [&] { return std::make_pair(fs::last_write_time(Path("a/.verified")), fs::last_write_time(Path("a/.held"))); };
+    const auto before = written();
+    for (int night = 0; night < 2; ++night) {
+        usleep(50000);  // a rewrite would bear another time
+        ASSERT_EQ(Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status, kSuccess);
+        EXPECT_TRUE(written() == before) << "night " << night;
+    }
+}
+
 TEST_F(Source, AnArchiveReplacedUnderItsNameIsReadAgain) {
     const std::string name = std::string(kPattern) + "_merged.zip", mine = Path("a/packages/" + name);
     const timespec hourAgo[2] = {{0, UTIME_OMIT}, {time(nullptr) - 3600, 0}};
