@@ -10,6 +10,7 @@
 #include "run/listing.h"
 #include "run/mirror.h"
 #include "run/plan.h"
+#include "run/quiet.h"
 #include "api/records.h"
 #include "run/report.h"
 #include "repository/repository.h"
@@ -220,6 +221,20 @@ ZOVRELAY_Status Conclude(const Operation& operation, HeldState& state, bool exac
     return status;
 }
 
+// A night the seal answers: the source's catalog is fetched and checked, the event of the download
+// (of nothing) raised, the report left; nothing else is read or written.
+ZOVRELAY_Status Quiet(const Operation& operation, const QuietSeal& seal, const LoadedSource& source, RunLog& log,
+                      RunSummary summary, const VendorSources& vendors, std::vector<ListedProduct>& result) {
+    if (vendors.changed) (void)WriteWholeFileAt(operation.root(), VendorSources::kRecordName, vendors.Format());
+    ZOVRELAY_Status status = kSuccess;
+    if (!operation.events().Raise(ZOVRELAY_EVENT_DOWNLOAD, source.address, 0, 0)) status = kCancelled;
+    if (status > 0) result = seal.result;
+    log.held = seal.planned;
+    summary.heldVersions = seal.heldVersions;
+    Report(operation, log, summary, status, {});
+    return status;
+}
+
 ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, std::vector<ListedProduct>& result) {
     ZOVRELAY_Status status = operation.Lock();
     if (status <= 0) return status;
@@ -229,7 +244,7 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
     summary.started = std::chrono::system_clock::now();
     HeldState state;
     bool exact = true;  // state.served is what the repository holds
-    std::string plan;
+    std::string plan, digest;  // digest: what the run was asked, its catalog included (RequestDigest)
     // Zero products mirror nothing: a filtered mirror that kept nothing must never become a full mirror.
     if (request.productCount > 0) {
         Pool pool;  // the catalog's connection serves the packages too
@@ -237,22 +252,40 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
         size_t served = 0;
         VendorSources vendors = VendorSources::Parse(
             ReadWholeFileAt(operation.root(), VendorSources::kRecordName, 1 << 20).value_or(""));
-        state = ReadHeldStateDuring(operation, [&] {
+        const auto load = [&] {
             const CatalogMemory memory{operation.root(), true};
             status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served, &log,
                                 &vendors, &memory);
-        });
+        };
+        // A night with nothing new: the seal answers, once the catalog is the one it was made for.
+        std::optional<QuietSeal> seal;
+        if (!ReadBackAll() && !KeepsPlan()) seal = ReadQuietSeal(operation.root(), operation.packages(), NowNanoseconds());
+        if (seal) {
+            load();
+            if (status > 0) digest = RequestDigest(request.products, request.productCount, source, operation.options());
+            if (status > 0 && digest == seal->request) return Quiet(operation, *seal, source, log, summary, vendors, result);
+            state = ReadHeldState(operation.root(), operation.packages());
+        } else {
+            state = ReadHeldStateDuring(operation, load);
+        }
+        RemoveQuietSeal(operation.root());
         // At best: a record that cannot be written costs one request the next night, nothing more.
         if (vendors.changed) (void)WriteWholeFileAt(operation.root(), VendorSources::kRecordName, vendors.Format());
         Alternates alternates(request.sources, request.sourceCount, served, operation.options(), &pool);
-        if (status > 0)
+        if (status > 0) {
+            if (digest.empty())
+                digest = RequestDigest(request.products, request.productCount, source, operation.options());
             status = Mirror(operation.repository(), operation.options(), operation.events(), source, request.products,
                             request.productCount, result, leaving, state, exact, &log, &alternates,
                             RunMode{false, ReadBackAll(), KeepsPlan() ? &plan : nullptr});
+        }
     } else {
         state = ReadHeldState(operation.root(), operation.packages());
     }
     status = Conclude(operation, state, exact, leaving, status);
+    // A run that found nothing to do and left everything as it should be seals the repository.
+    if (status == kSuccess && request.productCount > 0 && log.size() == 0 && leaving.empty() && exact)
+        WriteQuietSeal(operation.root(), operation.packages(), digest, result, state, log.held);
     if (!plan.empty()) KeepPlan(std::move(plan));
     Report(operation, log, summary, status, state.served);
     return status;

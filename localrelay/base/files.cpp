@@ -194,7 +194,8 @@ std::optional<std::string> ReadWholeFileAt(int directory, const std::string& nam
     const FileDescriptor fd(OpenFileAt(directory, name));
     struct stat info {};
     if (fd.get() < 0 || ::fstat(fd.get(), &info) != 0 || uint64_t(info.st_size) > limit) return std::nullopt;
-    std::string text(size_t(info.st_size), '\0');
+    // A byte more than the file holds: the read that finds its end needs no growth (and no copy).
+    std::string text(std::min(size_t(info.st_size), limit) + 1, '\0');
     size_t done = 0;
     while (true) {  // to the end, in case it grew since the fstat
         if (done == text.size()) text.resize(std::min(limit + 1, text.size() + 65536));

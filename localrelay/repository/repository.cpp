@@ -230,6 +230,8 @@ bool Link(int packages, const std::string& merged, const std::string& published)
 
 }  // namespace
 
+bool IsPublishedName(std::string_view name) { return PublishedIdentity(name).has_value(); }
+
 bool PublishArchive(int packages, const Identity& identity) {
     const std::string merged = MergedArchiveName(identity);
     struct stat info {};

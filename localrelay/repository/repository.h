@@ -95,6 +95,7 @@ bool Publish(int packages, ServedCatalog& served);
 // archive's time of change: a writer links first and then records the archive, so that what it
 // records still holds the next night.
 bool PublishArchive(int packages, const Identity& identity);
+bool IsPublishedName(std::string_view name);  // "<identity>_merged.zip.<hex digits>"
 // Removes published links that `served` no longer names, once no other name holds their archive
 // and that has been so for kPublishedSeconds: a catalog read before the replacement, and its
 // ranges, stay good for two nights. `present` is the listing of packages/.

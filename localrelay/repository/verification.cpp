@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdint>
 #include <vector>
 
 #include <algorithm>
@@ -85,12 +86,17 @@ std::optional<std::string> FileDigest(int fd) {
     }
 }
 
-bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now) {
+int64_t VerificationDue(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now) {
     const auto found = record.find(name);
-    if (found == record.end() || !(found->second.file == file)) return true;
+    if (found == record.end() || !(found->second.file == file) || !RecordedAfterChange(file, found->second.at, now))
+        return INT64_MIN;
     const int64_t interval =
         (kVerificationInterval - int64_t(std::hash<std::string>{}(name) % (kVerificationInterval / 2))) * 1000000000;
-    return !RecordedAfterChange(file, found->second.at, now) || now - found->second.at >= interval;
+    return found->second.at + interval;
+}
+
+bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now) {
+    return now >= VerificationDue(record, name, file, now);
 }
 
 }  // namespace localrelay

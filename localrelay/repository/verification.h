@@ -47,6 +47,8 @@ std::optional<std::string> FileDigest(int fd);
 // half of it, by a fraction that the name decides: archives verified together the first time fall
 // due on different nights after, so no night reads the whole repository back.
 bool NeedsVerification(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now);
+// When that falls due (nanoseconds); INT64_MIN when it is due whatever the time.
+int64_t VerificationDue(const VerificationRecord& record, const std::string& name, const FileIdentity& file, int64_t now);
 
 }  // namespace localrelay
 

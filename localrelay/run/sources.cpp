@@ -60,7 +60,7 @@ std::string Digest(const std::string& text) {
 std::string MemoryName(const std::string& address) { return ".catalog-" + Digest(address).substr(0, 16); }
 
 struct Kept {
-    std::string etag, modified, text;
+    std::string etag, modified, text, sha256;
 };
 
 // The kept copy of the catalog at `address`; nothing unless the record is whole, for this address,
@@ -78,8 +78,8 @@ std::optional<Kept> Recall(const CatalogMemory* memory, const std::string& addre
         fields.emplace_back(line.substr(std::strlen(key)));
         at = end + 1;
     }
-    Kept kept{fields[1], fields[2], record->substr(at)};
-    if (fields[0] != address || Digest(kept.text) != fields[3]) return std::nullopt;
+    Kept kept{fields[1], fields[2], record->substr(at), fields[3]};
+    if (fields[0] != address || Digest(kept.text) != kept.sha256) return std::nullopt;
     return kept;
 }
 
@@ -196,7 +196,7 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
     for (const char* name : {kSourceCatalogName, kIndexName}) {
         if (vendor && name == kSourceCatalogName) continue;
         const size_t k = name == kSourceCatalogName ? 0 : 1;
-        std::string text, error;
+        std::string text, error, digest;  // digest: known already for a kept copy
         const std::string& address = addresses[k];
         bool transient = false;
         ZOVRELAY_Status status;
@@ -207,8 +207,8 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
             TransferSettings settings = catalogSettings;
             if (http) settings.revalidation = &revalidation;
             status = FetchText(address, settings, text, limit, &error, &transient);
-            if (status > 0 && revalidation.notModified) text = copy->text;
-            if (status > 0 && http) Keep(memory, address, revalidation, text);
+            if (status > 0 && revalidation.notModified) text = copy->text, digest = copy->sha256;
+            if (status > 0 && http && !revalidation.notModified) Keep(memory, address, revalidation, text);
         } else {
             status = first[k].status, error = first[k].error, text = std::move(texts[k]);
             if (status > 0) Keep(memory, address, first[k].revalidation, text);
@@ -234,6 +234,7 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
         }
         candidate.catalog = std::move(*catalog);
         candidate.catalogName = name;
+        candidate.textDigest = digest.empty() ? Digest(text) : digest;
         return kSuccess;
     }
     return refusal.status;

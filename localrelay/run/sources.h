@@ -19,6 +19,7 @@ struct LoadedSource {
     TransferSettings settings;  // the context's limits with this source's proxy
     Catalog catalog;
     std::string catalogName;  // the file it came from: source.ini of a repository, else server.ini
+    std::string textDigest;   // the SHA-256 of the catalog's text
 };
 
 // HTTP sources that answered source.ini with 404 (a vendor's server, not a repository of ours),
