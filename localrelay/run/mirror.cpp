@@ -139,7 +139,7 @@ ZOVRELAY_Status Execute(RunContext& run, const HeldView& view) {
         else ++record;
     }
     run.RecordWritten();
-    if (run.verifiedChanged) WriteVerification(run.root, run.state.verified);  // without it the next run verifies again
+    if (run.verifiedChanged || run.state.verifiedChanged) WriteVerification(run.root, run.state.verified);  // without it the next run verifies again
     return status <= 0 ? status : run.failure;
 }
 

@@ -28,7 +28,7 @@ void ReadBack(int packages, HeldState& state, const Identity& identity, HeldView
     std::vector<Version> damaged;
     for (const HeldVersion& held : archive->manifest().versions)
         if (archive->Verify(held) <= 0) damaged.push_back(held.version);
-    if (damaged.empty()) state.verified[name] = Verified{archive->file(), seen};
+    if (damaged.empty()) state.verified[name] = Verified{archive->file(), seen}, state.verifiedChanged = true;
     else view.damaged[identity] = damaged;
     // What source.ini serves of it comes from the archive's own layout again, not from a record,
     // and never a version that failed just now: the held cache keeps no range for it (so nothing

@@ -23,6 +23,9 @@ struct HeldState {
     std::optional<std::string> sourceCatalog;  // source.ini's text for `served`, while that is unchanged
     VerificationRecord verified;
     bool sourceCurrent = false;  // source.ini on disk is that text (the held cache vouches for it)
+    // A read-back renewed a record of `verified`: unless it is written, the archive is read back
+    // again every night instead of when next due.
+    bool verifiedChanged = false;
 
     void ServedChanged() {  // `served` (or source.ini) changed: the catalog is formatted again
         sourceCatalog.reset();
