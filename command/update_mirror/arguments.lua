@@ -26,7 +26,7 @@ local DOC = {
     "exits 5 without touching anything, so no lock file is needed.",
     "Every answer about a run comes from the relay itself: the dry run is the relay planning the " ..
     "run without writing anything, so what it lists is what the run then does. A mirror reads " ..
-    "each held archive back in full about once a week (each on its own night of the week); " ..
+    "each held archive back in full at most a week apart (each at its own interval, spread over the nights); " ..
     "--verify reads every one back now and reports the damage, --repair does the same and heals " ..
     "it as a nightly run would (downloading again what the source still offers, dropping the rest).",
   },

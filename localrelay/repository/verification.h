@@ -2,7 +2,7 @@
 // would cost more than the mirror itself, so each merged archive is verified when it changed since
 // its last full verification (another size, modification or change time, or inode: rewritten,
 // replaced, restored from a backup, or bytes rewritten in place with the modification time set
-// back) and otherwise at least once a week. The record is the hidden file
+// back) and otherwise at most a week after its last one (see NeedsVerification). The record is the hidden file
 // ".verified" in the repository's root, which the module's clean-up never touches.
 #ifndef LOCALRELAY_VERIFICATION_H
 #define LOCALRELAY_VERIFICATION_H

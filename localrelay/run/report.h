@@ -1,7 +1,7 @@
 // What a mirroring operation leaves behind for its administrator: report.json in the repository's
 // root (the run in full, for people and scripts) and a metrics file in the Prometheus text format
-// for node_exporter's textfile collector. Both are replaced whole by rename; README.md describes
-// their contents.
+// for node_exporter's textfile collector. Both are replaced whole by rename; docs/relay-report.md
+// describes their contents.
 #ifndef LOCALRELAY_REPORT_H
 #define LOCALRELAY_REPORT_H
 

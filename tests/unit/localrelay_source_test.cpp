@@ -146,6 +146,20 @@ TEST_F(Source, DamageIsFoundAndHealed) {
         EXPECT_EQ(c.restampedAge == 0 ? Lines() : lies, Lines()) << c.what;
         if (!c.healed) flip(false);  // undo, so the next case starts sound
     }
+    // A sound archive read back when due is recorded afresh: otherwise every later night reads it again.
+    {
+        Context context(central);
+        Configure(context.handle);
+        const auto mirror = [&] { return Call(ZOVRELAY_Duplicate, context.handle, Request().Source(Path("source")).Product(kProduct0)).status; };
+        ASSERT_EQ(mirror(), kSuccess);  // a night with nothing new, so that the read-back is all that changes
+        restamp(kWeek);
+        ASSERT_EQ(mirror(), kSuccess);
+    }
+    const std::string record = ReadFile(central + "/.verified"), line = fs::path(archive).filename().string() + " ";
+    const size_t at = record.find(line), end = record.find('\n', at);
+    ASSERT_NE(at, std::string::npos);
+    const int64_t verifiedAt = std::stoll(record.substr(record.rfind(' ', end) + 1, end));
+    EXPECT_GT(verifiedAt, (int64_t(time(nullptr)) - 3600) * 1000000000) << "the read-back was not recorded";
     // A per-version archive is checked the same way and written again from its merged archive.
     MakeSource("source", 2);
     Context context(Path("repo"));

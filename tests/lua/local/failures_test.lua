@@ -1,6 +1,6 @@
 -- Each failure an administrator must tell apart, provoked for real against servers started here
 -- (nginx, tinyproxy): its status, its message naming what and why, and the run report, checked
--- against the shape localrelay/README.md documents. Then certificates of an organisation's own CA.
+-- against the shape docs/relay-report.md documents. Then certificates of an organisation's own CA.
 -- Operations open relay contexts, so this suite takes the lock on /dev/shm/sem.zovrelay.
 local update = require "update"
 local cjson = require "cjson"
