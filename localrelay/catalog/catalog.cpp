@@ -237,6 +237,38 @@ bool ByIdentityVersion(const Component& a, const Component& b) {
     return std::tie(a.identity, a.version) < std::tie(b.identity, b.version);
 }
 
+// Sorts the components' indexes by identity and version into `order`; answers the line (from
+// `lines`) of the first repetition of an identity and version, or SIZE_MAX.
+size_t FirstRepeated(const std::vector<Component>& components, const std::vector<uint32_t>& lines,
+                     std::vector<uint32_t>& order) {
+    order.resize(components.size());
+    std::iota(order.begin(), order.end(), 0u);
+    std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
+        return ByIdentityVersion(components[a], components[b]) || (!ByIdentityVersion(components[b], components[a]) && a < b);
+    });
+    size_t repeated = SIZE_MAX;
+    for (size_t k = 1; k < order.size(); ++k) {
+        const Component& a = components[order[k - 1]];
+        const Component& b = components[order[k]];
+        if (a.identity == b.identity && a.version == b.version) repeated = std::min<size_t>(repeated, lines[order[k]]);
+    }
+    return repeated;
+}
+
+// The reason when a product names a component the catalog does not list; empty when none does.
+std::string ComponentNotListed(const Catalog& catalog, const std::vector<uint32_t>& order) {
+    const std::vector<Component>& components = catalog.components;
+    for (const Product& product : catalog.products) {
+        for (const Identity& identity : product.components) {
+            const auto found = std::lower_bound(order.begin(), order.end(), identity,
+                                                [&](uint32_t i, const Identity& x) { return components[i].identity < x; });
+            if (found == order.end() || components[*found].identity != identity)
+                return "product " + FormatIdentity(product.identity) + " names a component not listed: " + FormatIdentity(identity);
+        }
+    }
+    return "";
+}
+
 }  // namespace
 
 std::optional<Catalog> ParseCatalog(std::string_view text, std::string* error) {
@@ -295,33 +327,12 @@ std::optional<Catalog> ParseCatalog(std::string_view text, std::string* error) {
     }
     // Components by identity and version: the same pair twice is refused at the line that
     // repeats it (unless a line before it was malformed), and products look their components up.
-    const std::vector<Component>& components = catalog.components;
-    std::vector<uint32_t> order(components.size());
-    std::iota(order.begin(), order.end(), 0u);
-    std::sort(order.begin(), order.end(), [&](uint32_t a, uint32_t b) {
-        return ByIdentityVersion(components[a], components[b]) || (!ByIdentityVersion(components[b], components[a]) && a < b);
-    });
-    size_t repeated = SIZE_MAX;
-    for (size_t k = 1; k < order.size(); ++k) {
-        const Component& a = components[order[k - 1]];
-        const Component& b = components[order[k]];
-        if (a.identity == b.identity && a.version == b.version) repeated = std::min<size_t>(repeated, lines[order[k]]);
-    }
+    std::vector<uint32_t> order;
+    const size_t repeated = FirstRepeated(catalog.components, lines, order);
     if (repeated != SIZE_MAX && (reason.empty() || number == 0 || repeated < number))
         reason = "component listed twice", number = repeated;
     std::vector<uint32_t>().swap(lines);
-    for (size_t p = 0; reason.empty() && p < catalog.products.size(); ++p) {
-        for (const Identity& identity : catalog.products[p].components) {
-            const auto found = std::lower_bound(order.begin(), order.end(), identity,
-                                                [&](uint32_t i, const Identity& x) { return components[i].identity < x; });
-            if (found == order.end() || components[*found].identity != identity) {
-                reason = "product " + FormatIdentity(catalog.products[p].identity) + " names a component not listed: " +
-                         FormatIdentity(identity);
-                number = 0;
-                break;
-            }
-        }
-    }
+    if (reason.empty() && !(reason = ComponentNotListed(catalog, order)).empty()) number = 0;
     if (reason.empty()) return catalog;
     if (error != nullptr) *error = number > 0 ? "line " + std::to_string(number) + ": " + reason : reason;
     return std::nullopt;
