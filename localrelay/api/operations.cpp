@@ -283,9 +283,10 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
         state = ReadHeldState(operation.root(), operation.packages());
     }
     status = Conclude(operation, state, exact, leaving, status);
-    // A run that found nothing to do and left everything as it should be seals the repository.
-    if (status == kSuccess && request.productCount > 0 && log.size() == 0 && leaving.empty() && exact)
-        WriteQuietSeal(operation.root(), operation.packages(), digest, result, state, log.held);
+    // A run that left nothing for the next to do seals the repository.
+    const std::optional<uint64_t> held = HeldNextNight(log);
+    if (status == kSuccess && request.productCount > 0 && held && leaving.empty() && exact)
+        WriteQuietSeal(operation.root(), operation.packages(), digest, result, state, *held);
     if (!plan.empty()) KeepPlan(std::move(plan));
     Report(operation, log, summary, status, state.served);
     return status;

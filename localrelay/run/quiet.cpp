@@ -213,4 +213,15 @@ void WriteQuietSeal(int root, int packages, const std::string& request, const st
 
 void RemoveQuietSeal(int root) { RemoveAt(root, kQuietSealName); }
 
+std::optional<uint64_t> HeldNextNight(const RunLog& log) {
+    const auto stored = [](const std::string& action, ZOVRELAY_Status status) {
+        return (action == "download" || action == "heal") && status > 0;
+    };
+    for (const PackageOutcome& outcome : log.packages)
+        if (!stored(outcome.action, outcome.status)) return std::nullopt;
+    for (const RunLog::Counted& counted : log.counted)
+        if (!counted.download || counted.status <= 0) return std::nullopt;
+    return log.held + log.size();
+}
+
 }  // namespace localrelay

@@ -20,6 +20,7 @@
 
 #include "run/listing.h"
 #include "run/options.h"
+#include "run/runlog.h"
 #include "run/sources.h"
 #include "run/survey.h"
 
@@ -56,6 +57,10 @@ std::optional<QuietSeal> ReadQuietSeal(int root, int packages, int64_t now);
 void WriteQuietSeal(int root, int packages, const std::string& request, const std::vector<ListedProduct>& result,
                     const HeldState& state, uint64_t planned);
 void RemoveQuietSeal(int root);
+
+// What the next night's plan will find held already, when the run leaves nothing for it to do
+// (every package it acted on downloaded or healed, and stored): so a mirror seals its own result.
+std::optional<uint64_t> HeldNextNight(const RunLog& log);
 
 }  // namespace localrelay
 
