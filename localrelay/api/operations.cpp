@@ -229,6 +229,7 @@ ZOVRELAY_Status Quiet(const Operation& operation, const QuietSeal& seal, const L
     ZOVRELAY_Status status = kSuccess;
     if (!operation.events().Raise(ZOVRELAY_EVENT_DOWNLOAD, source.address, 0, 0)) status = kCancelled;
     if (status > 0) result = seal.result;
+    if (KeepsPlan()) KeepPlan(std::string(seal.plan));
     log.held = seal.planned;
     summary.heldVersions = seal.heldVersions;
     Report(operation, log, summary, status, {});
@@ -259,7 +260,8 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
         };
         // A night with nothing new: the seal answers, once the catalog is the one it was made for.
         std::optional<QuietSeal> seal;
-        if (!ReadBackAll() && !KeepsPlan()) seal = ReadQuietSeal(operation.root(), operation.packages(), NowNanoseconds());
+        if (!ReadBackAll()) seal = ReadQuietSeal(operation.root(), operation.packages(), NowNanoseconds());
+        if (seal && KeepsPlan() && seal->plan.empty()) seal.reset();
         if (seal) {
             load();
             if (status > 0) digest = RequestDigest(request.products, request.productCount, source, operation.options());
@@ -286,7 +288,8 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
     // A run that left nothing for the next to do seals the repository.
     const std::optional<uint64_t> held = HeldNextNight(log);
     if (status == kSuccess && request.productCount > 0 && held && leaving.empty() && exact)
-        WriteQuietSeal(operation.root(), operation.packages(), digest, result, state, *held);
+        WriteQuietSeal(operation.root(), operation.packages(), digest, result, state, *held,
+                       log.size() == 0 ? plan : std::string());
     if (!plan.empty()) KeepPlan(std::move(plan));
     Report(operation, log, summary, status, state.served);
     return status;

@@ -19,8 +19,9 @@ namespace {
 constexpr std::string_view kHeader = "zovrelay-quiet 1\n";
 constexpr size_t kSealLimit = size_t(256) << 20;
 constexpr const char* kPackagesPrefix = "packages/";
-// The records a night reads, beside every file in packages/ (and packages/ itself).
-constexpr const char* kRecords[] = {kHeldCacheName, kVerificationName, kSourceCatalogName, kIndexName};
+// The records a night reads, beside every file in packages/ (and packages/ itself). Not server.ini:
+// nothing reads it, and the module's clean-up resets it after every mirror.
+constexpr const char* kRecords[] = {kHeldCacheName, kVerificationName, kSourceCatalogName};
 
 template <typename T>
 void Add(Sha256& digest, const T& value) {
@@ -124,6 +125,7 @@ std::string FormatSeal(const QuietSeal& seal) {
         text += "\n";
     }
     for (const auto& [name, file] : seal.files) text += "file " + FormatIdentity(file) + " " + name + "\n";
+    if (!seal.plan.empty() && seal.plan.find('\n') == std::string::npos) text += "plan " + seal.plan + "\n";
     return text + "end\n";
 }
 
@@ -152,6 +154,8 @@ std::optional<QuietSeal> ParseSeal(std::string_view text) {
             product.components.reserve(size_t(std::count(next.begin(), next.end(), ' ')) + 1);
             while (!next.empty())
                 if (!Unhex(Field(next), &product.components.emplace_back(), sizeof(ZOVRELAY_EntityItem))) return std::nullopt;
+        } else if (kind == "plan") {
+            seal.plan = std::string(next);
         } else if (kind == "file") {
             FileIdentity file;
             if (!ParseIdentity(next, file) || next.empty()) return std::nullopt;
@@ -174,8 +178,8 @@ std::optional<QuietSeal> ReadQuietSeal(int root, int packages, int64_t now) {
 }
 
 void WriteQuietSeal(int root, int packages, const std::string& request, const std::vector<ListedProduct>& result,
-                    const HeldState& state, uint64_t planned) {
-    QuietSeal seal{request, 0, INT64_MAX, 0, planned, result, {}};
+                    const HeldState& state, uint64_t planned, const std::string& plan) {
+    QuietSeal seal{request, 0, INT64_MAX, 0, planned, result, {}, plan};
     for (const auto& [identity, served] : state.served) seal.heldVersions += served.manifest.versions.size();
     const std::set<std::string> names = NamesIn(packages);
     std::set<std::string> versioned;

@@ -36,6 +36,7 @@ struct QuietSeal {
     uint64_t planned = 0;        // and packages of the plan held already
     std::vector<ListedProduct> result;
     std::vector<std::pair<std::string, FileIdentity>> files;  // "packages/" names and the root's records
+    std::string plan;  // the plan (FormatPlan) of a sealing run that had nothing to do and kept it
 };
 
 // SHA-256 (hex) of the products asked for, the serving source (address, catalog, proxy), the
@@ -53,9 +54,10 @@ std::optional<QuietSeal> ReadQuietSeal(int root, int packages, int64_t now);
 
 // Seals the repository as a run with nothing to do left it; nothing when some held archive is due
 // for a read-back or not on record. `state` is the run's held state after it concluded, `planned`
-// its count of packages held already.
+// its count of packages held already, `plan` its plan when it had nothing to do and kept one (the
+// plan of every night after, as long as the seal holds).
 void WriteQuietSeal(int root, int packages, const std::string& request, const std::vector<ListedProduct>& result,
-                    const HeldState& state, uint64_t planned);
+                    const HeldState& state, uint64_t planned, const std::string& plan);
 void RemoveQuietSeal(int root);
 
 // What the next night's plan will find held already, when the run leaves nothing for it to do
