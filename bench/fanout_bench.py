@@ -21,30 +21,15 @@ import tempfile
 import threading
 import time
 
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ports import free_port, wait_port  # noqa: E402
+
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BUILD = os.environ.get("UPDATE_BUILD_DIR", os.path.join(TOP, "build"))
 BRANCHES = int(os.environ.get("BENCH_BRANCHES", "16"))
 MAKESOURCE = os.path.join(BUILD, "tools", "makesource")
 COMMAND = os.path.join(TOP, "command", "update-mirror.lua")
 SQUID = shutil.which("squid") or ("/usr/sbin/squid" if os.path.exists("/usr/sbin/squid") else None)
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
-def wait_port(port, process):
-    for _ in range(500):
-        if process.poll() is not None:
-            raise SystemExit("a server did not start: %s" % " ".join(process.args))
-        try:
-            socket.create_connection(("127.0.0.1", port), 0.2).close()
-            return
-        except OSError:
-            time.sleep(0.02)
-    raise SystemExit("port %d never opened" % port)
 
 
 NGINX = """daemon off; worker_processes 1; %(user)s error_log %(w)s/error.log; pid %(w)s/nginx.pid;

@@ -21,30 +21,15 @@ import sys
 import tempfile
 import time
 
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from ports import free_port, wait_port  # noqa: E402
+
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BUILD = os.environ.get("UPDATE_BUILD_DIR", os.path.join(TOP, "build"))
 RUNS = int(os.environ.get("BENCH_RUNS", "5"))
 ONLY = os.environ.get("BENCH_ONLY", "")  # comma-separated scenario names, empty: all
 RELAY = os.path.join(BUILD, "bench", "relaymirror")
 MAKESOURCE = os.path.join(BUILD, "tools", "makesource")
-
-
-def free_port():
-    with socket.socket() as s:
-        s.bind(("127.0.0.1", 0))
-        return s.getsockname()[1]
-
-
-def wait_port(port, process):
-    for _ in range(500):
-        if process.poll() is not None:
-            raise SystemExit("a server did not start: %s" % process.args)
-        try:
-            socket.create_connection(("127.0.0.1", port), 0.2).close()
-            return
-        except OSError:
-            time.sleep(0.02)
-    raise SystemExit("port %d never opened" % port)
 
 
 class Servers:
