@@ -34,20 +34,7 @@ uint64_t WriteCatalog(const std::string& directory, unsigned components) {
 int Operate(const std::string& operation, const std::string& repository, const std::string& source) {
     ::setenv("UPDATE_MAX_CATALOG_MIB", "1024", 1);
     ZOVRELAY_Startup(nullptr);
-    ZOVRELAY_Context* context = nullptr;
-    const std::wstring path(repository.begin(), repository.end()), url(source.begin(), source.end());
-    if (ZOVRELAY_CreateContext(&context, path.c_str()) <= 0) return 1;
-    ZOVRELAY_SetOption(context, 23, 1);
-    ZOVRELAY_SetStringOption(context, 22, L"zip");
-    ZOVRELAY_EntityItem product{1, 100, 1, -1, -1, -1, {0, 0, 0, 0}};
-    ZOVRELAY_Product request{product, nullptr, 0};
-    ZOVRELAY_Source from{const_cast<wchar_t*>(url.c_str()), {0, 0}, nullptr};
-    ZOVRELAY_Information* information = nullptr;
-    const ZOVRELAY_Status status = operation == "plan" ? ZOVRELAY_Duplicate(context, &request, 1, &from, 1, &information)
-                                                       : ZOVRELAY_GetInformation(context, &request, 1, &from, 1, &information);
-    ZOVRELAY_DestroyData(information);
-    ZOVRELAY_DestroyContext(context);
-    return status > 0 ? 0 : 1;
+    return PlanProduct(repository, source, operation == "plan") > 0 ? 0 : 1;
 }
 
 struct Figures {

@@ -307,4 +307,21 @@ void Report(const std::string& figure, double value, const std::string& peerName
     std::fflush(stdout);
 }
 
+ZOVRELAY_Status PlanProduct(const std::string& repository, const std::string& source, bool mirror) {
+    ZOVRELAY_Context* context = nullptr;
+    const std::wstring path(repository.begin(), repository.end()), url(source.begin(), source.end());
+    if (ZOVRELAY_CreateContext(&context, path.c_str()) <= 0) return 0;
+    ZOVRELAY_SetOption(context, 23, 1);
+    ZOVRELAY_SetStringOption(context, 22, L"zip");
+    ZOVRELAY_EntityItem product{1, 100, 1, -1, -1, -1, {0, 0, 0, 0}};
+    ZOVRELAY_Product request{product, nullptr, 0};
+    ZOVRELAY_Source from{const_cast<wchar_t*>(url.c_str()), {0, 0}, nullptr};
+    ZOVRELAY_Information* information = nullptr;
+    const ZOVRELAY_Status status = mirror ? ZOVRELAY_Duplicate(context, &request, 1, &from, 1, &information)
+                                          : ZOVRELAY_GetInformation(context, &request, 1, &from, 1, &information);
+    ZOVRELAY_DestroyData(information);
+    ZOVRELAY_DestroyContext(context);
+    return status;
+}
+
 }  // namespace bench

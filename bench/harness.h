@@ -84,6 +84,10 @@ private:
     std::thread acceptor_;
 };
 
+// Product c1t100 of `source` through ZOVRELAY_Duplicate (`mirror`) or ZOVRELAY_GetInformation,
+// every package excluded by its file type, so that a mirror plans and downloads nothing.
+ZOVRELAY_Status PlanProduct(const std::string& repository, const std::string& source, bool mirror);
+
 // Mirrors every product of the catalog at `catalog` (a local server.ini) from `source` into a new
 // repository at `repository`, through ZOVRELAY_Duplicate.
 ZOVRELAY_Status Mirror(const std::string& repository, const std::string& source, const std::string& catalog,

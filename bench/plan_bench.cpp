@@ -22,23 +22,9 @@ void WriteCatalog(const std::string& directory, unsigned components) {
 }
 
 double Timed(const std::string& repository, const std::string& source, bool mirror) {
-    ZOVRELAY_Context* context = nullptr;
-    const std::wstring path(repository.begin(), repository.end()), url(source.begin(), source.end());
-    Check(ZOVRELAY_CreateContext(&context, path.c_str()) > 0, "no context");
-    ZOVRELAY_SetOption(context, 23, 1);
-    ZOVRELAY_SetStringOption(context, 22, L"zip");
-    ZOVRELAY_EntityItem product{1, 100, 1, -1, -1, -1, {0, 0, 0, 0}};
-    ZOVRELAY_Product request{product, nullptr, 0};
-    ZOVRELAY_Source from{const_cast<wchar_t*>(url.c_str()), {0, 0}, nullptr};
-    ZOVRELAY_Information* information = nullptr;
     ZOVRELAY_Status status = 0;
-    const double seconds = Seconds([&] {
-        status = mirror ? ZOVRELAY_Duplicate(context, &request, 1, &from, 1, &information)
-                        : ZOVRELAY_GetInformation(context, &request, 1, &from, 1, &information);
-    });
+    const double seconds = Seconds([&] { status = PlanProduct(repository, source, mirror); });
     Check(status > 0, "operation failed: " + std::to_string(status));
-    ZOVRELAY_DestroyData(information);
-    ZOVRELAY_DestroyContext(context);
     return seconds;
 }
 
