@@ -23,6 +23,7 @@ struct HeldState {
     std::optional<std::string> sourceCatalog;  // source.ini's text for `served`, while that is unchanged
     VerificationRecord verified;
     bool sourceCurrent = false;  // source.ini on disk is that text (the held cache vouches for it)
+    const SigningKey* signer = nullptr;  // the repository signs its catalogs with it
 
     void ServedChanged() {  // `served` (or source.ini) changed: the catalog is formatted again
         sourceCatalog.reset();
