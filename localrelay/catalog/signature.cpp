@@ -265,7 +265,8 @@ bool AddTrustedKeys(TrustedKeys& trusted, std::string_view text, const std::stri
         if (!line.empty() && line.back() == '\r') line.remove_suffix(1);
         const std::vector<std::string_view> fields = Fields(line);
         if (fields.empty() || fields[0][0] == '#') continue;
-        const std::string where = origin + " line " + std::to_string(number) + ": ";
+        const std::string where =
+            origin + " line " + std::to_string(number) + (fields.size() > 1 ? " (" + std::string(fields[0]) + ")" : "") + ": ";
         if (fields.size() != 2) {
             error = where + "not \"<source address> <public key>\"";
             return false;

@@ -78,7 +78,7 @@ namespace {
 // In the root only the temporaries of our own files count: someone else's ".notes.tmp" stays.
 bool IsRootTemporaryName(std::string_view name) {
     for (const std::string_view file : {kIndexName, kSourceCatalogName, ".verified", kHeldCacheName, kSourceSignatureName,
-                                        kIndexSignatureName}) {
+                                        kIndexSignatureName, kGenerationsName}) {
         const std::string prefix = TemporaryPrefix(file);
         if (name.size() > prefix.size() && name.substr(0, prefix.size()) == prefix && EndsWith(name, kTemporarySuffix))
             return true;

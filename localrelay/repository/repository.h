@@ -26,6 +26,8 @@ inline constexpr const char* kIndexName = "server.ini";
 // Their signature files, when the repository signs its catalogs (repository/signing.h).
 inline constexpr const char* kSourceSignatureName = "source.ini.sig";
 inline constexpr const char* kIndexSignatureName = "server.ini.sig";
+// A mirror's record of the last catalog generation it accepted from each signed source.
+inline constexpr const char* kGenerationsName = ".catalog-generations";
 
 // Our temporaries are hidden and never end in ".zip", so the module's clean-up, which runs
 // without the lock, never takes one for an archive: ".<name>.part" for downloads,

@@ -101,8 +101,6 @@ struct Keeping {
     std::string text;
 };
 
-constexpr const char* kGenerationsName = ".catalog-generations";
-
 // The last generation accepted from the catalog at `address`; 0 when none was.
 uint64_t AcceptedGeneration(const CatalogMemory* memory, const std::string& address) {
     if (memory == nullptr || memory->root < 0) return 0;
