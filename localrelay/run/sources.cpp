@@ -115,9 +115,10 @@ uint64_t AcceptedGeneration(const CatalogMemory* memory, const std::string& addr
     return generation;
 }
 
-void RecordGeneration(const CatalogMemory* memory, const std::string& address, uint64_t generation) {
+// Only a writer records, and only a generation above the one accepted before.
+void RecordGeneration(const CatalogMemory* memory, const std::string& address, uint64_t generation, uint64_t accepted) {
     if (memory == nullptr || !memory->keep || memory->root < 0 || address.find('\n') != std::string::npos ||
-        generation <= AcceptedGeneration(memory, address))
+        generation <= accepted)
         return;
     std::istringstream lines(ReadWholeFileAt(memory->root, kGenerationsName, 1 << 24).value_or(""));
     std::string text = std::to_string(generation) + " " + address + "\n";
@@ -159,7 +160,7 @@ std::string Authenticate(const LoadedSource& candidate, const std::string& name,
             CheckSignature(*keys, name, text, found ? std::optional<std::string>(signature.text) : std::nullopt, accepted);
         if (verdict.refusal.empty()) {
             keeping.push_back(std::move(signature));
-            RecordGeneration(memory, address, verdict.generation);
+            RecordGeneration(memory, address, verdict.generation, accepted);
             return "";
         }
         Keeping again;
