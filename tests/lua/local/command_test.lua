@@ -176,12 +176,16 @@ describe("update-mirror", function()
     local repository, openKey = e.quote(work .. "/busy"), work .. "/open-key.pem"
     e.write(openKey, "a key anyone may read")
     os.execute("chmod 644 " .. e.quote(openKey))
+    local trusting = work .. "/trusting.conf"  -- the source signs nothing
+    e.write(trusting, string.format("repository = %q sources = %q trusted_keys = {[%q] = %q}", work .. "/trusting", url, url,
+                                    ("ab"):rep(32)))
     local cases = {  -- arguments, prefix, exit status, the line on standard error
       {"--repository /dev/null/x --source " .. url, nil, 4, "repository not accessible %(not a directory%): /dev/null/x %(status %-3%)"},
       {"--repository " .. repository .. " --source " .. url, "mkdir -p " .. repository .. " && flock " .. repository .. "/.lock",
        5, "repository is busy: [^\n]*/busy/%.lock %(status %-9%)"},
       {"--repository " .. repository .. " --source " .. e.quote(work .. "/nowhere"), nil, 3, "no such file: .*/nowhere/server%.ini %(status %-5%)"},
       {"--repository " .. repository .. " --frobnicate", nil, 2, "unknown option %-%-frobnicate"},
+      {"-c " .. e.quote(trusting) .. " --dry-run", nil, 3, "planning failed: catalog signature missing: http://[^ ]*/server%.ini %(status %-11%)"},
       {"--repository " .. repository .. " --source " .. url, "UPDATE_SIGNING_KEY=" .. e.quote(openKey), 2,
        "signing key .*/open%-key%.pem is open to others than its owner %(mode 0644%): chmod 600 it %(status %-1%)"},
       -- The shipped example configuration passes every check.
