@@ -1,5 +1,4 @@
 #include "repository/signing.h"
-#include "base/failure.h"
 #include "base/files.h"
 #include "base/status.h"
 
@@ -8,7 +7,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstdio>
 #include <cstdlib>
 
