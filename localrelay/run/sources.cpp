@@ -155,9 +155,11 @@ std::string Authenticate(const LoadedSource& candidate, const std::string& name,
     const uint64_t accepted = AcceptedGeneration(memory, address);
     for (int attempt = 0;; ++attempt) {
         Keeping signature;
-        const bool found = FetchKeeping(address + kSignatureSuffix, settings, memory, attempt == 0, signature, nullptr) > 0;
-        const Verdict verdict =
+        std::string error;
+        const bool found = FetchKeeping(address + kSignatureSuffix, settings, memory, attempt == 0, signature, &error) > 0;
+        Verdict verdict =
             CheckSignature(*keys, name, text, found ? std::optional<std::string>(signature.text) : std::nullopt, accepted);
+        if (!found && !error.empty()) verdict.refusal += " (" + error + ")";  // "HTTP 404", "connection refused"...
         if (verdict.refusal.empty()) {
             keeping.push_back(std::move(signature));
             RecordGeneration(memory, address, verdict.generation, accepted);

@@ -185,7 +185,7 @@ describe("update-mirror", function()
        5, "repository is busy: [^\n]*/busy/%.lock %(status %-9%)"},
       {"--repository " .. repository .. " --source " .. e.quote(work .. "/nowhere"), nil, 3, "no such file: .*/nowhere/server%.ini %(status %-5%)"},
       {"--repository " .. repository .. " --frobnicate", nil, 2, "unknown option %-%-frobnicate"},
-      {"-c " .. e.quote(trusting) .. " --dry-run", nil, 3, "planning failed: catalog signature missing: http://[^ ]*/server%.ini %(status %-11%)"},
+      {"-c " .. e.quote(trusting) .. " --dry-run", nil, 3, "planning failed: catalog signature missing %(HTTP 404%): http://[^ ]*/server%.ini %(status %-11%)"},
       {"--repository " .. repository .. " --source " .. url, "UPDATE_SIGNING_KEY=" .. e.quote(openKey), 2,
        "signing key .*/open%-key%.pem is open to others than its owner %(mode 0644%): chmod 600 it %(status %-1%)"},
       -- The shipped example configuration passes every check.
