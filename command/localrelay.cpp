@@ -14,6 +14,9 @@
 //       cancelled one does (downloads kept for the next run to continue)
 //   localrelay.stopped()       the name of the signal that asked, or nil
 //   localrelay.isterminal(fd)  whether the descriptor is a terminal (for live progress)
+//   localrelay.keys(signing, trusted)  the calling thread's later operations sign the repository's
+//       catalogs with the PEM private key at path `signing` (nil: UPDATE_SIGNING_KEY's), and trust
+//       the keys in `trusted` (text in the format of REPOSITORY/.trusted-keys) beside that file
 #include <signal.h>
 #include <stdlib.h>
 #include <unistd.h>
@@ -105,7 +108,16 @@ int l_stopped(lua_State* L) {
     return 1;
 }
 
+/* [-2, +0]: (signing path or nil, trusted-keys text or nil) */
+int l_keys(lua_State* L) {
+    const char* signing = luaL_optstring(L, 1, nullptr);
+    const char* trusted = luaL_optstring(L, 2, nullptr);
+    if (ZOVRELAY_LocalKeys(signing, trusted) != 0) return luaL_error(L, "not enough memory");
+    return 0;
+}
+
 const luaL_Reg kFunctions[] = {
+    {"keys", l_keys},
     {"run", l_run},
     {"message", l_message},
     {"stoponsignal", l_stoponsignal},

@@ -110,6 +110,22 @@ local function needLocalRelay(what)
   end
 end
 
+-- The signing key and the trusted keys of the configuration, handed to the relay for the calls
+-- that follow (beside REPOSITORY/.trusted-keys and UPDATE_SIGNING_KEY, which plain scripts use).
+local function keys(settings)
+  local trusted = settings.trusted_keys
+  if not settings.signing_key and not trusted then return end
+  needLocalRelay(settings.signing_key and "signing_key" or "trusted_keys")
+  local text = trusted and trusted.text
+  if trusted and trusted.file then
+    local file, problem = io.open(trusted.file, "r")
+    if not file then fail(EXIT.usage, "trusted_keys: %s", problem) end
+    text = file:read("*a")
+    file:close()
+  end
+  localrelay.keys(settings.signing_key, text)
+end
+
 local function plural(count, word) return string.format("%d %s%s", count, word, count == 1 and "" or "s") end
 
 ------------------------------------------------------------------------------ actions
@@ -303,6 +319,7 @@ return {run = function(name, given, settings, module)
   found, decoder = pcall(require, "cjson")
   if localrelay and not found then fail(EXIT.failure, "update-mirror needs lua-cjson: %s", tostring(decoder):match("[^\n]*")) end
   cjson = decoder
+  keys(settings)
   if name == "export" then return export(given, settings, given.export[1], given.export[2]) end
   return ACTIONS[name](given, settings)
 end}

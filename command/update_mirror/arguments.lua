@@ -75,6 +75,8 @@ local DOC = {
      "mirror = \"patterns\"          -- everything | patterns | patterns-except-kerno | components\n" ..
      "components = {\"c2t1207960066\", \"c22t2213\"}  -- with mirror = \"components\"\n" ..
      "options = {maxbandwidth = 10240, httpslevel = 2}\n" ..
+     "signing_key = \"/etc/update-mirror/central-key.pem\"  -- sign the catalogs published\n" ..
+     "trusted_keys = {[\"http://central.example/repo\"] = \"MCowBQYDK2VwAyEA...\"}\n" ..
      "cleanup = {keep = {\"c2t1207960066\"}}  -- or true (the default), or false",
      "A proxy's type is \"http\" (the default) or \"socks5\". mirror = \"everything\" needs at " ..
      "least one product. The relay options are maxbandwidth (KiB/s), buildpatch, maxmerge, " ..
@@ -82,10 +84,18 @@ local DOC = {
      "enable_check_file_type_blacklist, and the time a source may take: lowspeedlimit (bytes/s, " ..
      "default 1024) over lowspeedtime (s, default 60), catalogtimeout (s, default 300). The clean-up resets server.ini and deletes the per-version " ..
      "archives packages/<identity>_<version>.zip, except those of the kinds of component that keep " ..
-     "names; it runs after the mirror unless the mirror ended with a repository problem."},
+     "names; it runs after the mirror unless the mirror ended with a repository problem. " ..
+     "signing_key names the Ed25519 private key (PEM, mode 0600, outside the repository) the " ..
+     "repository signs source.ini and server.ini with (source.ini.sig, server.ini.sig). " ..
+     "trusted_keys maps source addresses to public keys (the base64 line of openssl pkey -pubout, " ..
+     "or a list of them during a rotation), or names a file of \"<address> <key>\" lines: the " ..
+     "catalog of such a source is refused unless its key signed it, and when older than one " ..
+     "accepted before; REPOSITORY/.trusted-keys adds to it. See docs/relay-signing.md."},
     {"ENVIRONMENT", {
       {"CURL_CA_BUNDLE, SSL_CERT_FILE, SSL_CERT_DIR", "the certificate authorities HTTPS sources are checked " ..
        "against (a bundle file, or a hashed directory), instead of the system's"},
+      {"UPDATE_SIGNING_KEY", "the private key the repository signs its catalogs with, when the " ..
+       "configuration names no signing_key"},
       {"UPDATE_METRICS_DIR", "a directory where each run writes update_mirror.prom, its figures for a " ..
        "metrics collector's text-file input; a missing directory is warned about"},
     }},
@@ -94,6 +104,8 @@ local DOC = {
       {"REPOSITORY/server.ini, REPOSITORY/source.ini", "the catalogs the repository serves"},
       {"REPOSITORY/packages/", "the merged archives (and per-version archives with buildpatch)"},
       {"REPOSITORY/report.json", "the last run's report: outcome, figures, every package and failure"},
+      {"REPOSITORY/.trusted-keys", "public keys trusted per source (\"<address> <key>\" lines); " ..
+       "REPOSITORY/.catalog-generations, the newest catalog generation accepted from each"},
       {"REPOSITORY/.lock", "held by the run that writes the repository; a second run answers busy"},
       {"REPOSITORY/.held, REPOSITORY/.verified", "the relay's records of what each archive holds and " ..
        "when it was last read back; rebuilt from the archives when missing"},

@@ -94,8 +94,33 @@ local function optionValue(where, key, value)
   return value
 end
 
+local function absolute(where, value)
+  if text(where, value):sub(1, 1) ~= "/" then refuse("%s must be an absolute path", where) end
+  return value
+end
+
+-- {[source address] = key or {keys...}} as lines of the relay's trusted-keys format, or a file of them.
+local function trustedKeys(where, value)
+  if type(value) == "string" then return {file = absolute(where, value)} end
+  if type(value) ~= "table" then refuse("%s must be a table {[source address] = public key} or a file's path", where) end
+  local lines = {}
+  for address, keys in pairs(value) do
+    local at = where .. "[" .. tostring(address) .. "]"
+    if type(address) ~= "string" or not address:match("^%S+$") then refuse("%s: the key must be a source address", at) end
+    for i, key in ipairs(checkList(at, keys, text)) do
+      if key:match("%s") and not key:match("^%-%-%-%-%-BEGIN") then refuse("%s[%d] is not a public key", at, i) end
+      -- A PEM text given whole goes as its base64 body, one word on the line.
+      lines[#lines + 1] = address .. " " .. key:gsub("%-%-%-%-%-[^\n]*%-%-%-%-%-", ""):gsub("%s", "")
+    end
+  end
+  table.sort(lines)
+  return {text = table.concat(lines, "\n") .. "\n"}
+end
+
 local CHECKS = {
   repository = text,
+  signing_key = absolute,
+  trusted_keys = trustedKeys,
   sources = function(where, value) return checkList(where, value, source) end,
   products = function(where, value) return checkList(where, value, identifier) end,
   components = function(where, value) return checkList(where, value, identifier) end,

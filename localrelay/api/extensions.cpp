@@ -5,12 +5,14 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 namespace localrelay {
 namespace {
 
 thread_local int runMode = 0;
 thread_local std::string* lastPlan = nullptr;  // owned; freed when taken or replaced
+thread_local std::optional<std::string> signingKey, trustedKeys;
 
 // A C string the caller frees with ZOVRELAY_LocalFreeText; null when there is no memory.
 char* Copy(const std::string& text) {
@@ -24,6 +26,9 @@ char* Copy(const std::string& text) {
 bool PlanOnly() noexcept { return (runMode & ZOVRELAY_LOCAL_PLAN_ONLY) != 0; }
 bool ReadBackAll() noexcept { return (runMode & ZOVRELAY_LOCAL_READ_BACK) != 0; }
 bool KeepsPlan() noexcept { return (runMode & (ZOVRELAY_LOCAL_READ_BACK | ZOVRELAY_LOCAL_KEEP_PLAN)) != 0; }
+
+const std::optional<std::string>& GivenSigningKey() noexcept { return signingKey; }
+const std::optional<std::string>& GivenTrustedKeys() noexcept { return trustedKeys; }
 
 void KeepPlan(std::string plan) {
     delete lastPlan;
@@ -60,6 +65,16 @@ char* ZOVRELAY_LocalLastMessage(ZOVRELAY_Status status) {
 }
 
 void ZOVRELAY_LocalFreeText(char* text) { std::free(text); }
+
+int ZOVRELAY_LocalKeys(const char* signing, const char* trusted) {
+    try {
+        signingKey = signing != nullptr ? std::optional<std::string>(signing) : std::nullopt;
+        trustedKeys = trusted != nullptr ? std::optional<std::string>(trusted) : std::nullopt;
+        return 0;
+    } catch (...) {
+        return -1;
+    }
+}
 
 void ZOVRELAY_LocalRequestStop(void) { RequestStop(); }
 

@@ -31,6 +31,12 @@ ZOVRELAY_API void ZOVRELAY_LocalFreeText(char* text);
 // or null; the caller frees it with ZOVRELAY_LocalFreeText.
 ZOVRELAY_API char* ZOVRELAY_LocalLastMessage(ZOVRELAY_Status status);
 
+// Keys for the calling thread's next operations. `signingKey`: the path of the PEM private key the
+// repository signs its catalogs with (null: the file UPDATE_SIGNING_KEY names, if set; "": none).
+// `trustedKeys`: text in the format of <repository>/.trusted-keys, trusted beside that file (null:
+// nothing more). Answers 0, or -1 when out of memory.
+ZOVRELAY_API int ZOVRELAY_LocalKeys(const char* signingKey, const char* trustedKeys);
+
 // Asks every running operation of the process to stop as a cancelled one does, keeping what
 // was downloaded for a later run to continue. Safe in a signal handler.
 ZOVRELAY_API void ZOVRELAY_LocalRequestStop(void);

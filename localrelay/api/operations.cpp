@@ -6,6 +6,7 @@
 #include "base/failure.h"
 #include "transfer/http.h"
 #include "base/files.h"
+#include "api/keys.h"
 #include "api/library.h"
 #include "run/listing.h"
 #include "run/mirror.h"
@@ -178,11 +179,16 @@ struct Request {
 ZOVRELAY_Status PlanMirror(const Operation& operation, const Request& request, std::vector<ListedProduct>& result) {
     // Zero products mirror nothing, and contact no source.
     if (request.productCount == 0) return KeepPlan(FormatPlan(Plan{}, "")), kSuccess;
+    // A key that cannot be used fails the dry run as it would fail the mirror.
+    TrustedKeys trusted;
+    std::unique_ptr<SigningKey> signer;
+    ZOVRELAY_Status status = ReadTrustedKeys(operation.root(), operation.repository().path, trusted);
+    if (status > 0) status = ReadSigningKey(operation.repository().path, signer);
+    if (status <= 0) return status;
     Pool pool;
     LoadedSource source;
-    ZOVRELAY_Status status = kSuccess;
     HeldState state = ReadHeldStateDuring(operation, [&] {
-        const CatalogMemory memory{operation.root(), false};
+        const CatalogMemory memory{operation.root(), false, &trusted};
         status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, nullptr, nullptr,
                             nullptr, &memory);
     });
@@ -209,7 +215,8 @@ ZOVRELAY_Status Conclude(const Operation& operation, HeldState& state, bool exac
     }
     const ZOVRELAY_Status indexed = WriteCatalogs(
         operation.root(), operation.packages(), state.served, std::set<std::string>(leaving.begin(), leaving.end()),
-        state.packages.names(), state.sourceCatalog ? &*state.sourceCatalog : nullptr, nullptr, state.sourceCurrent);
+        state.packages.names(), state.sourceCatalog ? &*state.sourceCatalog : nullptr, nullptr, state.sourceCurrent,
+        state.signer);
     // Without it the next run reads the archives again (and formats source.ini to compare): no harm.
     cache.Write(operation.root(), indexed > 0);
     if (status > 0 && indexed <= 0) status = indexed;
@@ -246,6 +253,13 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
     HeldState state;
     bool exact = true;  // state.served is what the repository holds
     std::string plan, digest;  // digest: what the run was asked, its catalog included (RequestDigest)
+    // Keys are read before anything is fetched: a key that cannot be used stops the run at once,
+    // before any catalog is written (unsigned, or from an empty state).
+    TrustedKeys trusted;
+    std::unique_ptr<SigningKey> signer;
+    status = ReadTrustedKeys(operation.root(), operation.repository().path, trusted);
+    if (status > 0) status = ReadSigningKey(operation.repository().path, signer);
+    if (status <= 0) return status;
     // Zero products mirror nothing: a filtered mirror that kept nothing must never become a full mirror.
     if (request.productCount > 0) {
         Pool pool;  // the catalog's connection serves the packages too
@@ -254,7 +268,7 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
         VendorSources vendors = VendorSources::Parse(
             ReadWholeFileAt(operation.root(), VendorSources::kRecordName, 1 << 20).value_or(""));
         const auto load = [&] {
-            const CatalogMemory memory{operation.root(), true};
+            const CatalogMemory memory{operation.root(), true, &trusted};
             status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served, &log,
                                 &vendors, &memory);
         };
@@ -264,25 +278,27 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
         if (seal && KeepsPlan() && seal->plan.empty()) seal.reset();
         if (seal) {
             load();
-            if (status > 0) digest = RequestDigest(request.products, request.productCount, source, operation.options());
+            if (status > 0) digest = RequestDigest(request.products, request.productCount, source, operation.options(), signer.get());
             if (status > 0 && digest == seal->request) return Quiet(operation, *seal, source, log, summary, vendors, result);
             state = ReadHeldState(operation.root(), operation.packages());
         } else {
             state = ReadHeldStateDuring(operation, load);
         }
         RemoveQuietSeal(operation.root());
+        state.signer = signer.get();
         // At best: a record that cannot be written costs one request the next night, nothing more.
         if (vendors.changed) (void)WriteWholeFileAt(operation.root(), VendorSources::kRecordName, vendors.Format());
         Alternates alternates(request.sources, request.sourceCount, served, operation.options(), &pool);
         if (status > 0) {
             if (digest.empty())
-                digest = RequestDigest(request.products, request.productCount, source, operation.options());
+                digest = RequestDigest(request.products, request.productCount, source, operation.options(), signer.get());
             status = Mirror(operation.repository(), operation.options(), operation.events(), source, request.products,
                             request.productCount, result, leaving, state, exact, &log, &alternates,
                             RunMode{false, ReadBackAll(), KeepsPlan() ? &plan : nullptr});
         }
     } else {
         state = ReadHeldState(operation.root(), operation.packages());
+        state.signer = signer.get();
     }
     status = Conclude(operation, state, exact, leaving, status);
     // A run that left nothing for the next to do seals the repository.
@@ -323,8 +339,11 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
             RunSummary summary;
             summary.started = std::chrono::system_clock::now();
             LoadedSource source;
-            const CatalogMemory memory{operation.root(), false};
-            status = LoadSource(sources, sourceCount, operation.options(), source, nullptr, nullptr, &log, nullptr, &memory);
+            TrustedKeys trusted;
+            const CatalogMemory memory{operation.root(), false, &trusted};
+            status = ReadTrustedKeys(operation.root(), operation.repository().path, trusted);
+            if (status > 0)
+                status = LoadSource(sources, sourceCount, operation.options(), source, nullptr, nullptr, &log, nullptr, &memory);
             if (status > 0) status = ListCatalog(source.catalog, products, productCount, listed);
             // The filtered mirrors begin by listing the source: a mirror job that fails there is
             // on record too. A listing that succeeds leaves the last run's report alone.

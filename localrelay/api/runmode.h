@@ -4,6 +4,7 @@
 
 #include "base/events.h"
 
+#include <optional>
 #include <string>
 
 namespace localrelay {
@@ -11,6 +12,9 @@ namespace localrelay {
 bool PlanOnly() noexcept;
 bool ReadBackAll() noexcept;
 bool KeepsPlan() noexcept;  // an executed mirror keeps its plan as well
+// The keys the thread gave with ZOVRELAY_LocalKeys (nullopt: none given).
+const std::optional<std::string>& GivenSigningKey() noexcept;
+const std::optional<std::string>& GivenTrustedKeys() noexcept;
 // Keeps the plan of the thread's last plan-only or executed run for ZOVRELAY_LocalTakePlan.
 void KeepPlan(std::string plan);
 

@@ -1,4 +1,5 @@
 #include "repository/repository.h"
+#include "repository/signing.h"
 #include "transfer/downloader.h"
 #include "base/files.h"
 #include "transfer/package.h"
@@ -76,7 +77,8 @@ namespace {
 
 // In the root only the temporaries of our own files count: someone else's ".notes.tmp" stays.
 bool IsRootTemporaryName(std::string_view name) {
-    for (const std::string_view file : {kIndexName, kSourceCatalogName, ".verified", kHeldCacheName}) {
+    for (const std::string_view file : {kIndexName, kSourceCatalogName, ".verified", kHeldCacheName, kSourceSignatureName,
+                                        kIndexSignatureName, kGenerationsName}) {
         const std::string prefix = TemporaryPrefix(file);
         if (name.size() > prefix.size() && name.substr(0, prefix.size()) == prefix && EndsWith(name, kTemporarySuffix))
             return true;
@@ -305,7 +307,7 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, M
 
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
                               const std::set<std::string>& present, const std::string* sourceCatalog,
-                              const std::set<Identity>* hidden, bool sourceCurrent) {
+                              const std::set<Identity>* hidden, bool sourceCurrent, const SigningKey* signer) {
     // Every name source.ini gives exists before it says so; where a link cannot be made the
     // component is served under its working name, as before names were published. A source.ini
     // still current was written after its links were made: a night with nothing new makes none.
@@ -313,10 +315,13 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& serve
     const bool published = sourceCurrent || Publish(packages, linked = served);
     const ServedCatalog& named = sourceCurrent ? served : linked;
     ZOVRELAY_Status status = kSuccess;
+    const int64_t now = NowNanoseconds();
     if (!sourceCurrent || !published)
-        status = WriteChangedFileAt(root, kSourceCatalogName, sourceCatalog != nullptr && published
-                                                                  ? *sourceCatalog
-                                                                  : FormatSourceCatalog(linked, hidden));
+        status = WriteSignedFileAt(root, kSourceCatalogName,
+                                   sourceCatalog != nullptr && published ? *sourceCatalog : FormatSourceCatalog(linked, hidden),
+                                   signer, now);
+    else if (signer != nullptr)  // unchanged, but perhaps not yet signed with this key
+        status = SignCurrentFileAt(root, kSourceCatalogName, *signer, now);
     if (status <= 0) return status;
     PrunePublished(packages, named, present, int64_t(::time(nullptr)));
     Catalog index;
@@ -341,7 +346,7 @@ ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& serve
                                              newest.size, newest.sha256, 0, {}});
     }
     AddProducts(index, manifests);
-    return WriteChangedFileAt(root, kIndexName, FormatCatalog(index));
+    return WriteSignedFileAt(root, kIndexName, FormatCatalog(index), signer, now);
 }
 
 std::map<Identity, std::vector<std::pair<Version, std::string>>> AllVersionArchives(const std::set<std::string>& names) {

@@ -6,6 +6,7 @@
 
 #include "archive/archive.h"
 #include "base/events.h"
+#include "catalog/signature.h"
 #include "repository/heldcache.h"
 
 #include <map>
@@ -22,6 +23,11 @@ namespace localrelay {
 // per-version archives only), so a cleaned repository still serves every version it holds.
 inline constexpr const char* kSourceCatalogName = "source.ini";
 inline constexpr const char* kIndexName = "server.ini";
+// Their signature files, when the repository signs its catalogs (repository/signing.h).
+inline constexpr const char* kSourceSignatureName = "source.ini.sig";
+inline constexpr const char* kIndexSignatureName = "server.ini.sig";
+// A mirror's record of the last catalog generation it accepted from each signed source.
+inline constexpr const char* kGenerationsName = ".catalog-generations";
 
 // Our temporaries are hidden and never end in ".zip", so the module's clean-up, which runs
 // without the lock, never takes one for an archive: ".<name>.part" for downloads,
@@ -114,10 +120,12 @@ std::string FormatSourceCatalog(const ServedCatalog& served, const std::set<Iden
 // right size and is not in `leaving` (about to be pruned), with every recorded product. A catalog
 // whose text would not change is left alone. `present` is the listing of packages/;
 // `sourceCatalog`, when given, is FormatSourceCatalog(served) made before. Components in `hidden`
-// are left out of both. `sourceCurrent`: source.ini is known to hold that text already.
+// are left out of both. `sourceCurrent`: source.ini is known to hold that text already. With a
+// `signer`, each catalog's signature file is written before it (WriteSignedFileAt).
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const ServedCatalog& served, const std::set<std::string>& leaving,
                               const std::set<std::string>& present, const std::string* sourceCatalog = nullptr,
-                              const std::set<Identity>* hidden = nullptr, bool sourceCurrent = false);
+                              const std::set<Identity>* hidden = nullptr, bool sourceCurrent = false,
+                              const SigningKey* signer = nullptr);
 ZOVRELAY_Status WriteCatalogs(int root, int packages, const std::map<Identity, Manifest>& held,
                               const std::set<std::string>& leaving = {}, HeldCache* cache = nullptr);
 

@@ -94,7 +94,7 @@ bool IsArchive(const std::string& name, const std::set<std::string>& versioned) 
 }  // namespace
 
 std::string RequestDigest(const ZOVRELAY_Product* products, size_t count, const LoadedSource& source,
-                          const Options& options) {
+                          const Options& options, const SigningKey* signer) {
     Sha256 digest;
     Add(digest, uint64_t(count));
     for (size_t i = 0; i < count; ++i) {
@@ -112,6 +112,7 @@ std::string RequestDigest(const ZOVRELAY_Product* products, size_t count, const 
                                 options.lowSpeedTime, options.catalogTimeout})
         Add(digest, value);
     AddText(digest, options.blacklist);
+    AddText(digest, signer != nullptr ? signer->publicKey() : std::string());
     return digest.HexDigest();
 }
 
@@ -187,6 +188,9 @@ void WriteQuietSeal(int root, int packages, const std::string& request, const st
         for (const auto& [version, name] : archives) versioned.insert(name);
     std::vector<std::string> looked{kPackagesPrefix};
     for (const char* record : kRecords) looked.push_back(record);
+    // Its signature, where the repository signs (one removed would go unnoticed otherwise).
+    struct stat signature {};
+    if (::fstatat(root, kSourceSignatureName, &signature, AT_SYMLINK_NOFOLLOW) == 0) looked.push_back(kSourceSignatureName);
     // A published link is its archive (a change to either is a change to both); one made or removed
     // changes packages/ itself.
     for (const std::string& name : names)

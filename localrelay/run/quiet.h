@@ -40,9 +40,9 @@ struct QuietSeal {
 };
 
 // SHA-256 (hex) of the products asked for, the serving source (address, catalog, proxy), the
-// options and the catalog's text.
+// options, the catalog's text and the key the repository signs with (another key signs anew).
 std::string RequestDigest(const ZOVRELAY_Product* products, size_t count, const LoadedSource& source,
-                          const Options& options);
+                          const Options& options, const SigningKey* signer);
 
 std::string FormatSeal(const QuietSeal& seal);
 std::optional<QuietSeal> ParseSeal(std::string_view text);  // nullopt for anything malformed

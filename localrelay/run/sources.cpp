@@ -93,6 +93,88 @@ void Keep(const CatalogMemory* memory, const std::string& address, const Revalid
                            answer.answeredModified + "\nsha256 " + Digest(text) + "\n" + text);
 }
 
+// A catalog (or its signature file) as fetched, kept once its catalog is accepted: a refused one
+// is asked for whole the next time, so a cache cannot make a mirror revalidate a forgery forever.
+struct Keeping {
+    std::string address;
+    Revalidation revalidation;
+    std::string text;
+};
+
+// The last generation accepted from the catalog at `address`; 0 when none was.
+uint64_t AcceptedGeneration(const CatalogMemory* memory, const std::string& address) {
+    if (memory == nullptr || memory->root < 0) return 0;
+    std::istringstream lines(ReadWholeFileAt(memory->root, kGenerationsName, 1 << 24).value_or(""));
+    uint64_t generation = 0;
+    for (std::string line; std::getline(lines, line);) {
+        const size_t blank = line.find(' ');
+        if (blank != std::string::npos && blank > 0 && blank <= 19 && line.compare(blank + 1, std::string::npos, address) == 0 &&
+            line.find_first_not_of("0123456789") == blank)
+            generation = std::max<uint64_t>(generation, std::stoull(line.substr(0, blank)));
+    }
+    return generation;
+}
+
+// Only a writer records, and only a generation above the one accepted before.
+void RecordGeneration(const CatalogMemory* memory, const std::string& address, uint64_t generation, uint64_t accepted) {
+    if (memory == nullptr || !memory->keep || memory->root < 0 || address.find('\n') != std::string::npos ||
+        generation <= accepted)
+        return;
+    std::istringstream lines(ReadWholeFileAt(memory->root, kGenerationsName, 1 << 24).value_or(""));
+    std::string text = std::to_string(generation) + " " + address + "\n";
+    for (std::string line; std::getline(lines, line);)
+        if (line.size() <= address.size() || line.compare(line.size() - address.size() - 1, std::string::npos, " " + address) != 0)
+            text += line + "\n";
+    (void)WriteWholeFileAt(memory->root, kGenerationsName, text);  // at worst an older replay passes once more
+}
+
+// The text at `address` with its validators; conditional on the kept copy when `conditional`.
+ZOVRELAY_Status FetchKeeping(const std::string& address, const TransferSettings& settings, const CatalogMemory* memory,
+                             bool conditional, Keeping& fetched, std::string* error) {
+    const bool http = IsHttpAddress(address);
+    const std::optional<Kept> copy = http && conditional ? Recall(memory, address) : std::nullopt;
+    fetched.address = address;
+    if (copy) fetched.revalidation.etag = copy->etag, fetched.revalidation.modified = copy->modified;
+    TransferSettings asked = settings;
+    if (http) asked.revalidation = &fetched.revalidation;
+    const ZOVRELAY_Status status = FetchText(address, asked, fetched.text, CatalogLimit(), error);
+    if (status > 0 && fetched.revalidation.notModified) fetched.text = copy->text;
+    return status;
+}
+
+// For a source whose keys are trusted: the catalog's signature file fetched beside it (kept and
+// revalidated like the catalog) and checked. Empty when the catalog is authentic, else why not. A
+// signature naming another catalog is fetched again once with the catalog, both whole.
+std::string Authenticate(const LoadedSource& candidate, const std::string& name, std::string& text,
+                         const CatalogMemory* memory, std::vector<Keeping>& keeping) {
+    const std::vector<std::string>* keys =
+        memory != nullptr && memory->trusted != nullptr ? memory->trusted->For(candidate.address) : nullptr;
+    if (keys == nullptr) return "";
+    const std::string address = JoinAddress(candidate.address, name);
+    const TransferSettings settings = ForCatalog(candidate.settings);
+    const uint64_t accepted = AcceptedGeneration(memory, address);
+    for (int attempt = 0;; ++attempt) {
+        Keeping signature;
+        std::string error;
+        const bool found = FetchKeeping(address + kSignatureSuffix, settings, memory, attempt == 0, signature, &error) > 0;
+        Verdict verdict =
+            CheckSignature(*keys, name, text, found ? std::optional<std::string>(signature.text) : std::nullopt, accepted);
+        if (!found && !error.empty()) verdict.refusal += " (" + error + ")";  // "HTTP 404", "connection refused"...
+        if (verdict.refusal.empty()) {
+            keeping.push_back(std::move(signature));
+            RecordGeneration(memory, address, verdict.generation, accepted);
+            return "";
+        }
+        Keeping again;
+        if (!verdict.mismatch || attempt > 0 || FetchKeeping(address, settings, memory, false, again, nullptr) <= 0)
+            return verdict.refusal;
+        text = again.text;
+        keeping.erase(std::remove_if(keeping.begin(), keeping.end(), [&](const Keeping& k) { return k.address == address; }),
+                      keeping.end());
+        keeping.push_back(std::move(again));
+    }
+}
+
 }  // namespace
 
 int64_t Today() {
@@ -185,6 +267,7 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
                                              JoinAddress(candidate.address, kIndexName)};
     std::vector<std::string> texts(2);
     std::vector<Fetched> first;
+    std::vector<Keeping> keeping;  // kept only once a catalog is accepted
     // Both catalogs, all their attempts, within the source's catalog deadline.
     const TransferSettings catalogSettings = ForCatalog(candidate.settings);
     const bool http = IsHttpAddress(candidate.address), vendor = http && vendors != nullptr &&
@@ -208,10 +291,11 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
             if (http) settings.revalidation = &revalidation;
             status = FetchText(address, settings, text, limit, &error, &transient);
             if (status > 0 && revalidation.notModified) text = copy->text, digest = copy->sha256;
-            if (status > 0 && http && !revalidation.notModified) Keep(memory, address, revalidation, text);
+            // A copy answered 304 is kept already.
+            if (status > 0 && http && !revalidation.notModified) keeping.push_back(Keeping{address, revalidation, text});
         } else {
             status = first[k].status, error = first[k].error, text = std::move(texts[k]);
-            if (status > 0) Keep(memory, address, first[k].revalidation, text);
+            if (status > 0) keeping.push_back(Keeping{address, first[k].revalidation, text});
         }
         if (status == kOutOfMemory) return status;
         if (status == kInvalidCatalog)  // too large: say which setting raises the bound
@@ -227,6 +311,15 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
             if (transient) break;
             continue;
         }
+        // A source whose catalog is not what its keys signed is refused whole: its server.ini is
+        // no way round a forged source.ini.
+        const std::string forged = Authenticate(candidate, name, text, memory, keeping);
+        if (memory != nullptr && memory->trusted != nullptr && memory->trusted->For(candidate.address) != nullptr)
+            digest.clear();  // the text may have been fetched again whole
+        if (!forged.empty()) {
+            note(address, kInvalidCatalog, forged);
+            break;
+        }
         std::optional<Catalog> catalog = ParseCatalog(text, &error);
         if (!catalog || !TotalSizeFits(*catalog, error)) {
             note(address, kInvalidCatalog, "invalid catalog (" + error + ")");
@@ -235,6 +328,9 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
         candidate.catalog = std::move(*catalog);
         candidate.catalogName = name;
         candidate.textDigest = digest.empty() ? Digest(text) : digest;
+        for (const Keeping& kept : keeping)
+            if (http && kept.address.compare(0, address.size(), address) == 0)  // this catalog and its signature
+                Keep(memory, kept.address, kept.revalidation, kept.text);
         return kSuccess;
     }
     return refusal.status;

@@ -3,6 +3,7 @@
 #define LOCALRELAY_SOURCES_H
 
 #include "catalog/catalog.h"
+#include "catalog/signature.h"
 #include "run/options.h"
 #include "run/runlog.h"
 #include "transfer/transfer.h"
@@ -54,9 +55,14 @@ std::string Through(const std::string& object, const TransferSettings& settings)
 // it conditionally, alone, and a 304 reuses the kept copy, so a night with nothing new costs one
 // revalidated catalog. Every operation with sources uses what is kept; only a writer holding the
 // lock (`keep`) keeps what it fetched.
+// The same record holds the trust: with `trusted` keys for a source, its catalog is taken only
+// with a signature one of them made (catalog/signature.h), at a generation no older than the last
+// accepted from it, recorded in ".catalog-generations" (lines "<generation> <catalog address>",
+// written by a writer holding the lock, only when a generation grew).
 struct CatalogMemory {
     int root = -1;
     bool keep = false;
+    const TrustedKeys* trusted = nullptr;
 };
 
 // Sources with a null address are skipped. kInvalidArgument for a string that names no

@@ -129,7 +129,7 @@ ZOVRELAY_Status Storer::WriteCatalogsNow() {
     const std::set<std::string> leaving(run_.leaving.begin(), run_.leaving.end());
     run_.state.ServedChanged();  // source.ini says something else now
     const ZOVRELAY_Status status = WriteCatalogs(run_.root, run_.packages, run_.state.served, leaving,
-                                                 run_.state.packages.names(), nullptr, &hidden_);
+                                                 run_.state.packages.names(), nullptr, &hidden_, false, run_.state.signer);
     if (status > 0) listed_.clear();  // on failure either file may still list what it did
     for (const auto& [identity, served] : run_.state.served)
         if (hidden_.count(identity) == 0) listed_.insert(identity);

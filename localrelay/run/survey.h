@@ -24,6 +24,7 @@ struct HeldState {
     VerificationRecord verified;
     bool sourceCurrent = false;  // source.ini on disk is that text (the held cache vouches for it)
     bool verifiedChanged = false;  // `verified` differs from .verified: written when the run ends
+    const SigningKey* signer = nullptr;  // the repository signs its catalogs with it
 
     void ServedChanged() {  // `served` (or source.ini) changed: the catalog is formatted again
         sourceCatalog.reset();

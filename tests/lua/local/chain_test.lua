@@ -16,9 +16,11 @@ local function run(command)
   return tonumber(output:match("exit (%d+)\n$")), output
 end
 
-local function mirror(repository, source)
+-- `key`: the repository signs its catalogs with this private key.
+local function mirror(repository, source, key)
   assert(os.execute("mkdir -p " .. e.quote(repository)))  -- flock(1) would make a missing path a file
-  return run(string.format("flock -n %s env LUA_CPATH=%s %s %s %s %s", e.quote(repository), e.quote(build .. "/lua/?.so;;"), e.LUA,
+  return run(string.format("flock -n %s env LUA_CPATH=%s UPDATE_SIGNING_KEY=%s %s %s %s %s", e.quote(repository),
+                           e.quote(build .. "/lua/?.so;;"), e.quote(key or ""), e.LUA,
                            e.quote(top .. "/examples/mirror.lua"), e.quote(repository), e.quote(source)))
 end
 
@@ -53,10 +55,11 @@ local function held(repository)
 end
 
 describe("a chain of repositories", function()
-  local work, stop
+  local work, stop, stopSigned
   lazy_setup(function() work = e.tempdir() end)
   lazy_teardown(function()
     if stop then stop() end
+    if stopSigned then stopSigned() end
     e.rmtree(work)
   end)
 
@@ -127,5 +130,74 @@ describe("a chain of repositories", function()
     status, output = mirror(branch, url)
     assert.are.equal(0, status, output)
     assert.are.same(held(central), held(branch))
+  end)
+
+  -- A central that signs its catalogs and a branch that trusts its key: what a cache or a hop on
+  -- the way could change is refused, naming the source, and the branch keeps what it holds.
+  it("takes only catalogs the trusted key signed, and no damaged byte", function()
+    local dir = work .. "/signed"
+    local vendor, central, branch, key = dir .. "/vendor", dir .. "/central", dir .. "/branch", dir .. "/central-key.pem"
+    assert(os.execute("mkdir -p " .. e.quote(dir)))
+    assert.are.equal(0, run(string.format("openssl genpkey -algorithm ed25519 -out %s && chmod 600 %s && " ..
+                                          "openssl pkey -in %s -pubout -out %s/central.pub", key, key, key, dir)))
+    e.makeSource(vendor, {products = 2, components = 6, size = 5000})
+    assert.are.equal(0, (mirror(central, vendor, key)))
+    local served = {central .. "/source.ini", central .. "/source.ini.sig"}
+    local first = {e.read(served[1]), e.read(served[2])}
+    local url
+    url, stopSigned = nginx(central, dir .. "/nginx")
+    assert(os.execute("mkdir -p " .. e.quote(branch)))
+    e.write(branch .. "/.trusted-keys", "# the central, by its public key file\n" .. url .. "/ " .. dir .. "/central.pub\n")
+    local status, output = mirror(branch, url)
+    assert.are.equal(0, status, output)
+    assert.are.same(held(central), held(branch))
+    -- A night with nothing new: the kept catalog and its signature are revalidated, both checked.
+    local before = #e.read(dir .. "/nginx/access.log")
+    status, output = mirror(branch, url)
+    assert.are.equal(0, status, output)
+    assert.is_truthy(e.read(dir .. "/nginx/access.log"):sub(before + 1):match("GET /source%.ini%.sig HTTP/1%.1\" 304 "))
+    e.makeSource(vendor, {products = 2, components = 6, size = 5000, seed = 2})
+    assert.are.equal(0, (mirror(central, vendor, key)))
+    assert.are.equal(0, (mirror(branch, url)))
+    local current, kept = {e.read(served[1]), e.read(served[2])}, held(branch)
+    assert.are_not.same(first, current)
+    for n, case in ipairs{  -- what the way to the branch serves instead, and the refusal (its reason's details
+                            -- are in the whole message)
+      {"unsigned", {current[1], nil}, "catalog signature missing"},
+      {"tampered", {(current[1]:gsub(("%x"):rep(64), ("0"):rep(64), 1)), current[2]}, "catalog signature invalid"},
+      {"forged", {current[1], (current[2]:gsub("(\nstatement %S+ %d+ %x+ )(%w)", function(line, c)
+        return line .. (c == "A" and "B" or "A") end, 1))}, "catalog signature invalid"},
+      {"replayed", first, "older catalog"},
+    } do
+      for i = 1, 2 do
+        os.remove(served[i])
+        -- nginx's ETag is the time in seconds and the size: another time makes another file of it
+        if case[2][i] then e.write(served[i], case[2][i]); os.execute("touch -d @" .. os.time() + 60 * n .. " " .. served[i]) end
+      end
+      status, output = mirror(branch, url)
+      assert.are.equal(3, status, case[1] .. ": " .. output)
+      assert.is_truthy(output:match(case[3] .. ".*" .. url:gsub("%p", "%%%0") .. "/source%.ini"), case[1] .. ": " .. output)
+      assert.are.same(kept, held(branch), case[1])
+    end
+    for i = 1, 2 do e.write(served[i], current[i]) end
+    -- A cache serving a modified range of an archive: that version fails its digest, nothing of it is stored.
+    e.makeSource(vendor, {products = 2, components = 6, size = 5000, seed = 3})
+    assert.are.equal(0, (mirror(central, vendor, key)))
+    local old = {}
+    for _, entry in ipairs(ranges(current[1])) do old[entry.sha] = true end
+    local damaged
+    for _, entry in ipairs(ranges(e.read(served[1]))) do damaged = damaged or (not old[entry.sha] and entry) end
+    assert.are.equal(0, run(string.format("printf X | dd of=%s bs=1 seek=%d conv=notrunc 2>/dev/null",
+                                          e.quote(central .. "/" .. damaged.path), damaged.offset + 100)))
+    status, output = mirror(branch, url)
+    assert.are.equal(3, status, output)
+    assert.is_truthy(output:match("FAILED pattern/%S+: size or SHA%-256 differs from the catalog"), output)
+    -- Every range the branch serves holds the bytes its catalog states, and none is the damaged one.
+    for _, entry in ipairs(ranges(e.read(branch .. "/source.ini"))) do
+      assert.are_not.equal(damaged.sha, entry.sha)
+      local _, sum = run(string.format("tail -c +%d %s | head -c %d | sha256sum", entry.offset + 1,
+                                       e.quote(branch .. "/" .. entry.path), entry.size))
+      assert.are.equal(entry.sha, sum:match("^(%x+)"), entry.path)
+    end
   end)
 end)

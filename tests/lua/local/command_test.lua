@@ -173,13 +173,21 @@ describe("update-mirror", function()
   end)
 
   it("tells failures apart by its exit status, each with one line", function()
-    local repository = e.quote(work .. "/busy")
+    local repository, openKey = e.quote(work .. "/busy"), work .. "/open-key.pem"
+    e.write(openKey, "a key anyone may read")
+    os.execute("chmod 644 " .. e.quote(openKey))
+    local trusting = work .. "/trusting.conf"  -- the source signs nothing
+    e.write(trusting, string.format("repository = %q sources = %q trusted_keys = {[%q] = %q}", work .. "/trusting", url, url,
+                                    ("ab"):rep(32)))
     local cases = {  -- arguments, prefix, exit status, the line on standard error
       {"--repository /dev/null/x --source " .. url, nil, 4, "repository not accessible %(not a directory%): /dev/null/x %(status %-3%)"},
       {"--repository " .. repository .. " --source " .. url, "mkdir -p " .. repository .. " && flock " .. repository .. "/.lock",
        5, "repository is busy: [^\n]*/busy/%.lock %(status %-9%)"},
       {"--repository " .. repository .. " --source " .. e.quote(work .. "/nowhere"), nil, 3, "no such file: .*/nowhere/server%.ini %(status %-5%)"},
       {"--repository " .. repository .. " --frobnicate", nil, 2, "unknown option %-%-frobnicate"},
+      {"-c " .. e.quote(trusting) .. " --dry-run", nil, 3, "planning failed: catalog signature missing %(HTTP 404%): http://[^ ]*/server%.ini %(status %-11%)"},
+      {"--repository " .. repository .. " --source " .. url, "UPDATE_SIGNING_KEY=" .. e.quote(openKey), 2,
+       "signing key .*/open%-key%.pem is open to others than its owner %(mode 0644%): chmod 600 it %(status %-1%)"},
       -- The shipped example configuration passes every check.
       {"-c " .. e.quote(top .. "/examples/update-mirror.conf") .. " --repository " .. e.quote(work .. "/none") .. " --list",
        nil, 4, "is not a repository"},
@@ -223,6 +231,9 @@ describe("update-mirror", function()
       {"repository = '/srv/r' sources = '/x' options = {maxbandwith = 1}", ": options%.maxbandwith: unknown relay option"},
       {"repository = '/srv/r' sources = '/x' cleanup = {keep = 'c2'}", ": cleanup%.keep%[1%]: \"c2\" is not an identifier"},
       {"sources = '/x'", ": repository is missing"},
+      {"repository = '/srv/r' sources = '/x' signing_key = 'key.pem'", ": signing_key must be an absolute path"},
+      {"repository = '/srv/r' sources = '/x' trusted_keys = {['http://c/'] = {'a b'}}",
+       ": trusted_keys%[http://c/%]%[1%] is not a public key"},
       {"repository = os.getenv('HOME')", ":1: attempt to index global 'os'"},
       {"repository = '/srv/r' sources = {", ":1: unexpected symbol near <eof>"},
       {"while true do end", ": takes too long to run"},
