@@ -1,4 +1,5 @@
 #include "catalog/signature.h"
+#include "base/hex.h"
 
 #include <openssl/evp.h>
 #include <openssl/pem.h>
@@ -33,18 +34,6 @@ std::optional<std::string> FromBase64(std::string_view text) {
                                        reinterpret_cast<const unsigned char*>(text.data()), int(text.size()));
     if (length < 0) return std::nullopt;
     bytes.resize(size_t(length) - padding);
-    return bytes;
-}
-
-std::optional<std::string> FromHex(std::string_view text) {
-    if (text.size() % 2 != 0) return std::nullopt;
-    std::string bytes;
-    for (size_t i = 0; i < text.size(); i += 2) {
-        const char pair[3] = {text[i], text[i + 1], '\0'};
-        if (!std::isxdigit(static_cast<unsigned char>(pair[0])) || !std::isxdigit(static_cast<unsigned char>(pair[1])))
-            return std::nullopt;
-        bytes += char(std::strtoul(pair, nullptr, 16));
-    }
     return bytes;
 }
 
@@ -143,10 +132,7 @@ std::string CatalogDigest(std::string_view text) {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int size = 0;
     if (EVP_Digest(text.data(), text.size(), digest, &size, EVP_sha256(), nullptr) != 1) return "";
-    static const char kHex[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned int i = 0; i < size; ++i) hex += kHex[digest[i] >> 4], hex += kHex[digest[i] & 15];
-    return hex;
+    return Hex(digest, size);
 }
 
 std::optional<std::string> ParsePublicKey(std::string_view text, std::string* error) {

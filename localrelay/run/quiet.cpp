@@ -1,5 +1,6 @@
 #include "run/quiet.h"
 #include "base/files.h"
+#include "base/hex.h"
 #include "repository/heldcache.h"
 #include "repository/repository.h"
 #include "repository/verification.h"
@@ -33,23 +34,11 @@ void AddText(Sha256& digest, const std::string& text) {
     digest.Update(text.data(), text.size());
 }
 
-std::string Hex(const void* data, size_t size) {
-    static const char kDigits[] = "0123456789abcdef";
-    std::string hex;
-    for (size_t i = 0; i < size; ++i) {
-        const unsigned byte = static_cast<const unsigned char*>(data)[i];
-        hex += kDigits[byte >> 4], hex += kDigits[byte & 15];
-    }
-    return hex;
-}
-
+// `size` bytes from their hexadecimal digits.
 bool Unhex(std::string_view hex, void* data, size_t size) {
-    if (hex.size() != 2 * size) return false;
-    for (size_t i = 0; i < size; ++i) {
-        unsigned byte = 0;
-        if (std::from_chars(hex.data() + 2 * i, hex.data() + 2 * i + 2, byte, 16).ptr != hex.data() + 2 * i + 2) return false;
-        static_cast<unsigned char*>(data)[i] = static_cast<unsigned char>(byte);
-    }
+    const std::optional<std::string> bytes = FromHex(hex);
+    if (!bytes || bytes->size() != size) return false;
+    std::memcpy(data, bytes->data(), size);
     return true;
 }
 

@@ -1,4 +1,5 @@
 #include "transfer/package.h"
+#include "base/hex.h"
 
 #include <zlib.h>
 
@@ -34,13 +35,7 @@ std::string Sha256::HexDigest() {
     unsigned char digest[EVP_MAX_MD_SIZE];
     unsigned int length = 0;
     EVP_DigestFinal_ex(context_, digest, &length);
-    static const char kHex[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned int i = 0; i < length; ++i) {
-        hex += kHex[digest[i] >> 4];
-        hex += kHex[digest[i] & 15];
-    }
-    return hex;
+    return Hex(digest, length);
 }
 
 bool CheckingSink::Write(const char* data, size_t size) {
