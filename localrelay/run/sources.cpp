@@ -6,7 +6,10 @@
 #include "base/wide.h"
 #include "transfer/package.h"
 
+#include <curl/curl.h>
+
 #include <algorithm>
+#include <ctime>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
@@ -88,9 +91,14 @@ void Keep(const CatalogMemory* memory, const std::string& address, const Revalid
     // Validators of one line each: anything else is not something a server could send back.
     for (const std::string* value : {&answer.answeredEtag, &answer.answeredModified})
         if (value->find('\n') != std::string::npos) return;
+    // A catalog changed within the second it was fetched could change again under the same
+    // validators (a static server's are its time, to the second, and size): kept without them, it
+    // is asked for whole the next time.
+    const time_t modified = answer.answeredModified.empty() ? -1 : curl_getdate(answer.answeredModified.c_str(), nullptr);
+    const bool recent = modified != -1 && ::time(nullptr) - modified <= 1;
     WriteChangedFileAt(memory->root, MemoryName(address),
-                       std::string(kMemoryHeader) + "address " + address + "\netag " + answer.answeredEtag + "\nmodified " +
-                           answer.answeredModified + "\nsha256 " + Digest(text) + "\n" + text);
+                       std::string(kMemoryHeader) + "address " + address + "\netag " + (recent ? "" : answer.answeredEtag) +
+                           "\nmodified " + (recent ? "" : answer.answeredModified) + "\nsha256 " + Digest(text) + "\n" + text);
 }
 
 // A catalog (or its signature file) as fetched, kept once its catalog is accepted: a refused one

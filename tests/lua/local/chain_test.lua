@@ -85,6 +85,8 @@ describe("a chain of repositories", function()
     assert.are.equal(0, status, output)
     assert.are.equal(e.INDEX, e.read(central .. "/server.ini"), "the clean-up ran")
     e.write(central .. "/packages/.c3t4l1p-1r-1o-1_1.0.0.0.part", "half")
+    -- Catalogs fetched within the second they changed are asked for whole the next time: aged.
+    assert(os.execute("touch -d '1 minute ago' " .. e.quote(central .. "/source.ini")))
     local url
     url, stop = nginx(central, work .. "/nginx")
     local published = ranges(e.read(central .. "/source.ini"))[1].path
@@ -148,6 +150,7 @@ describe("a chain of repositories", function()
     url, stopSigned = nginx(central, dir .. "/nginx")
     assert(os.execute("mkdir -p " .. e.quote(branch)))
     e.write(branch .. "/.trusted-keys", "# the central, by its public key file\n" .. url .. "/ " .. dir .. "/central.pub\n")
+    assert(os.execute("touch -d '1 minute ago' " .. e.quote(served[1]) .. " " .. e.quote(served[2])))
     local status, output = mirror(branch, url)
     assert.are.equal(0, status, output)
     assert.are.same(held(central), held(branch))
