@@ -164,11 +164,12 @@ describe("a chain of repositories", function()
     assert.are.equal(0, (mirror(branch, url)))
     local current, kept = {e.read(served[1]), e.read(served[2])}, held(branch)
     assert.are_not.same(first, current)
+    -- "forged" changes the current statement's signature at its first character, which may be '+' or '/'.
     for n, case in ipairs{  -- what the way to the branch serves instead, and the refusal (its reason's details
                             -- are in the whole message)
       {"unsigned", {current[1], nil}, "catalog signature missing"},
       {"tampered", {(current[1]:gsub(("%x"):rep(64), ("0"):rep(64), 1)), current[2]}, "catalog signature invalid"},
-      {"forged", {current[1], (current[2]:gsub("(\nstatement %S+ %d+ %x+ )(%w)", function(line, c)
+      {"forged", {current[1], (current[2]:gsub("(\nstatement %S+ %d+ %x+ )(.)", function(line, c)
         return line .. (c == "A" and "B" or "A") end, 1))}, "catalog signature invalid"},
       {"replayed", first, "older catalog"},
     } do
