@@ -11,6 +11,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstring>
 #include <chrono>
 #include <vector>
 
@@ -208,6 +209,32 @@ std::optional<std::string> ReadWholeFileAt(int directory, const std::string& nam
     }
     text.resize(done);
     return text;
+}
+
+FileBytes FileBytes::Copy(std::string_view bytes) {
+    FileBytes copy;
+    copy.data_.reset(new char[bytes.size() + 1]);
+    std::memcpy(copy.data_.get(), bytes.data(), bytes.size());
+    copy.size_ = bytes.size();
+    return copy;
+}
+
+std::optional<FileBytes> ReadFileBytesAt(int directory, const std::string& name, size_t limit) {
+    const FileDescriptor fd(OpenFileAt(directory, name));
+    struct stat info {};
+    if (fd.get() < 0 || ::fstat(fd.get(), &info) != 0 || uint64_t(info.st_size) > limit) return std::nullopt;
+    // A byte more than the file holds, so that a file grown since the fstat is told from a whole one.
+    FileBytes bytes;
+    const size_t room = size_t(info.st_size) + 1;
+    bytes.data_.reset(new char[room]);
+    while (bytes.size_ < room) {
+        const ssize_t n = ::read(fd.get(), bytes.data_.get() + bytes.size_, room - bytes.size_);
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0) return std::nullopt;
+        if (n == 0) return bytes;
+        bytes.size_ += size_t(n);
+    }
+    return std::nullopt;  // it grew while it was read: nothing whole to go by
 }
 
 ZOVRELAY_Status WriteChangedFileAt(int directory, const std::string& name, const std::string& text) {

@@ -13,6 +13,7 @@
 
 #include <cstdint>
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -90,6 +91,22 @@ ZOVRELAY_Status WriteChangedFileAt(int directory, const std::string& name, const
 // The regular file `name` under `directory` (never through a link) whole; nullopt when it cannot
 // be read or is larger than `limit` bytes.
 std::optional<std::string> ReadWholeFileAt(int directory, const std::string& name, size_t limit);
+
+// A file's bytes in a buffer that is not cleared before the read fills it: for a large record
+// read at every run, where clearing it first cost as much as reading it.
+class FileBytes {
+public:
+    FileBytes() = default;
+    static FileBytes Copy(std::string_view bytes);
+    std::string_view view() const { return std::string_view(data_.get(), size_); }
+
+private:
+    friend std::optional<FileBytes> ReadFileBytesAt(int directory, const std::string& name, size_t limit);
+    std::unique_ptr<char[]> data_;
+    size_t size_ = 0;
+};
+// ReadWholeFileAt into FileBytes.
+std::optional<FileBytes> ReadFileBytesAt(int directory, const std::string& name, size_t limit);
 
 // Removes the name `name` under `directory`: a file, a link (never its target), or an empty
 // directory. False when it stays.
