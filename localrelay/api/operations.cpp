@@ -3,6 +3,7 @@
 // repository.
 #include "api/context.h"
 #include "api/runmode.h"
+#include "base/beside.h"
 #include "base/failure.h"
 #include "transfer/http.h"
 #include "base/files.h"
@@ -20,8 +21,6 @@
 #include "base/wide.h"
 
 #include <fcntl.h>
-#include <pthread.h>
-#include <signal.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -30,7 +29,6 @@
 #include <set>
 #include <filesystem>
 #include <system_error>
-#include <thread>
 
 namespace localrelay {
 namespace {
@@ -134,35 +132,18 @@ void Report(const Operation& operation, const RunLog& log, RunSummary summary, Z
 }
 
 // Runs `fetch` (the source's catalog: mostly a wait on the network) while a thread of its own
-// reads what the repository holds, which takes as long again on a large repository. The reader
-// raises no event, shares nothing with `fetch` and takes no signal (the host's handlers run on
-// its own thread, as before); where no thread can be had, it reads after.
+// reads what the repository holds, which takes as long again on a large repository.
 template <class Fetch>
 HeldState ReadHeldStateDuring(const Operation& operation, Fetch&& fetch) {
     std::optional<HeldState> state;
-    {
-        std::thread reader;
-        sigset_t all, before;
-        ::sigfillset(&all);
-        ::pthread_sigmask(SIG_SETMASK, &all, &before);  // the reader starts with every signal blocked
-        try {
-            reader = std::thread([&state, root = operation.root(), packages = operation.packages()]() noexcept {
-                try {
-                    state = ReadHeldState(root, packages);
-                } catch (...) {  // out of memory: read again below, where it fails the operation
-                }
-            });
-        } catch (const std::system_error&) {
-        }
-        ::pthread_sigmask(SIG_SETMASK, &before, nullptr);
-        struct Join {
-            std::thread& thread;
-            ~Join() {
-                if (thread.joinable()) thread.join();
+    RunBeside(
+        [&state, root = operation.root(), packages = operation.packages()] {
+            try {
+                state = ReadHeldState(root, packages);
+            } catch (...) {  // out of memory: read again below, where it fails the operation
             }
-        } join{reader};
-        fetch();
-    }
+        },
+        fetch);
     if (!state) state = ReadHeldState(operation.root(), operation.packages());
     return std::move(*state);
 }
@@ -188,7 +169,7 @@ ZOVRELAY_Status PlanMirror(const Operation& operation, const Request& request, s
     Pool pool;
     LoadedSource source;
     HeldState state = ReadHeldStateDuring(operation, [&] {
-        const CatalogMemory memory{operation.root(), false, &trusted};
+        const CatalogMemory memory{operation.root(), false, &trusted, ""};
         status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, nullptr, nullptr,
                             nullptr, &memory);
     });
@@ -252,7 +233,7 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
     summary.started = std::chrono::system_clock::now();
     HeldState state;
     bool exact = true;  // state.served is what the repository holds
-    std::string plan, digest;  // digest: what the run was asked, its catalog included (RequestDigest)
+    std::string plan, digest, textDigest;  // digest: what the run was asked, its catalog included (RequestDigest)
     // Keys are read before anything is fetched: a key that cannot be used stops the run at once,
     // before any catalog is written (unsigned, or from an empty state).
     TrustedKeys trusted;
@@ -267,19 +248,23 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
         size_t served = 0;
         VendorSources vendors = VendorSources::Parse(
             ReadWholeFileAt(operation.root(), VendorSources::kRecordName, 1 << 20).value_or(""));
+        // A night with nothing new: the seal answers, once the catalog is the one it was made for
+        // and every file it saw is as it saw it (looked at while the catalog is fetched).
+        std::optional<QuietSeal> seal;
+        const int64_t now = NowNanoseconds();
+        if (!ReadBackAll()) seal = ReadQuietSeal(operation.root(), operation.packages(), now);
+        if (seal && KeepsPlan() && seal->plan.empty()) seal.reset();
         const auto load = [&] {
-            const CatalogMemory memory{operation.root(), true, &trusted};
+            const CatalogMemory memory{operation.root(), true, &trusted, seal ? seal->textDigest : std::string()};
             status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served, &log,
                                 &vendors, &memory);
         };
-        // A night with nothing new: the seal answers, once the catalog is the one it was made for.
-        std::optional<QuietSeal> seal;
-        if (!ReadBackAll()) seal = ReadQuietSeal(operation.root(), operation.packages(), NowNanoseconds());
-        if (seal && KeepsPlan() && seal->plan.empty()) seal.reset();
         if (seal) {
-            load();
+            const bool unchanged = FilesAsSealed(*seal, operation.root(), operation.packages(), now, load);
             if (status > 0) digest = RequestDigest(request.products, request.productCount, source, operation.options(), signer.get());
-            if (status > 0 && digest == seal->request) return Quiet(operation, *seal, source, log, summary, vendors, result);
+            if (status > 0 && unchanged && digest == seal->request)
+                return Quiet(operation, *seal, source, log, summary, vendors, result);
+            if (status > 0) status = ParseLoaded(source);
             state = ReadHeldState(operation.root(), operation.packages());
         } else {
             state = ReadHeldStateDuring(operation, load);
@@ -292,6 +277,7 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
         if (status > 0) {
             if (digest.empty())
                 digest = RequestDigest(request.products, request.productCount, source, operation.options(), signer.get());
+            textDigest = source.textDigest;
             status = Mirror(operation.repository(), operation.options(), operation.events(), source, request.products,
                             request.productCount, result, leaving, state, exact, &log, &alternates,
                             RunMode{false, ReadBackAll(), KeepsPlan() ? &plan : nullptr});
@@ -304,7 +290,7 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
     // A run that left nothing for the next to do seals the repository.
     const std::optional<uint64_t> held = HeldNextNight(log);
     if (status == kSuccess && request.productCount > 0 && held && leaving.empty() && exact)
-        WriteQuietSeal(operation.root(), operation.packages(), digest, result, state, *held,
+        WriteQuietSeal(operation.root(), operation.packages(), digest, textDigest, result, state, *held,
                        log.size() == 0 ? plan : std::string());
     if (!plan.empty()) KeepPlan(std::move(plan));
     Report(operation, log, summary, status, state.served);
@@ -340,7 +326,7 @@ ZOVRELAY_Status ZOVRELAY_GetInformation(ZOVRELAY_Context* context, const ZOVRELA
             summary.started = std::chrono::system_clock::now();
             LoadedSource source;
             TrustedKeys trusted;
-            const CatalogMemory memory{operation.root(), false, &trusted};
+            const CatalogMemory memory{operation.root(), false, &trusted, ""};
             status = ReadTrustedKeys(operation.root(), operation.repository().path, trusted);
             if (status > 0)
                 status = LoadSource(sources, sourceCount, operation.options(), source, nullptr, nullptr, &log, nullptr, &memory);

@@ -1,4 +1,5 @@
 #include "run/quiet.h"
+#include "base/beside.h"
 #include "base/files.h"
 #include "base/hex.h"
 #include "repository/heldcache.h"
@@ -7,9 +8,10 @@
 #include "transfer/package.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
+#include <atomic>
 #include <climits>
 #include <cstring>
 #include <ctime>
@@ -17,8 +19,9 @@
 namespace localrelay {
 namespace {
 
-constexpr std::string_view kHeader = "zovrelay-quiet 1\n";
+constexpr std::string_view kMagic = "zovrelay-quiet 2\n";
 constexpr size_t kSealLimit = size_t(256) << 20;
+constexpr size_t kDigestSize = 32;
 constexpr const char* kPackagesPrefix = "packages/";
 // The records a night reads, beside every file in packages/ (and packages/ itself). Not server.ini:
 // nothing reads it, and the module's clean-up resets it after every mirror.
@@ -34,46 +37,87 @@ void AddText(Sha256& digest, const std::string& text) {
     digest.Update(text.data(), text.size());
 }
 
-// `size` bytes from their hexadecimal digits.
-bool Unhex(std::string_view hex, void* data, size_t size) {
-    const std::optional<std::string> bytes = FromHex(hex);
-    if (!bytes || bytes->size() != size) return false;
-    std::memcpy(data, bytes->data(), size);
+template <typename T>
+void Put(std::string& bytes, const T& value) {
+    bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+void PutIdentity(std::string& bytes, const FileIdentity& file) {
+    for (const uint64_t value : {file.size, file.inode, file.device, uint64_t(file.modified), uint64_t(file.changed)})
+        Put(bytes, value);
+}
+
+// The seal's bytes read front to back; every read past the end fails, and so does what follows.
+class Reader {
+public:
+    explicit Reader(std::string_view bytes) : bytes_(bytes) {}
+    template <typename T>
+    bool Take(T& value) {
+        if (bytes_.size() < sizeof value) return false;
+        std::memcpy(&value, bytes_.data(), sizeof value);
+        bytes_.remove_prefix(sizeof value);
+        return true;
+    }
+    bool Take(size_t size, std::string_view& taken) {
+        if (bytes_.size() < size) return false;
+        taken = bytes_.substr(0, size);
+        bytes_.remove_prefix(size);
+        return true;
+    }
+    bool TakeIdentity(FileIdentity& file) {
+        uint64_t modified = 0, changed = 0;
+        if (!Take(file.size) || !Take(file.inode) || !Take(file.device) || !Take(modified) || !Take(changed)) return false;
+        file.modified = int64_t(modified), file.changed = int64_t(changed);
+        return true;
+    }
+    // A count of records of at least `size` bytes each that the rest can hold.
+    bool TakeCount(size_t size, uint32_t& count) { return Take(count) && uint64_t(count) * size <= bytes_.size(); }
+    bool empty() const { return bytes_.empty(); }
+
+private:
+    std::string_view bytes_;
+};
+
+// A file's record: its identity, where its name begins among the names, and whether it lies in
+// packages/ (1) or the root (0), padded to a multiple of 8 bytes.
+constexpr size_t kFileRecordSize = 5 * 8 + 4 + 4;
+
+void PutFile(std::string& bytes, const SealedFile& file) {
+    PutIdentity(bytes, file.identity);
+    Put(bytes, file.name);
+    Put(bytes, uint32_t(file.inPackages));
+}
+
+// The head every seal begins with: enough to tell whether packages/ is as it saw it.
+struct Head {
+    std::string request, textDigest;
+    int64_t at = 0, due = 0;
+    uint64_t heldVersions = 0, planned = 0;
+    FileIdentity packages;
+};
+
+bool TakeHead(Reader& reader, Head& head) {
+    std::string_view magic, request, text;
+    if (!reader.Take(kMagic.size(), magic) || magic != kMagic || !reader.Take(kDigestSize, request) ||
+        !reader.Take(kDigestSize, text) || !reader.Take(head.at) || !reader.Take(head.due) ||
+        !reader.Take(head.heldVersions) || !reader.Take(head.planned) || !reader.TakeIdentity(head.packages))
+        return false;
+    head.request = Hex(request.data(), request.size()), head.textDigest = Hex(text.data(), text.size());
     return true;
 }
+constexpr size_t kHeadSize = kMagic.size() + 2 * kDigestSize + 4 * 8 + 5 * 8;
 
-// Splits off the next blank-separated field of `line`.
-std::string_view Field(std::string_view& line) {
-    const size_t blank = std::min(line.find(' '), line.size());
-    const std::string_view field = line.substr(0, blank);
-    line.remove_prefix(std::min(blank + 1, line.size()));
-    return field;
-}
-
-template <typename T>
-bool Number(std::string_view field, T& value) {
-    return !field.empty() && std::from_chars(field.data(), field.data() + field.size(), value).ptr == field.data() + field.size();
-}
-
-std::string FormatIdentity(const FileIdentity& file) {
-    return std::to_string(file.size) + " " + std::to_string(file.inode) + " " + std::to_string(file.device) + " " +
-           std::to_string(file.modified) + " " + std::to_string(file.changed);
-}
-
-bool ParseIdentity(std::string_view& line, FileIdentity& file) {
-    return Number(Field(line), file.size) && Number(Field(line), file.inode) && Number(Field(line), file.device) &&
-           Number(Field(line), file.modified) && Number(Field(line), file.changed);
-}
-
-// "packages/<name>", "packages/" or a record's name: looked at relative to the root or packages/.
-std::optional<FileIdentity> Look(int root, int packages, const std::string& name) {
+bool SameDirectory(int directory, const FileIdentity& sealed, int64_t at, int64_t now) {
     struct stat info {};
-    int status;
-    if (name == kPackagesPrefix) status = ::fstat(packages, &info);
-    else if (name.rfind(kPackagesPrefix, 0) == 0) status = ::fstatat(packages, name.c_str() + 9, &info, AT_SYMLINK_NOFOLLOW);
-    else status = ::fstatat(root, name.c_str(), &info, AT_SYMLINK_NOFOLLOW);
-    if (status != 0) return std::nullopt;
-    return IdentityOf(info);
+    return directory >= 0 && ::fstat(directory, &info) == 0 && IdentityOf(info) == sealed &&
+           RecordedAfterChange(sealed, at, now);
+}
+
+bool AsSealed(const QuietSeal& seal, size_t index, int root, int packages, int64_t now) {
+    const SealedFile file = seal.File(index);
+    struct stat info {};
+    return ::fstatat(file.inPackages ? packages : root, seal.NameOf(file), &info, AT_SYMLINK_NOFOLLOW) == 0 &&
+           IdentityOf(info) == file.identity && RecordedAfterChange(file.identity, seal.at, now);
 }
 
 bool IsArchive(const std::string& name, const std::set<std::string>& versioned) {
@@ -105,92 +149,160 @@ std::string RequestDigest(const ZOVRELAY_Product* products, size_t count, const 
     return digest.HexDigest();
 }
 
-std::string FormatSeal(const QuietSeal& seal) {
-    std::string text(kHeader);
-    text += "request " + seal.request + "\nat " + std::to_string(seal.at) + "\ndue " + std::to_string(seal.due) +
-            "\nheld " + std::to_string(seal.heldVersions) + " " + std::to_string(seal.planned) + "\n";
+size_t QuietSeal::FileCount() const { return records.size() / kFileRecordSize; }
+
+SealedFile QuietSeal::File(size_t index) const {
+    Reader reader(records.substr(index * kFileRecordSize, kFileRecordSize));
+    SealedFile file;
+    uint32_t inPackages = 0;
+    reader.TakeIdentity(file.identity), reader.Take(file.name), reader.Take(inPackages);
+    file.inPackages = inPackages != 0;
+    return file;
+}
+
+std::string FormatSeal(const QuietSeal& seal, const std::vector<SealedFile>& files, std::string_view names) {
+    const std::optional<std::string> request = FromHex(seal.request), text = FromHex(seal.textDigest);
+    if (!request || request->size() != kDigestSize || !text || text->size() != kDigestSize) return "";
+    std::string bytes(kMagic);
+    bytes += *request + *text;
+    for (const int64_t value : {seal.at, seal.due}) Put(bytes, value);
+    for (const uint64_t value : {seal.heldVersions, seal.planned}) Put(bytes, value);
+    PutIdentity(bytes, seal.packages);
+    Put(bytes, uint32_t(seal.result.size()));
     for (const ListedProduct& product : seal.result) {
-        text += "product " + Hex(&product.entity, sizeof product.entity);
-        for (const ZOVRELAY_EntityItem& component : product.components) text += " " + Hex(&component, sizeof component);
-        text += "\n";
+        Put(bytes, product.entity);
+        Put(bytes, uint32_t(product.components.size()));
+        bytes.append(reinterpret_cast<const char*>(product.components.data()),
+                     product.components.size() * sizeof(ZOVRELAY_EntityItem));
     }
-    for (const auto& [name, file] : seal.files) text += "file " + FormatIdentity(file) + " " + name + "\n";
-    if (!seal.plan.empty() && seal.plan.find('\n') == std::string::npos) text += "plan " + seal.plan + "\n";
-    return text + "end\n";
+    Put(bytes, uint64_t(files.size()));
+    for (const SealedFile& file : files) PutFile(bytes, file);
+    Put(bytes, uint64_t(names.size()));
+    bytes += names;
+    Put(bytes, uint64_t(seal.plan.size()));
+    bytes += seal.plan;
+    Sha256 digest;
+    digest.Update(bytes.data(), bytes.size());
+    return bytes + digest.HexDigest();
 }
 
-std::optional<QuietSeal> ParseSeal(std::string_view text) {
-    if (text.substr(0, kHeader.size()) != kHeader) return std::nullopt;
-    text.remove_prefix(kHeader.size());
+std::optional<QuietSeal> ParseSeal(FileBytes bytes) {
+    const std::string_view whole = bytes.view();
+    if (whole.size() < 2 * kDigestSize) return std::nullopt;
+    const std::string_view body = whole.substr(0, whole.size() - 2 * kDigestSize);  // then its SHA-256 in hex
+    Sha256 digest;
+    digest.Update(body.data(), body.size());
+    if (digest.HexDigest() != whole.substr(body.size())) return std::nullopt;
+    Reader reader(body);
+    Head head;
+    if (!TakeHead(reader, head)) return std::nullopt;
     QuietSeal seal;
-    const auto line = [&]() {
-        const size_t end = text.find('\n');
-        const std::string_view found = text.substr(0, end);
-        text.remove_prefix(end == std::string_view::npos ? text.size() : end + 1);
-        return found;
-    };
-    std::string_view request = line(), at = line(), due = line(), held = line();
-    if (Field(request) != "request" || request.size() != 64 || Field(at) != "at" || !Number(at, seal.at) ||
-        Field(due) != "due" || !Number(due, seal.due) || Field(held) != "held" || !Number(Field(held), seal.heldVersions) || !Number(held, seal.planned))
-        return std::nullopt;
-    seal.request = std::string(request);
-    seal.files.reserve(size_t(std::count(text.begin(), text.end(), '\n')));
-    for (std::string_view next = line();; next = line()) {
-        const std::string_view kind = Field(next);
-        if (kind == "end") return text.empty() ? std::optional<QuietSeal>(std::move(seal)) : std::nullopt;
-        if (kind == "product") {
-            ListedProduct& product = seal.result.emplace_back();
-            if (!Unhex(Field(next), &product.entity, sizeof product.entity)) return std::nullopt;
-            product.components.reserve(size_t(std::count(next.begin(), next.end(), ' ')) + 1);
-            while (!next.empty())
-                if (!Unhex(Field(next), &product.components.emplace_back(), sizeof(ZOVRELAY_EntityItem))) return std::nullopt;
-        } else if (kind == "plan") {
-            seal.plan = std::string(next);
-        } else if (kind == "file") {
-            FileIdentity file;
-            if (!ParseIdentity(next, file) || next.empty()) return std::nullopt;
-            seal.files.emplace_back(std::string(next), file);
-        } else {
+    seal.request = head.request, seal.textDigest = head.textDigest, seal.at = head.at, seal.due = head.due;
+    seal.heldVersions = head.heldVersions, seal.planned = head.planned, seal.packages = head.packages;
+    uint32_t products = 0;
+    if (!reader.TakeCount(sizeof(ZOVRELAY_EntityItem) + 4, products)) return std::nullopt;
+    seal.result.resize(products);
+    for (ListedProduct& product : seal.result) {
+        uint32_t components = 0;
+        std::string_view items;
+        if (!reader.Take(product.entity) || !reader.TakeCount(sizeof(ZOVRELAY_EntityItem), components) ||
+            !reader.Take(components * sizeof(ZOVRELAY_EntityItem), items))
             return std::nullopt;
-        }
+        product.components.resize(components);
+        if (components > 0) std::memcpy(product.components.data(), items.data(), items.size());
     }
-}
-
-std::optional<QuietSeal> ReadQuietSeal(int root, int packages, int64_t now) {
-    const std::optional<std::string> text = ReadWholeFileAt(root, kQuietSealName, kSealLimit);
-    std::optional<QuietSeal> seal = text ? ParseSeal(*text) : std::nullopt;
-    if (!seal || now >= seal->due || seal->at > now) return std::nullopt;
-    for (const auto& [name, file] : seal->files) {
-        const std::optional<FileIdentity> seen = Look(root, packages, name);
-        if (!seen || !(*seen == file) || !RecordedAfterChange(file, seal->at, now)) return std::nullopt;
+    uint64_t files = 0, names = 0, plan = 0;
+    std::string_view text;
+    if (!reader.Take(files) || files > body.size() / kFileRecordSize || !reader.Take(files * kFileRecordSize, seal.records) ||
+        !reader.Take(names) || names > body.size() || !reader.Take(names, seal.names) || !reader.Take(plan) ||
+        plan > body.size() || !reader.Take(plan, text) || !reader.empty())
+        return std::nullopt;
+    // Every name ends within the names, so that a file's name, wherever it points, stops there.
+    if (files > 0 && (seal.names.empty() || seal.names.back() != '\0')) return std::nullopt;
+    for (size_t i = 0; i < files; ++i) {
+        const SealedFile file = seal.File(i);
+        if (file.name >= seal.names.size() || *seal.NameOf(file) == '\0') return std::nullopt;
     }
+    seal.plan = std::string(text);
+    seal.bytes = std::move(bytes);  // the views stay: the buffer does not move
     return seal;
 }
 
-void WriteQuietSeal(int root, int packages, const std::string& request, const std::vector<ListedProduct>& result,
-                    const HeldState& state, uint64_t planned, const std::string& plan) {
-    QuietSeal seal{request, 0, INT64_MAX, 0, planned, result, {}, plan};
+std::optional<QuietSeal> ReadQuietSeal(int root, int packages, int64_t now) {
+    std::optional<FileBytes> bytes = ReadFileBytesAt(root, kQuietSealName, kSealLimit);
+    std::optional<QuietSeal> seal = bytes ? ParseSeal(std::move(*bytes)) : std::nullopt;
+    if (!seal || now >= seal->due || !SameDirectory(packages, seal->packages, seal->at, now)) return std::nullopt;
+    return seal;
+}
+
+bool FilesAsSealed(const QuietSeal& seal, int root, int packages, int64_t now, const std::function<void()>& during) {
+    std::atomic<size_t> next{0};
+    std::atomic<bool> changed{false};
+    // Batches from a shared count, so that the two threads share the looks whoever is freed first.
+    const auto look = [&]() noexcept {
+        constexpr size_t kBatch = 256;
+        const size_t count = seal.FileCount();
+        for (size_t begin; !changed.load(std::memory_order_relaxed) && (begin = next.fetch_add(kBatch)) < count;)
+            for (size_t i = begin; i < std::min(begin + kBatch, count); ++i)
+                if (!AsSealed(seal, i, root, packages, now)) {
+                    changed = true;
+                    return;
+                }
+    };
+    RunBeside(look, [&] {
+        during();
+        look();
+    });
+    return !changed;
+}
+
+bool PackagesAsSealed(int root, int packages, int64_t now) {
+    const FileDescriptor fd(OpenFileAt(root, kQuietSealName));
+    char bytes[kHeadSize];
+    Head head;
+    Reader reader(std::string_view(bytes, sizeof bytes));
+    return fd.get() >= 0 && ::pread(fd.get(), bytes, sizeof bytes, 0) == ssize_t(sizeof bytes) &&
+           TakeHead(reader, head) && SameDirectory(packages, head.packages, head.at, now);
+}
+
+void WriteQuietSeal(int root, int packages, const std::string& request, const std::string& textDigest,
+                    const std::vector<ListedProduct>& result, const HeldState& state, uint64_t planned,
+                    const std::string& plan) {
+    QuietSeal seal;
+    seal.request = request, seal.textDigest = textDigest, seal.due = INT64_MAX, seal.planned = planned;
+    seal.result = result, seal.plan = plan;
+    std::vector<SealedFile> files;
+    std::string sealedNames;
     for (const auto& [identity, served] : state.served) seal.heldVersions += served.manifest.versions.size();
     const std::set<std::string> names = NamesIn(packages);
     std::set<std::string> versioned;
     for (const auto& [identity, archives] : AllVersionArchives(names))
         for (const auto& [version, name] : archives) versioned.insert(name);
-    std::vector<std::string> looked{kPackagesPrefix};
-    for (const char* record : kRecords) looked.push_back(record);
+    std::vector<std::pair<std::string, bool>> looked;  // name, in packages/
+    for (const char* record : kRecords) looked.emplace_back(record, false);
     // Its signature, where the repository signs (one removed would go unnoticed otherwise).
     struct stat signature {};
-    if (::fstatat(root, kSourceSignatureName, &signature, AT_SYMLINK_NOFOLLOW) == 0) looked.push_back(kSourceSignatureName);
+    if (::fstatat(root, kSourceSignatureName, &signature, AT_SYMLINK_NOFOLLOW) == 0)
+        looked.emplace_back(kSourceSignatureName, false);
     // A published link is its archive (a change to either is a change to both); one made or removed
-    // changes packages/ itself.
-    for (const std::string& name : names)
-        if (!IsPublishedName(name)) looked.push_back(kPackagesPrefix + name);
-    int64_t latest = 0, tick = 0;
-    for (const std::string& name : looked) {
-        const std::optional<FileIdentity> file = Look(root, packages, name);
-        if (!file || name.find('\n') != std::string::npos) return;
-        latest = std::max(latest, file->changed);
-        tick = std::max(tick, TimeTick(*file));
-        seal.files.emplace_back(name, *file);
+    // changes packages/ itself. A temporary left is for the next run to remove: no seal then.
+    for (const std::string& name : names) {
+        if (IsTemporaryName(name)) return;
+        if (!IsPublishedName(name)) looked.emplace_back(name, true);
+    }
+    const std::optional<FileIdentity> directory = FileIdentityOf(packages);
+    if (!directory) return;
+    seal.packages = *directory;
+    int64_t latest = directory->changed, tick = TimeTick(*directory);
+    for (const auto& [name, inPackages] : looked) {
+        struct stat info {};
+        if (::fstatat(inPackages ? packages : root, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0) return;
+        const FileIdentity file = IdentityOf(info);
+        latest = std::max(latest, file.changed);
+        tick = std::max(tick, TimeTick(file));
+        if (sealedNames.size() > UINT32_MAX - name.size() - 1) return;
+        files.push_back(SealedFile{file, uint32_t(sealedNames.size()), inPackages});
+        sealedNames.append(name).push_back('\0');
     }
     // The seal vouches for what it saw only from a clock tick after the last change.
     seal.at = NowNanoseconds();
@@ -200,12 +312,14 @@ void WriteQuietSeal(int root, int packages, const std::string& request, const st
         ::nanosleep(&pause, nullptr);
         seal.at = NowNanoseconds();
     }
-    for (const auto& [name, file] : seal.files) {
-        if (name.rfind(kPackagesPrefix, 0) != 0 || !IsArchive(name.substr(9), versioned)) continue;
-        seal.due = std::min(seal.due, VerificationDue(state.verified, name.substr(9), file, seal.at));
+    for (const SealedFile& file : files) {
+        const std::string name = sealedNames.c_str() + file.name;
+        if (!file.inPackages || !IsArchive(name, versioned)) continue;
+        seal.due = std::min(seal.due, VerificationDue(state.verified, name, file.identity, seal.at));
         if (seal.due == INT64_MIN) return;  // an archive not on record: the next run reads it
     }
-    (void)WriteWholeFileAt(root, kQuietSealName, FormatSeal(seal));
+    const std::string bytes = FormatSeal(seal, files, sealedNames);
+    if (!bytes.empty()) (void)WriteWholeFileAt(root, kQuietSealName, bytes);
 }
 
 void RemoveQuietSeal(int root) { RemoveAt(root, kQuietSealName); }

@@ -5,19 +5,21 @@
 // mirror answered, when the first held archive falls due for its read-back, and the identity of
 // every record and of every file in packages/. The next mirror with the same request and catalog,
 // before that time, that finds every one of those files as the seal saw it, has nothing to do: it
-// answers what the seal says, having read one small record and looked at each file once, where
-// reading the records of a large repository costs many times the catalog's fetch. Anything else
+// answers what the seal says, having read one record and looked at each file once (beside the
+// catalog's fetch), where reading the records of a large repository costs many times the fetch. Anything else
 // (another request, another catalog, a file changed, added or removed, a read-back due) takes the
 // full run, which removes the seal before it writes anything.
 #ifndef LOCALRELAY_RUN_QUIET_H
 #define LOCALRELAY_RUN_QUIET_H
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
+#include "base/files.h"
 #include "run/listing.h"
 #include "run/options.h"
 #include "run/runlog.h"
@@ -28,15 +30,31 @@ namespace localrelay {
 
 inline constexpr const char* kQuietSealName = ".quiet";
 
+// A file the seal saw: its identity, and its name (NUL-terminated, at `name` in the seal's names).
+struct SealedFile {
+    FileIdentity identity;
+    uint32_t name = 0;
+    bool inPackages = false;  // in packages/, else a record in the root
+};
+
 struct QuietSeal {
-    std::string request;         // RequestDigest of the sealed run
+    std::string request;         // RequestDigest of the sealed run (hexadecimal)
+    std::string textDigest;      // the SHA-256 (hexadecimal) of the catalog's text it was made with
     int64_t at = 0;              // ns: when the identities were taken, after their last change
     int64_t due = 0;             // ns: when the first held archive falls due for its read-back
     uint64_t heldVersions = 0;   // for the run report: versions held,
     uint64_t planned = 0;        // and packages of the plan held already
+    FileIdentity packages;       // packages/ itself: a name made, removed or renamed in it changes it
     std::vector<ListedProduct> result;
-    std::vector<std::pair<std::string, FileIdentity>> files;  // "packages/" names and the root's records
     std::string plan;  // the plan (FormatPlan) of a sealing run that had nothing to do and kept it
+    // Every file in packages/ but published links, and the root's records: fixed-size records
+    // and the names they point into, read where they lie in the seal's bytes.
+    std::string_view records, names;
+    FileBytes bytes;
+
+    size_t FileCount() const;
+    SealedFile File(size_t index) const;
+    const char* NameOf(const SealedFile& file) const { return names.data() + file.name; }
 };
 
 // SHA-256 (hex) of the products asked for, the serving source (address, catalog, proxy), the
@@ -44,20 +62,31 @@ struct QuietSeal {
 std::string RequestDigest(const ZOVRELAY_Product* products, size_t count, const LoadedSource& source,
                           const Options& options, const SigningKey* signer);
 
-std::string FormatSeal(const QuietSeal& seal);
-std::optional<QuietSeal> ParseSeal(std::string_view text);  // nullopt for anything malformed
+// The seal is binary, in the machine's own byte order (it never leaves the repository it
+// describes), and ends with the SHA-256 of all before: it is read at every night of a large
+// repository, where parsing a text of a line per file cost more than the catalog's fetch.
+std::string FormatSeal(const QuietSeal& seal, const std::vector<SealedFile>& files, std::string_view names);
+std::optional<QuietSeal> ParseSeal(FileBytes bytes);  // nullopt for anything malformed or damaged
 
-// The seal in the repository, when it is whole and every file it names is as it was (and none is
-// added to packages/), no read-back is due at `now`, and the seal was taken a clock tick after the
-// files' last changes.
+// The seal in the repository, when it is whole, no read-back is due at `now`, the seal was taken a
+// clock tick after the last change of packages/, and packages/ is as it saw it.
 std::optional<QuietSeal> ReadQuietSeal(int root, int packages, int64_t now);
+
+// Looks at every file the seal names, on a thread beside `during` (the catalog's fetch) and on the
+// caller's once `during` returns; true when each is as the seal saw it.
+bool FilesAsSealed(const QuietSeal& seal, int root, int packages, int64_t now, const std::function<void()>& during);
+
+// Whether packages/ is as a seal saw it, from the seal's head alone: then no name was made in it
+// since, and its temporaries need not be looked for (a large directory to read).
+bool PackagesAsSealed(int root, int packages, int64_t now);
 
 // Seals the repository as a run with nothing to do left it; nothing when some held archive is due
 // for a read-back or not on record. `state` is the run's held state after it concluded, `planned`
 // its count of packages held already, `plan` its plan when it had nothing to do and kept one (the
 // plan of every night after, as long as the seal holds).
-void WriteQuietSeal(int root, int packages, const std::string& request, const std::vector<ListedProduct>& result,
-                    const HeldState& state, uint64_t planned, const std::string& plan);
+void WriteQuietSeal(int root, int packages, const std::string& request, const std::string& textDigest,
+                    const std::vector<ListedProduct>& result, const HeldState& state, uint64_t planned,
+                    const std::string& plan);
 void RemoveQuietSeal(int root);
 
 // What the next night's plan will find held already, when the run leaves nothing for it to do

@@ -70,7 +70,7 @@ struct Kept {
 // and its text still has the digest it was kept with.
 std::optional<Kept> Recall(const CatalogMemory* memory, const std::string& address) {
     if (memory == nullptr || memory->root < 0) return std::nullopt;
-    const std::optional<std::string> record = ReadWholeFileAt(memory->root, MemoryName(address), CatalogLimit() + 4096);
+    std::optional<std::string> record = ReadWholeFileAt(memory->root, MemoryName(address), CatalogLimit() + 4096);
     if (!record || record->compare(0, kMemoryHeader.size(), kMemoryHeader) != 0) return std::nullopt;
     std::vector<std::string> fields;  // address, etag, modified, sha256
     size_t at = kMemoryHeader.size();
@@ -81,7 +81,8 @@ std::optional<Kept> Recall(const CatalogMemory* memory, const std::string& addre
         fields.emplace_back(line.substr(std::strlen(key)));
         at = end + 1;
     }
-    Kept kept{fields[1], fields[2], record->substr(at), fields[3]};
+    record->erase(0, at);  // in place: a catalog of many megabytes
+    Kept kept{fields[1], fields[2], std::move(*record), fields[3]};
     if (fields[0] != address || Digest(kept.text) != kept.sha256) return std::nullopt;
     return kept;
 }
@@ -282,7 +283,7 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
                                                                vendors->Remembered(candidate.address, Today());
     const size_t limit = CatalogLimit();
     // A catalog kept from last time is asked for alone, conditionally: most nights it is all.
-    const std::optional<Kept> kept = http && !vendor ? Recall(memory, addresses[0]) : std::nullopt;
+    std::optional<Kept> kept = http && !vendor ? Recall(memory, addresses[0]) : std::nullopt;
     if (http && !vendor && !kept) FetchFirstText(addresses, catalogSettings, texts, first, limit);
     for (const char* name : {kSourceCatalogName, kIndexName}) {
         if (vendor && name == kSourceCatalogName) continue;
@@ -292,13 +293,13 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
         bool transient = false;
         ZOVRELAY_Status status;
         if (first.empty() || first[k].stopped || (first[k].status <= 0 && first[k].attempt.transient)) {
-            const std::optional<Kept> copy = k == 0 ? kept : (http ? Recall(memory, address) : std::nullopt);
+            std::optional<Kept> copy = k == 0 ? std::move(kept) : (http ? Recall(memory, address) : std::nullopt);
             Revalidation revalidation;
             if (copy) revalidation.etag = copy->etag, revalidation.modified = copy->modified;
             TransferSettings settings = catalogSettings;
             if (http) settings.revalidation = &revalidation;
             status = FetchText(address, settings, text, limit, &error, &transient);
-            if (status > 0 && revalidation.notModified) text = copy->text, digest = copy->sha256;
+            if (status > 0 && revalidation.notModified) text = std::move(copy->text), digest = copy->sha256;
             // A copy answered 304 is kept already.
             if (status > 0 && http && !revalidation.notModified) keeping.push_back(Keeping{address, revalidation, text});
         } else {
@@ -328,14 +329,19 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
             note(address, kInvalidCatalog, forged);
             break;
         }
-        std::optional<Catalog> catalog = ParseCatalog(text, &error);
-        if (!catalog || !TotalSizeFits(*catalog, error)) {
-            note(address, kInvalidCatalog, "invalid catalog (" + error + ")");
-            continue;
+        if (digest.empty()) digest = Digest(text);
+        if (memory != nullptr && !memory->parsedBefore.empty() && digest == memory->parsedBefore) {
+            candidate.unparsed = std::move(text);
+        } else {
+            std::optional<Catalog> catalog = ParseCatalog(text, &error);
+            if (!catalog || !TotalSizeFits(*catalog, error)) {
+                note(address, kInvalidCatalog, "invalid catalog (" + error + ")");
+                continue;
+            }
+            candidate.catalog = std::move(*catalog);
         }
-        candidate.catalog = std::move(*catalog);
         candidate.catalogName = name;
-        candidate.textDigest = digest.empty() ? Digest(text) : digest;
+        candidate.textDigest = digest;
         for (const Keeping& kept : keeping)
             if (http && kept.address.compare(0, address.size(), address) == 0)  // this catalog and its signature
                 Keep(memory, kept.address, kept.revalidation, kept.text);
@@ -345,6 +351,17 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
 }
 
 }  // namespace
+
+ZOVRELAY_Status ParseLoaded(LoadedSource& source) {
+    if (!source.unparsed) return kSuccess;
+    std::string error;
+    std::optional<Catalog> catalog = ParseCatalog(*source.unparsed, &error);
+    if (!catalog || !TotalSizeFits(*catalog, error))
+        return Fail(kInvalidCatalog, "invalid catalog (" + error + ")", JoinAddress(source.address, source.catalogName));
+    source.catalog = std::move(*catalog);
+    source.unparsed.reset();
+    return kSuccess;
+}
 
 bool TakeUserInfo(std::string& address, std::string& user, std::string& password) {
     const size_t scheme = address.find("://");

@@ -10,6 +10,7 @@
 
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -18,10 +19,14 @@ namespace localrelay {
 struct LoadedSource {
     std::string address;
     TransferSettings settings;  // the context's limits with this source's proxy
-    Catalog catalog;
+    Catalog catalog;            // empty while `unparsed` holds its text
     std::string catalogName;  // the file it came from: source.ini of a repository, else server.ini
     std::string textDigest;   // the SHA-256 of the catalog's text
+    std::optional<std::string> unparsed;  // the text of a catalog known to parse, not parsed yet (CatalogMemory)
 };
+
+// Parses a catalog that LoadSource left unparsed; kInvalidCatalog, naming it, if it does not.
+ZOVRELAY_Status ParseLoaded(LoadedSource& source);
 
 // HTTP sources that answered source.ini with 404 (a vendor's server, not a repository of ours),
 // kept in the repository's record `.vendor-sources` (lines "<day> <address>", days since 1970),
@@ -59,10 +64,13 @@ std::string Through(const std::string& object, const TransferSettings& settings)
 // with a signature one of them made (catalog/signature.h), at a generation no older than the last
 // accepted from it, recorded in ".catalog-generations" (lines "<generation> <catalog address>",
 // written by a writer holding the lock, only when a generation grew).
+// A catalog whose text has the digest `parsedBefore` (a text that parsed on an earlier night) is
+// left unparsed in LoadedSource::unparsed: a night with nothing new needs only its digest.
 struct CatalogMemory {
     int root = -1;
     bool keep = false;
     const TrustedKeys* trusted = nullptr;
+    std::string parsedBefore;
 };
 
 // Sources with a null address are skipped. kInvalidArgument for a string that names no
