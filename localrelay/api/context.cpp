@@ -4,6 +4,7 @@
 #include "api/library.h"
 #include "api/runmode.h"
 #include "repository/repository.h"
+#include "run/quiet.h"
 #include "base/status.h"
 #include "base/wide.h"
 
@@ -28,6 +29,13 @@ NamedSemaphore::~NamedSemaphore() {
 }
 
 
+ZOVRELAY_Status LockWriting(Repository& repository) {
+    const ZOVRELAY_Status status = LockRepository(repository);
+    const int root = repository.directory.get(), packages = repository.packages.get();
+    if (status > 0 && !PackagesAsSealed(root, packages, NowNanoseconds())) RemoveStaleTemporaries(-1, packages);
+    return status;
+}
+
 } // namespace localrelay
 
 using namespace localrelay;
@@ -43,6 +51,8 @@ ZOVRELAY_Status ZOVRELAY_CreateContext(ZOVRELAY_Context** context, const wchar_t
         Repository opened;
         const ZOVRELAY_Status status = OpenRepository(*path, opened, !PlanOnly());
         if (status <= 0) return status;
+        // A killed run's leftovers go as soon as nobody writes: clean up if the lock is free now.
+        if (!PlanOnly() && LockWriting(opened) > 0) UnlockRepository(opened);
         // The semaphore comes last, so that a refused context never opens it.
         *context = new ZOVRELAY_Context(std::move(opened));
         return kSuccess;

@@ -26,6 +26,10 @@ private:
     sem_t* handle_ = SEM_FAILED;
 };
 
+// Takes the repository's lock for a writing operation. packages/ is searched for a killed run's
+// temporaries unless the quiet seal shows no name was made there since it was taken.
+ZOVRELAY_Status LockWriting(Repository& repository);
+
 } // namespace localrelay
 
 // One member per concern; a plain delete releases them all.

@@ -53,7 +53,7 @@ public:
 
     bool busy() const { return busy_; }
     // Writers take the repository's lock for the operation; readers never do.
-    ZOVRELAY_Status Lock() const { return LockRepository(context_->repository); }
+    ZOVRELAY_Status Lock() const { return LockWriting(context_->repository); }
     const Repository& repository() const { return context_->repository; }
     int root() const { return context_->repository.directory.get(); }
     int packages() const { return context_->repository.packages.get(); }

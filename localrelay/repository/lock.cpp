@@ -52,8 +52,6 @@ ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository, 
     repository.path = absolute.get();
     repository.directory = std::move(directory);
     repository.packages = std::move(packages);
-    // A killed run's leftovers go as soon as nobody writes: clean up if the lock is free now.
-    if (create && LockRepository(repository) > 0) UnlockRepository(repository);
     return kSuccess;
 }
 
@@ -86,7 +84,7 @@ ZOVRELAY_Status LockRepository(Repository& repository) {
                                     : kRepositoryNotAccessible;
     repository.lock = std::move(lock);
     // Under the lock, so no running writer can own them.
-    RemoveStaleTemporaries(repository.directory.get(), repository.packages.get());
+    RemoveStaleTemporaries(repository.directory.get(), -1);
     return kSuccess;
 }
 

@@ -31,7 +31,8 @@ inline constexpr const char* kLockName = ".lock";
 ZOVRELAY_Status OpenRepository(const std::string& path, Repository& repository, bool create = true);
 
 // For a writing operation: takes the lock file's flock without waiting, then removes the
-// temporaries a killed run left. kRepositoryBusy when another writer holds it.
+// temporaries a killed run left in the root; those in packages/ (a large directory to read) are
+// the caller's to remove, under the lock. kRepositoryBusy when another writer holds it.
 ZOVRELAY_Status LockRepository(Repository& repository);
 void UnlockRepository(Repository& repository);
 

@@ -96,6 +96,7 @@ std::set<std::string> NamesIn(int directory) {
 
 void RemoveStaleTemporaries(int root, int packages) {
     for (const int directory : {root, packages}) {
+        if (directory < 0) continue;
         std::vector<std::string> stale;
         ForEachEntry(directory, [&](std::string_view name) {
             // A part with its resume record is kept: the next mirror continues it, and removes it

@@ -59,7 +59,8 @@ private:
 };
 
 // Removes what a killed run left behind: our temporaries in packages/ and in the root (files,
-// links, and empty directories planted under such names; a link's target is never touched).
+// links, and empty directories planted under such names; a link's target is never touched). A
+// directory of -1 is left alone.
 void RemoveStaleTemporaries(int root, int packages);
 
 // The manifests of every readable merged archive in packages/, by identity. An archive that does
