@@ -10,6 +10,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -67,6 +68,18 @@ private:
 
 uint16_t FreePort();
 
+// nginx serving the files under `root` on a free loopback port (ETag, If-None-Match: a catalog
+// unchanged since the last fetch is a 304), its configuration and logs in `directory`.
+class Nginx {
+public:
+    Nginx(const std::string& root, const std::string& directory);
+    uint16_t port() const { return port_; }
+
+private:
+    uint16_t port_;
+    std::unique_ptr<Process> process_;
+};
+
 // HTTP/1.1 GET of the files under a directory, with sendfile, one thread per connection: fast
 // enough that the client side is what gets measured.
 class FileServer {
@@ -92,6 +105,11 @@ ZOVRELAY_Status PlanProduct(const std::string& repository, const std::string& so
 // repository at `repository`, through ZOVRELAY_Duplicate.
 ZOVRELAY_Status Mirror(const std::string& repository, const std::string& source, const std::string& catalog,
                        int64_t maxBandwidth = 0, int64_t httpsLevel = 2);
+// The same with the products given (as a mirror job knows them), not read from a catalog.
+ZOVRELAY_Status Mirror(const std::string& repository, const std::string& source,
+                       std::vector<ZOVRELAY_Product> products, int64_t maxBandwidth = 0, int64_t httpsLevel = 2);
+// Every product that the catalog at `catalog` (a local server.ini) lists.
+std::vector<ZOVRELAY_Product> CatalogProducts(const std::string& catalog);
 
 // Prints one figure beside its peer's, the ratio, and whether the target is met.
 void Report(const std::string& figure, double value, const std::string& peerName, double peer, double ratio,

@@ -1,5 +1,5 @@
-// A night with nothing new: the repository holds every component of a source served over HTTP on
-// loopback, and the run finds nothing to do. It should cost little more than fetching the catalog,
+// A night with nothing new: the repository holds every component of a source served by nginx on
+// loopback, and the run finds nothing to do (the catalog, unchanged, answers 304). It should cost little more than fetching the catalog,
 // so the peer is `curl` of the catalog. Also the first night after a mirror beside the next one:
 // the archives a mirror wrote must not be read again. BENCH_NIGHT_COMPONENTS lists the sizes
 // (default "2000 20000").
@@ -17,11 +17,12 @@ int main() {
         for (unsigned components = 0; sizes >> components;) {
             const std::string source = session.Directory("source");
             MakeSource(source, components, 1024);
-            FileServer server(source);
+            const Nginx server(source, session.Directory("nginx"));
             const std::string address = "http://127.0.0.1:" + std::to_string(server.port());
+            const std::vector<ZOVRELAY_Product> products = CatalogProducts(source + "/server.ini");
             const auto night = [&](const std::string& repository) {
                 ZOVRELAY_Status status = 0;
-                const double seconds = Seconds([&] { status = Mirror(repository, address, source + "/server.ini"); });
+                const double seconds = Seconds([&] { status = Mirror(repository, address, products); });
                 Check(status > 0, "mirroring failed: " + std::to_string(status));
                 return seconds;
             };
