@@ -224,16 +224,73 @@ ZOVRELAY_Status Quiet(const Operation& operation, const QuietSeal& seal, const L
     return status;
 }
 
+// What a run leaves for its conclusion.
+struct Mirrored {
+    HeldState state;
+    bool exact = true;  // state.served is what the repository holds
+    std::vector<std::string> leaving;
+    std::string plan, digest, textDigest;  // digest: what the run was asked, its catalog included (RequestDigest)
+    RunLog log;
+};
+
+// The seal, when one may answer this run: a run that keeps its plan needs a seal that kept one.
+std::optional<QuietSeal> SealFor(const Operation& operation, int64_t now) {
+    if (ReadBackAll()) return std::nullopt;
+    std::optional<QuietSeal> seal = ReadQuietSeal(operation.root(), operation.packages(), now);
+    if (seal && KeepsPlan() && seal->plan.empty()) seal.reset();
+    return seal;
+}
+
+// Loads the source's catalog and mirrors the products from it. A night with nothing new is
+// answered by the seal (`quiet`, reported already), once the catalog is the one it was made for
+// and every file it saw is as it saw it (looked at while the catalog is fetched).
+ZOVRELAY_Status MirrorProducts(const Operation& operation, const Request& request, const TrustedKeys& trusted,
+                               const SigningKey* signer, Mirrored& run, std::vector<ListedProduct>& result,
+                               const RunSummary& summary, bool& quiet) {
+    Pool pool;  // the catalog's connection serves the packages too
+    LoadedSource source;
+    size_t served = 0;
+    ZOVRELAY_Status status = kSuccess;
+    VendorSources vendors =
+        VendorSources::Parse(ReadWholeFileAt(operation.root(), VendorSources::kRecordName, 1 << 20).value_or(""));
+    const int64_t now = NowNanoseconds();
+    const std::optional<QuietSeal> seal = SealFor(operation, now);
+    const auto load = [&] {
+        const CatalogMemory memory{operation.root(), true, &trusted, seal ? seal->textDigest : std::string()};
+        status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served,
+                            &run.log, &vendors, &memory);
+    };
+    const auto digest = [&] {
+        return RequestDigest(request.products, request.productCount, source, operation.options(), signer);
+    };
+    if (seal) {
+        const bool unchanged = FilesAsSealed(*seal, operation.root(), operation.packages(), now, load);
+        if (status > 0) run.digest = digest();
+        if ((quiet = status > 0 && unchanged && run.digest == seal->request))
+            return Quiet(operation, *seal, source, run.log, summary, vendors, result);
+        if (status > 0) status = ParseLoaded(source);
+        run.state = ReadHeldState(operation.root(), operation.packages());
+    } else {
+        run.state = ReadHeldStateDuring(operation, load);
+    }
+    RemoveQuietSeal(operation.root());
+    run.state.signer = signer;
+    // At best: a record that cannot be written costs one request the next night, nothing more.
+    if (vendors.changed) (void)WriteWholeFileAt(operation.root(), VendorSources::kRecordName, vendors.Format());
+    if (status <= 0) return status;
+    Alternates alternates(request.sources, request.sourceCount, served, operation.options(), &pool);
+    if (run.digest.empty()) run.digest = digest();
+    run.textDigest = source.textDigest;
+    return Mirror(operation.repository(), operation.options(), operation.events(), source, request.products,
+                  request.productCount, result, run.leaving, run.state, run.exact, &run.log, &alternates,
+                  RunMode{false, ReadBackAll(), KeepsPlan() ? &run.plan : nullptr});
+}
+
 ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, std::vector<ListedProduct>& result) {
     ZOVRELAY_Status status = operation.Lock();
     if (status <= 0) return status;
-    std::vector<std::string> leaving;
-    RunLog log;
     RunSummary summary;
     summary.started = std::chrono::system_clock::now();
-    HeldState state;
-    bool exact = true;  // state.served is what the repository holds
-    std::string plan, digest, textDigest;  // digest: what the run was asked, its catalog included (RequestDigest)
     // Keys are read before anything is fetched: a key that cannot be used stops the run at once,
     // before any catalog is written (unsigned, or from an empty state).
     TrustedKeys trusted;
@@ -241,59 +298,24 @@ ZOVRELAY_Status RunMirror(const Operation& operation, const Request& request, st
     status = ReadTrustedKeys(operation.root(), operation.repository().path, trusted);
     if (status > 0) status = ReadSigningKey(operation.repository().path, signer);
     if (status <= 0) return status;
+    Mirrored run;
     // Zero products mirror nothing: a filtered mirror that kept nothing must never become a full mirror.
     if (request.productCount > 0) {
-        Pool pool;  // the catalog's connection serves the packages too
-        LoadedSource source;
-        size_t served = 0;
-        VendorSources vendors = VendorSources::Parse(
-            ReadWholeFileAt(operation.root(), VendorSources::kRecordName, 1 << 20).value_or(""));
-        // A night with nothing new: the seal answers, once the catalog is the one it was made for
-        // and every file it saw is as it saw it (looked at while the catalog is fetched).
-        std::optional<QuietSeal> seal;
-        const int64_t now = NowNanoseconds();
-        if (!ReadBackAll()) seal = ReadQuietSeal(operation.root(), operation.packages(), now);
-        if (seal && KeepsPlan() && seal->plan.empty()) seal.reset();
-        const auto load = [&] {
-            const CatalogMemory memory{operation.root(), true, &trusted, seal ? seal->textDigest : std::string()};
-            status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served, &log,
-                                &vendors, &memory);
-        };
-        if (seal) {
-            const bool unchanged = FilesAsSealed(*seal, operation.root(), operation.packages(), now, load);
-            if (status > 0) digest = RequestDigest(request.products, request.productCount, source, operation.options(), signer.get());
-            if (status > 0 && unchanged && digest == seal->request)
-                return Quiet(operation, *seal, source, log, summary, vendors, result);
-            if (status > 0) status = ParseLoaded(source);
-            state = ReadHeldState(operation.root(), operation.packages());
-        } else {
-            state = ReadHeldStateDuring(operation, load);
-        }
-        RemoveQuietSeal(operation.root());
-        state.signer = signer.get();
-        // At best: a record that cannot be written costs one request the next night, nothing more.
-        if (vendors.changed) (void)WriteWholeFileAt(operation.root(), VendorSources::kRecordName, vendors.Format());
-        Alternates alternates(request.sources, request.sourceCount, served, operation.options(), &pool);
-        if (status > 0) {
-            if (digest.empty())
-                digest = RequestDigest(request.products, request.productCount, source, operation.options(), signer.get());
-            textDigest = source.textDigest;
-            status = Mirror(operation.repository(), operation.options(), operation.events(), source, request.products,
-                            request.productCount, result, leaving, state, exact, &log, &alternates,
-                            RunMode{false, ReadBackAll(), KeepsPlan() ? &plan : nullptr});
-        }
+        bool quiet = false;
+        status = MirrorProducts(operation, request, trusted, signer.get(), run, result, summary, quiet);
+        if (quiet) return status;
     } else {
-        state = ReadHeldState(operation.root(), operation.packages());
-        state.signer = signer.get();
+        run.state = ReadHeldState(operation.root(), operation.packages());
+        run.state.signer = signer.get();
     }
-    status = Conclude(operation, state, exact, leaving, status);
+    status = Conclude(operation, run.state, run.exact, run.leaving, status);
     // A run that left nothing for the next to do seals the repository.
-    const std::optional<uint64_t> held = HeldNextNight(log);
-    if (status == kSuccess && request.productCount > 0 && held && leaving.empty() && exact)
-        WriteQuietSeal(operation.root(), operation.packages(), digest, textDigest, result, state, *held,
-                       log.size() == 0 ? plan : std::string());
-    if (!plan.empty()) KeepPlan(std::move(plan));
-    Report(operation, log, summary, status, state.served);
+    const std::optional<uint64_t> held = HeldNextNight(run.log);
+    if (status == kSuccess && request.productCount > 0 && held && run.leaving.empty() && run.exact)
+        WriteQuietSeal(operation.root(), operation.packages(), run.digest, run.textDigest, result, run.state, *held,
+                       run.log.size() == 0 ? run.plan : std::string());
+    if (!run.plan.empty()) KeepPlan(std::move(run.plan));
+    Report(operation, run.log, summary, status, run.state.served);
     return status;
 }
 
