@@ -198,6 +198,8 @@ TEST_F(Source, QuietNightsReadNothingAgainUntilSomethingChanges) {
              utimensat(AT_FDCWD, path.c_str(), times, 0);
          }},
         {"an archive removed", "@1.100.1.0", [&](const std::string& repository) { fs::remove(repository + "/packages/" + archive); }},
+        // Last: the source keeps it. A catalog that does not parse is passed over for the next.
+        {"a source.ini that is no catalog", "@1.100.1.0", [&](const std::string&) { WriteFile(Path("source/source.ini"), "[none\n"); }},
     };
     for (const auto& test : cases) {
         const std::string repository = Path(test.what);
