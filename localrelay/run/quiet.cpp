@@ -22,7 +22,6 @@ namespace {
 constexpr std::string_view kMagic = "zovrelay-quiet 2\n";
 constexpr size_t kSealLimit = size_t(256) << 20;
 constexpr size_t kDigestSize = 32;
-constexpr const char* kPackagesPrefix = "packages/";
 // The records a night reads, beside every file in packages/ (and packages/ itself). Not server.ini:
 // nothing reads it, and the module's clean-up resets it after every mirror.
 constexpr const char* kRecords[] = {kHeldCacheName, kVerificationName, kSourceCatalogName};
@@ -186,13 +185,14 @@ std::string FormatSeal(const QuietSeal& seal, const std::vector<SealedFile>& fil
     return bytes + digest.HexDigest();
 }
 
-std::optional<QuietSeal> ParseSeal(FileBytes bytes) {
+namespace {
+
+// The seal's parts as they lie, its trailer not checked: so that the files can be looked at while
+// the trailer is (see FilesAsSealed).
+std::optional<QuietSeal> ParseSealUnchecked(FileBytes bytes) {
     const std::string_view whole = bytes.view();
     if (whole.size() < 2 * kDigestSize) return std::nullopt;
     const std::string_view body = whole.substr(0, whole.size() - 2 * kDigestSize);  // then its SHA-256 in hex
-    Sha256 digest;
-    digest.Update(body.data(), body.size());
-    if (digest.HexDigest() != whole.substr(body.size())) return std::nullopt;
     Reader reader(body);
     Head head;
     if (!TakeHead(reader, head)) return std::nullopt;
@@ -221,16 +221,34 @@ std::optional<QuietSeal> ParseSeal(FileBytes bytes) {
     if (files > 0 && (seal.names.empty() || seal.names.back() != '\0')) return std::nullopt;
     for (size_t i = 0; i < files; ++i) {
         const SealedFile file = seal.File(i);
-        if (file.name >= seal.names.size() || *seal.NameOf(file) == '\0') return std::nullopt;
+        uint32_t inPackages = 0;  // 0 or 1, as written
+        std::memcpy(&inPackages, seal.records.data() + (i + 1) * kFileRecordSize - 4, 4);
+        if (file.name >= seal.names.size() || *seal.NameOf(file) == '\0' || inPackages > 1) return std::nullopt;
     }
     seal.plan = std::string(text);
     seal.bytes = std::move(bytes);  // the views stay: the buffer does not move
     return seal;
 }
 
+// Whether the seal's bytes end with the SHA-256 of all before.
+bool TrailerMatches(const QuietSeal& seal) {
+    const std::string_view whole = seal.bytes.view(), body = whole.substr(0, whole.size() - 2 * kDigestSize);
+    Sha256 digest;
+    digest.Update(body.data(), body.size());
+    return digest.HexDigest() == whole.substr(body.size());
+}
+
+}  // namespace
+
+std::optional<QuietSeal> ParseSeal(FileBytes bytes) {
+    std::optional<QuietSeal> seal = ParseSealUnchecked(std::move(bytes));
+    if (seal && !TrailerMatches(*seal)) return std::nullopt;
+    return seal;
+}
+
 std::optional<QuietSeal> ReadQuietSeal(int root, int packages, int64_t now) {
     std::optional<FileBytes> bytes = ReadFileBytesAt(root, kQuietSealName, kSealLimit);
-    std::optional<QuietSeal> seal = bytes ? ParseSeal(std::move(*bytes)) : std::nullopt;
+    std::optional<QuietSeal> seal = bytes ? ParseSealUnchecked(std::move(*bytes)) : std::nullopt;
     if (!seal || now >= seal->due || !SameDirectory(packages, seal->packages, seal->at, now)) return std::nullopt;
     return seal;
 }
@@ -249,11 +267,13 @@ bool FilesAsSealed(const QuietSeal& seal, int root, int packages, int64_t now, c
                     return;
                 }
     };
+    bool whole = false;
     RunBeside(look, [&] {
+        whole = TrailerMatches(seal);
         during();
         look();
     });
-    return !changed;
+    return whole && !changed;
 }
 
 bool PackagesAsSealed(int root, int packages, int64_t now) {

@@ -68,12 +68,14 @@ std::string RequestDigest(const ZOVRELAY_Product* products, size_t count, const 
 std::string FormatSeal(const QuietSeal& seal, const std::vector<SealedFile>& files, std::string_view names);
 std::optional<QuietSeal> ParseSeal(FileBytes bytes);  // nullopt for anything malformed or damaged
 
-// The seal in the repository, when it is whole, no read-back is due at `now`, the seal was taken a
-// clock tick after the last change of packages/, and packages/ is as it saw it.
+// The seal in the repository, when its parts are in place, no read-back is due at `now`, the seal
+// was taken a clock tick after the last change of packages/, and packages/ is as it saw it. Its
+// trailer is checked by FilesAsSealed, before anything it holds is answered.
 std::optional<QuietSeal> ReadQuietSeal(int root, int packages, int64_t now);
 
 // Looks at every file the seal names, on a thread beside `during` (the catalog's fetch) and on the
-// caller's once `during` returns; true when each is as the seal saw it.
+// caller's once `during` returns, while the caller checks the seal's trailer first; true when the
+// seal is whole and each file is as it saw it.
 bool FilesAsSealed(const QuietSeal& seal, int root, int packages, int64_t now, const std::function<void()>& during);
 
 // Whether packages/ is as a seal saw it, from the seal's head alone: then no name was made in it
