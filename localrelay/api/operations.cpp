@@ -255,8 +255,9 @@ ZOVRELAY_Status MirrorProducts(const Operation& operation, const Request& reques
         VendorSources::Parse(ReadWholeFileAt(operation.root(), VendorSources::kRecordName, 1 << 20).value_or(""));
     const int64_t now = NowNanoseconds();
     const std::optional<QuietSeal> seal = SealFor(operation, now);
+    bool sealed = seal.has_value();  // the catalog that parsed for the seal may be left unparsed
     const auto load = [&] {
-        const CatalogMemory memory{operation.root(), true, &trusted, seal ? seal->textDigest : std::string()};
+        const CatalogMemory memory{operation.root(), true, &trusted, sealed ? seal->textDigest : std::string()};
         status = LoadSource(request.sources, request.sourceCount, operation.options(), source, &pool, &served,
                             &run.log, &vendors, &memory);
     };
@@ -268,7 +269,13 @@ ZOVRELAY_Status MirrorProducts(const Operation& operation, const Request& reques
         if (status > 0) run.digest = digest();
         if ((quiet = status > 0 && unchanged && run.digest == seal->request))
             return Quiet(operation, *seal, source, run.log, summary, vendors, result);
-        if (status > 0) status = ParseLoaded(source);
+        bool fetchAgain = false;
+        if (status > 0) status = ParseLoaded(source, operation.root(), fetchAgain);
+        if (fetchAgain) {  // its kept copy changed since: fetched whole
+            sealed = false;
+            run.log.sourcesTried.clear();
+            load();
+        }
         run.state = ReadHeldState(operation.root(), operation.packages());
     } else {
         run.state = ReadHeldStateDuring(operation, load);

@@ -7,6 +7,7 @@
 #include "transfer/package.h"
 
 #include <curl/curl.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <ctime>
@@ -64,26 +65,42 @@ std::string MemoryName(const std::string& address) { return ".catalog-" + Digest
 
 struct Kept {
     std::string etag, modified, text, sha256;
+    size_t textAt = 0;  // where the text begins in the record; with `text` empty, not read yet
 };
 
 // The kept copy of the catalog at `address`; nothing unless the record is whole, for this address,
-// and its text still has the digest it was kept with.
-std::optional<Kept> Recall(const CatalogMemory* memory, const std::string& address) {
+// and its text still has the digest it was kept with. With `lazy`, a text whose digest is the
+// one that parsed before (CatalogMemory::parsedBefore) is left where it lies: a night with nothing
+// new needs only its digest, and ReadKeptText reads and checks it if the night needs more.
+std::optional<Kept> Recall(const CatalogMemory* memory, const std::string& address, bool lazy) {
     if (memory == nullptr || memory->root < 0) return std::nullopt;
-    std::optional<std::string> record = ReadWholeFileAt(memory->root, MemoryName(address), CatalogLimit() + 4096);
+    const std::string name = MemoryName(address);
+    std::optional<std::string> record;
+    if (lazy && !memory->parsedBefore.empty()) {
+        const FileDescriptor fd(OpenFileAt(memory->root, name));
+        std::string head(kMemoryHeader.size() + address.size() + 1024, '\0');
+        const ssize_t got = fd.get() < 0 ? -1 : ::pread(fd.get(), head.data(), head.size(), 0);
+        if (got > 0) head.resize(size_t(got)), record = std::move(head);
+    }
+    lazy = record.has_value();
+    if (!lazy) record = ReadWholeFileAt(memory->root, name, CatalogLimit() + 4096);
     if (!record || record->compare(0, kMemoryHeader.size(), kMemoryHeader) != 0) return std::nullopt;
     std::vector<std::string> fields;  // address, etag, modified, sha256
     size_t at = kMemoryHeader.size();
     for (const char* key : {"address ", "etag ", "modified ", "sha256 "}) {
         const size_t end = record->find('\n', at);
         const std::string_view line = std::string_view(*record).substr(at, end == std::string::npos ? 0 : end - at);
-        if (end == std::string::npos || line.substr(0, std::strlen(key)) != key) return std::nullopt;
+        if (end == std::string::npos || line.substr(0, std::strlen(key)) != key)
+            return lazy ? Recall(memory, address, false) : std::nullopt;  // a head longer than read
         fields.emplace_back(line.substr(std::strlen(key)));
         at = end + 1;
     }
+    if (fields[0] != address) return std::nullopt;
+    if (lazy && fields[3] != memory->parsedBefore) return Recall(memory, address, false);
+    if (lazy) return Kept{fields[1], fields[2], "", fields[3], at};
     record->erase(0, at);  // in place: a catalog of many megabytes
-    Kept kept{fields[1], fields[2], std::move(*record), fields[3]};
-    if (fields[0] != address || Digest(kept.text) != kept.sha256) return std::nullopt;
+    Kept kept{fields[1], fields[2], std::move(*record), fields[3], at};
+    if (Digest(kept.text) != kept.sha256) return std::nullopt;
     return kept;
 }
 
@@ -141,7 +158,7 @@ void RecordGeneration(const CatalogMemory* memory, const std::string& address, u
 ZOVRELAY_Status FetchKeeping(const std::string& address, const TransferSettings& settings, const CatalogMemory* memory,
                              bool conditional, Keeping& fetched, std::string* error) {
     const bool http = IsHttpAddress(address);
-    const std::optional<Kept> copy = http && conditional ? Recall(memory, address) : std::nullopt;
+    const std::optional<Kept> copy = http && conditional ? Recall(memory, address, false) : std::nullopt;
     fetched.address = address;
     if (copy) fetched.revalidation.etag = copy->etag, fetched.revalidation.modified = copy->modified;
     TransferSettings asked = settings;
@@ -283,23 +300,28 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
                                                                vendors->Remembered(candidate.address, Today());
     const size_t limit = CatalogLimit();
     // A catalog kept from last time is asked for alone, conditionally: most nights it is all.
-    std::optional<Kept> kept = http && !vendor ? Recall(memory, addresses[0]) : std::nullopt;
+    const bool lazy = memory != nullptr && (memory->trusted == nullptr || memory->trusted->For(candidate.address) == nullptr);
+    std::optional<Kept> kept = http && !vendor ? Recall(memory, addresses[0], lazy) : std::nullopt;
     if (http && !vendor && !kept) FetchFirstText(addresses, catalogSettings, texts, first, limit);
     for (const char* name : {kSourceCatalogName, kIndexName}) {
         if (vendor && name == kSourceCatalogName) continue;
         const size_t k = name == kSourceCatalogName ? 0 : 1;
         std::string text, error, digest;  // digest: known already for a kept copy
+        std::optional<size_t> keptAt;      // the text, known to parse, left in its kept record
         const std::string& address = addresses[k];
         bool transient = false;
         ZOVRELAY_Status status;
         if (first.empty() || first[k].stopped || (first[k].status <= 0 && first[k].attempt.transient)) {
-            std::optional<Kept> copy = k == 0 ? std::move(kept) : (http ? Recall(memory, address) : std::nullopt);
+            std::optional<Kept> copy = k == 0 ? std::move(kept) : (http ? Recall(memory, address, lazy) : std::nullopt);
             Revalidation revalidation;
             if (copy) revalidation.etag = copy->etag, revalidation.modified = copy->modified;
             TransferSettings settings = catalogSettings;
             if (http) settings.revalidation = &revalidation;
             status = FetchText(address, settings, text, limit, &error, &transient);
-            if (status > 0 && revalidation.notModified) text = std::move(copy->text), digest = copy->sha256;
+            if (status > 0 && revalidation.notModified) {
+                if (copy->text.empty()) keptAt = copy->textAt;
+                text = std::move(copy->text), digest = copy->sha256;
+            }
             // A copy answered 304 is kept already.
             if (status > 0 && http && !revalidation.notModified) keeping.push_back(Keeping{address, revalidation, text});
         } else {
@@ -331,7 +353,7 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
         }
         if (digest.empty()) digest = Digest(text);
         if (memory != nullptr && !memory->parsedBefore.empty() && digest == memory->parsedBefore) {
-            candidate.unparsed = std::move(text);
+            candidate.unparsed = Unparsed{std::move(text), keptAt ? MemoryName(address) : "", keptAt.value_or(0)};
         } else {
             std::optional<Catalog> catalog = ParseCatalog(text, &error);
             if (!catalog || !TotalSizeFits(*catalog, error)) {
@@ -352,10 +374,21 @@ ZOVRELAY_Status ReadCatalogs(LoadedSource& candidate, Failure& refusal, std::str
 
 }  // namespace
 
-ZOVRELAY_Status ParseLoaded(LoadedSource& source) {
+ZOVRELAY_Status ParseLoaded(LoadedSource& source, int root, bool& fetchAgain) {
+    fetchAgain = false;
     if (!source.unparsed) return kSuccess;
+    Unparsed& unparsed = *source.unparsed;
+    if (!unparsed.record.empty()) {  // kept and unread: read now, and only as it was kept
+        std::optional<std::string> record = ReadWholeFileAt(root, unparsed.record, CatalogLimit() + 4096);
+        if (record && record->size() >= unparsed.textAt) record->erase(0, unparsed.textAt);
+        if (!record || Digest(*record) != source.textDigest) {
+            fetchAgain = true;
+            return kSuccess;
+        }
+        unparsed.text = std::move(*record);
+    }
     std::string error;
-    std::optional<Catalog> catalog = ParseCatalog(*source.unparsed, &error);
+    std::optional<Catalog> catalog = ParseCatalog(unparsed.text, &error);
     if (!catalog || !TotalSizeFits(*catalog, error))
         return Fail(kInvalidCatalog, "invalid catalog (" + error + ")", JoinAddress(source.address, source.catalogName));
     source.catalog = std::move(*catalog);

@@ -16,17 +16,27 @@
 
 namespace localrelay {
 
+// A catalog's text known to parse, not parsed yet: in `text`, or (with `text` empty) in the kept
+// record `record` of the repository's root from `textAt` on, unread.
+struct Unparsed {
+    std::string text;
+    std::string record;
+    size_t textAt = 0;
+};
+
 struct LoadedSource {
     std::string address;
     TransferSettings settings;  // the context's limits with this source's proxy
     Catalog catalog;            // empty while `unparsed` holds its text
     std::string catalogName;  // the file it came from: source.ini of a repository, else server.ini
     std::string textDigest;   // the SHA-256 of the catalog's text
-    std::optional<std::string> unparsed;  // the text of a catalog known to parse, not parsed yet (CatalogMemory)
+    std::optional<Unparsed> unparsed;  // a catalog known to parse, not parsed yet (CatalogMemory)
 };
 
-// Parses a catalog that LoadSource left unparsed; kInvalidCatalog, naming it, if it does not.
-ZOVRELAY_Status ParseLoaded(LoadedSource& source);
+// Parses a catalog that LoadSource left unparsed; kInvalidCatalog, naming it, if it does not. When
+// its text was left in its kept record under `root` and is no longer as kept, sets `fetchAgain`:
+// the caller loads the source again without CatalogMemory::parsedBefore, which fetches it whole.
+ZOVRELAY_Status ParseLoaded(LoadedSource& source, int root, bool& fetchAgain);
 
 // HTTP sources that answered source.ini with 404 (a vendor's server, not a repository of ours),
 // kept in the repository's record `.vendor-sources` (lines "<day> <address>", days since 1970),
@@ -65,7 +75,8 @@ std::string Through(const std::string& object, const TransferSettings& settings)
 // accepted from it, recorded in ".catalog-generations" (lines "<generation> <catalog address>",
 // written by a writer holding the lock, only when a generation grew).
 // A catalog whose text has the digest `parsedBefore` (a text that parsed on an earlier night) is
-// left unparsed in LoadedSource::unparsed: a night with nothing new needs only its digest.
+// left unparsed in LoadedSource::unparsed, and a kept copy answered 304 is not even read (unless
+// the source's catalogs are signed): a night with nothing new needs only its digest.
 struct CatalogMemory {
     int root = -1;
     bool keep = false;

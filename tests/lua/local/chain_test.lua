@@ -118,6 +118,20 @@ describe("a chain of repositories", function()
     assert.is_truthy(night:match("GET /source%.ini HTTP/1%.1\" 304 "), night)
     assert.is_nil(night:match("\" 200 ") or night:match("\" 206 "), night)
     assert.is_truthy(e.read(log):match("\" 206 "), "versions were read as byte ranges")
+    -- A kept catalog damaged where it lies is never used: a night the seal does not answer (an
+    -- archive touched) reads it, finds it is not as it was kept and fetches the catalog whole.
+    for _, name in ipairs(e.names(branch)) do
+      if name:match("^%.catalog%-") then
+        local head, text = e.read(branch .. "/" .. name):match("^(.-\nsha256 %x+\n)(.*)$")
+        e.write(branch .. "/" .. name, head .. text:gsub(("%x"):rep(64), ("0"):rep(64), 1))
+      end
+    end
+    assert(os.execute("touch " .. e.quote(branch .. "/packages/" .. e.names(branch .. "/packages")[1])))
+    before = #e.read(log)
+    status, output = mirror(branch, url)
+    assert.are.equal(0, status, output)
+    assert.is_truthy(e.read(log):sub(before + 1):match("GET /source%.ini HTTP/1%.1\" 200 "))
+    assert.are.same(held(central), held(branch))
     -- A new release: the catalog read before it still names bytes that match it, through any cache.
     local old = ranges(e.read(central .. "/source.ini"))
     e.makeSource(vendor, {products = 2, components = 6, size = 5000, seed = 2})
