@@ -5,7 +5,7 @@
 # last, the quality gates' tools (valgrind, clang with libFuzzer).
 PACKAGES := g++ make cmake pkg-config lua5.2 liblua5.2-dev lua-busted googletest libgtest-dev \
             libcurl4-openssl-dev libzip-dev zlib1g-dev libssl-dev lua-cjson luarocks nlohmann-json3-dev \
-            python3 openssl curl tinyproxy-bin microsocks nginx-light squid xfsprogs \
+            python3 openssl curl aria2 tinyproxy-bin microsocks nginx-light squid xfsprogs \
             valgrind clang libclang-rt-14-dev
 
 BUILD_DIR := build
