@@ -48,7 +48,7 @@ http { access_log off; sendfile on; tcp_nopush on; keepalive_requests 1000000; k
   client_body_temp_path %(w)s/body; proxy_temp_path %(w)s/proxy; fastcgi_temp_path %(w)s/fastcgi;
   uwsgi_temp_path %(w)s/uwsgi; scgi_temp_path %(w)s/scgi;
   server { listen 127.0.0.1:%(http)d; root %(r)s; }
-  server { listen 127.0.0.1:%(https)d ssl; ssl_certificate %(w)s/cert.pem; ssl_certificate_key %(w)s/key.pem;
+  server { listen 127.0.0.1:%(https)d ssl http2; ssl_certificate %(w)s/cert.pem; ssl_certificate_key %(w)s/key.pem;
            root %(r)s; } }
 """ % {"w": work, "r": root, "http": self.http, "https": self.https})
         self.spawn(["/usr/sbin/nginx", "-p", work, "-c", work + "/nginx.conf"], self.http)
@@ -222,12 +222,15 @@ def main():
         plain20 = "http://127.0.0.1:%d" % servers.proxy(servers.http, 20)
         tls20 = "https://127.0.0.1:%d" % servers.proxy(servers.https, 20)
         plain100 = "http://127.0.0.1:%d" % servers.proxy(servers.http, 100)
+        tls100 = "https://127.0.0.1:%d" % servers.proxy(servers.https, 100)
         loopback = "http://127.0.0.1:%d" % servers.http
         cases = [
             ("small20", "2,000 x 32 KiB, HTTP, 20 ms", small, plain20 + "/small", False),
             ("small20tls", "2,000 x 32 KiB, HTTPS, 20 ms", small, tls20 + "/small", True),
             ("large20", "200 x 1 MiB, HTTP, 20 ms", large, plain20 + "/large", False),
             ("large100", "200 x 1 MiB, HTTP, 100 ms", large, plain100 + "/large", False),
+            # HTTP/2 (curl multiplexes, aria2c speaks HTTP/1.1): every connection starts slow.
+            ("large100tls", "200 x 1 MiB, HTTPS (HTTP/2), 100 ms, slow start", large, tls100 + "/large", True),
             ("loopback", "2,000 x 32 KiB, HTTP, plain loopback", small, loopback + "/small", False),
         ]
         for name, title, source, base, https in cases:

@@ -331,6 +331,9 @@ ZOVRELAY_Status Engine::Run(std::vector<Download>& downloads) {
     }
     multi_.reset(curl_multi_init());
     if (multi_ == nullptr) return kOutOfMemory;
+    // A transfer of its own connection, over HTTP/2 too: streams multiplexed on one connection share
+    // one congestion window, which holds a long round trip's transfers to the speed of one.
+    curl_multi_setopt(multi_.get(), CURLMOPT_PIPELINING, long(CURLPIPE_NOTHING));
     for (;;) {
         Clock::duration idle = std::chrono::seconds(1);
         ZOVRELAY_Status status = StartRetries(idle);
