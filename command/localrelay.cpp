@@ -2,12 +2,13 @@
 // that what the command shows comes from the relay itself rather than from a second copy of its
 // rules. The module `update` never uses it and runs on any relay library; this one needs ours.
 //
-//   plan, results... = localrelay.run({plan = true, readback = false}, fn, ...)
+//   plan, results... = localrelay.run({plan = true, readback = false, keep = true}, fn, ...)
 //       calls fn(...) (a module function such as update.patterns) with the calling thread's run
 //       mode set: `plan`, the mirror plans and writes nothing (a dry run exact by construction);
 //       `readback`, every held archive is read back in full. Answers the plan the mirror made as
-//       JSON text (nil when none), then fn's results. An error in fn is raised again as it was,
-//       after the mode is restored.
+//       JSON text (nil when none, or when `keep` is false: a large repository's plan costs more
+//       to hand over than a quiet night), then fn's results. An error in fn is raised again as it
+//       was, after the mode is restored.
 //   localrelay.message(status) the message of the calling thread's last failure in full, when
 //       `status` is that failure (the module's message is cut to 63 characters), or nil
 //   localrelay.stoponsignal()  SIGTERM and SIGINT ask the running operation to stop as a
@@ -53,9 +54,9 @@ void pushTaken(lua_State* L, char* text) {
     if (failed) lua_error(L);
 }
 
-int flag(lua_State* L, const char* name) {
+int flag(lua_State* L, const char* name, int absent = 0) {
     lua_getfield(L, 1, name);
-    const int set = lua_toboolean(L, -1);
+    const int set = lua_isnil(L, -1) ? absent : lua_toboolean(L, -1);
     lua_pop(L, 1);
     return set;
 }
@@ -64,7 +65,8 @@ int flag(lua_State* L, const char* name) {
 int l_run(lua_State* L) {
     luaL_checktype(L, 1, LUA_TTABLE);
     luaL_checktype(L, 2, LUA_TFUNCTION);
-    const int mode = ZOVRELAY_LOCAL_KEEP_PLAN | (flag(L, "plan") ? ZOVRELAY_LOCAL_PLAN_ONLY : 0) | (flag(L, "readback") ? ZOVRELAY_LOCAL_READ_BACK : 0);
+    const int mode = (flag(L, "keep", 1) ? ZOVRELAY_LOCAL_KEEP_PLAN : 0) | (flag(L, "plan") ? ZOVRELAY_LOCAL_PLAN_ONLY : 0) |
+                     (flag(L, "readback") ? ZOVRELAY_LOCAL_READ_BACK : 0);
     ZOVRELAY_LocalFreeText(ZOVRELAY_LocalTakePlan());  // a plan left by an earlier call is not this one's
     const int before = ZOVRELAY_LocalRunMode(mode);
     const int base = 1;  // results start above the modes table once fn and its arguments are consumed

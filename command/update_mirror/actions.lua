@@ -202,6 +202,16 @@ local function cleanUp(settings, summary)
   end
 end
 
+-- What the run found held already, as its report counts it: for a run that kept no plan.
+local function heldReported(settings)
+  local file = cjson and io.open(settings.repository .. "/report.json", "r")
+  if not file then return nil end
+  local decoded, report = pcall(cjson.decode, file:read("*a") or "")
+  file:close()
+  local totals = decoded and type(report) == "table" and report.totals
+  return type(totals) == "table" and type(totals.held) == "number" and totals.held or nil
+end
+
 -- What the repository holds, counted from its own listing: for a run that made no plan.
 local function heldCount(settings)
   local held, status = update.list(settings.repository, {})
@@ -218,7 +228,8 @@ local function mirror(given, settings, repair)
   local handlers, stop = progress(summary, given)
   if localrelay then localrelay.stoponsignal() end
   if not given.quiet then say("%s %s into %s", repair and "repairing" or "mirroring", settings.mirror, settings.repository) end
-  local plan, status, message = relay(settings, {readback = repair}, handlers)
+  -- The plan only where it is shown: decoding a large repository's costs more than its quiet night.
+  local plan, status, message = relay(settings, {readback = repair, keep = given.json or repair or false}, handlers)
   stop()
   local stoppedBy = localrelay and localrelay.stopped()
   local rest = summaryOf(settings, status, message)
@@ -241,9 +252,10 @@ local function mirror(given, settings, repair)
     summary.exit, summary.reason = EXIT.stopped, "stopped by " .. stoppedBy .. "; what was downloaded is kept for the next run"
     return finish(given, summary)
   end
-  local count, held = #summary.downloaded, skipped and #skipped or heldCount(settings)
+  local count = #summary.downloaded
   local changed = count > 0 or #summary.removed > 0 or #summary.failed > 0 or (summary.damaged and #summary.damaged > 0)
   if changed or not given.quiet then
+    local held = skipped and #skipped or update.ok(status) and heldReported(settings) or heldCount(settings)
     say("%s; %d already held; %d failed%s", count == 0 and "nothing downloaded" or
         string.format("downloaded %s, %s in %.2f s", plural(count, "package"), size(summary.bytes), summary.seconds),
         held, #summary.failed, settings.cleanup.enabled and "; removed " .. plural(#summary.removed, "archive") or "")
