@@ -100,6 +100,7 @@ public:
 
 private:
     ZOVRELAY_Status WriteCatalogsNow();
+    void Finished(const Identity& identity);  // no longer to be stored, whatever the outcome
     void Checkpoint();
     ZOVRELAY_Status BuildArchive(const ComponentPlan& plan, Manifest& next, const std::map<Version, const Download*>& fresh,
                                  const MergedArchive* previous, std::map<Version, std::unique_ptr<TemporaryFile>>& copies,
@@ -117,6 +118,7 @@ private:
     std::set<Identity> unstored_;  // planned components Store has not finished yet
     std::set<Identity> hidden_;    // left out of the catalogs written during the run
     std::set<Identity> listed_;    // what the catalogs on disk may list
+    size_t joining_ = 0;           // hidden components stored since the last write: the next joins them
     int64_t lastWrite_ = 0, writeCost_ = 0;  // nanoseconds
 };
 

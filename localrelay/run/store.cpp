@@ -67,10 +67,10 @@ ZOVRELAY_Status OpenBuilt(int packages, const Identity& identity, const Download
 ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Download*>& fresh) {
     const ComponentPlan& plan = run_.plan.components[index];
     struct Done {  // whatever the outcome, the component is no longer to be stored
-        std::set<Identity>& unstored;
+        Storer& storer;
         const Identity& identity;
-        ~Done() { unstored.erase(identity); }
-    } done{unstored_, plan.identity};
+        ~Done() { storer.Finished(identity); }
+    } done{*this, plan.identity};
     std::unique_ptr<MergedArchive> previous = run_.OpenMerged(plan.identity);
     Manifest manifest;
     if (previous != nullptr) manifest = previous->manifest();
@@ -114,9 +114,13 @@ ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Downlo
     }
     run_.final[plan.identity] = next;
     const ZOVRELAY_Status status = KeepVersionArchives(plan, next, copies);
-    unstored_.erase(plan.identity);
+    Finished(plan.identity);
     if (status > 0) Checkpoint();
     return status;
+}
+
+void Storer::Finished(const Identity& identity) {
+    if (unstored_.erase(identity) != 0 && hidden_.count(identity) != 0) ++joining_;
 }
 
 Storer::Storer(RunContext& run, const std::vector<size_t>& components) : run_(run) {
@@ -147,11 +151,10 @@ ZOVRELAY_Status Storer::Hide() {
 // is many times what it cost: a bounded share of the run, however many components it stores.
 void Storer::Checkpoint() {
     constexpr int64_t kSecond = 1000000000;
-    bool joining = false;
-    for (const Identity& identity : hidden_) joining |= unstored_.count(identity) == 0;
-    if (!joining || NowNanoseconds() - lastWrite_ < std::max(kSecond, 20 * writeCost_)) return;
+    if (joining_ == 0 || NowNanoseconds() - lastWrite_ < std::max(kSecond, 20 * writeCost_)) return;
     for (auto identity = hidden_.begin(); identity != hidden_.end();)
         identity = unstored_.count(*identity) == 0 ? hidden_.erase(identity) : std::next(identity);
+    joining_ = 0;
     WriteCatalogsNow();  // a failure here leaves them out until the run's last write
 }
 
