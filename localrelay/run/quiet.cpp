@@ -1,5 +1,4 @@
 #include "run/quiet.h"
-#include "base/beside.h"
 #include "base/files.h"
 #include "base/hex.h"
 #include "repository/heldcache.h"
@@ -11,7 +10,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <climits>
 #include <cstring>
 #include <ctime>
@@ -254,26 +252,11 @@ std::optional<QuietSeal> ReadQuietSeal(int root, int packages, int64_t now) {
 }
 
 bool FilesAsSealed(const QuietSeal& seal, int root, int packages, int64_t now, const std::function<void()>& during) {
-    std::atomic<size_t> next{0};
-    std::atomic<bool> changed{false};
-    // Batches from a shared count, so that the two threads share the looks whoever is freed first.
-    const auto look = [&]() noexcept {
-        constexpr size_t kBatch = 256;
-        const size_t count = seal.FileCount();
-        for (size_t begin; !changed.load(std::memory_order_relaxed) && (begin = next.fetch_add(kBatch)) < count;)
-            for (size_t i = begin; i < std::min(begin + kBatch, count); ++i)
-                if (!AsSealed(seal, i, root, packages, now)) {
-                    changed = true;
-                    return;
-                }
-    };
-    bool whole = false;
-    RunBeside(look, [&] {
-        whole = TrailerMatches(seal);
-        during();
-        look();
-    });
-    return whole && !changed;
+    const bool whole = TrailerMatches(seal);
+    during();
+    for (size_t i = 0; whole && i < seal.FileCount(); ++i)
+        if (!AsSealed(seal, i, root, packages, now)) return false;
+    return whole;
 }
 
 bool PackagesAsSealed(int root, int packages, int64_t now) {
@@ -304,12 +287,12 @@ void WriteQuietSeal(int root, int packages, const std::string& request, const st
     struct stat signature {};
     if (::fstatat(root, kSourceSignatureName, &signature, AT_SYMLINK_NOFOLLOW) == 0)
         looked.emplace_back(kSourceSignatureName, false);
-    // A published link is its archive (a change to either is a change to both); one made or removed
-    // changes packages/ itself. A temporary left is for the next run to remove: no seal then.
-    for (const std::string& name : names) {
+    // The files of packages/ are not looked at one by one: a name made, removed or renamed there
+    // changes packages/ itself, and bytes written over in place (times set back or not) are the
+    // read-back's to find, as those that rot are. A temporary left is for the next run to remove:
+    // no seal then.
+    for (const std::string& name : names)
         if (IsTemporaryName(name)) return;
-        if (!IsPublishedName(name)) looked.emplace_back(name, true);
-    }
     const std::optional<FileIdentity> directory = FileIdentityOf(packages);
     if (!directory) return;
     seal.packages = *directory;
@@ -332,10 +315,12 @@ void WriteQuietSeal(int root, int packages, const std::string& request, const st
         ::nanosleep(&pause, nullptr);
         seal.at = NowNanoseconds();
     }
-    for (const SealedFile& file : files) {
-        const std::string name = sealedNames.c_str() + file.name;
-        if (!file.inPackages || !IsArchive(name, versioned)) continue;
-        seal.due = std::min(seal.due, VerificationDue(state.verified, name, file.identity, seal.at));
+    for (const std::string& name : names) {
+        if (!IsArchive(name, versioned)) continue;
+        struct stat info {};
+        seal.due = ::fstatat(packages, name.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0
+                       ? std::min(seal.due, VerificationDue(state.verified, name, IdentityOf(info), seal.at))
+                       : INT64_MIN;
         if (seal.due == INT64_MIN) return;  // an archive not on record: the next run reads it
     }
     const std::string bytes = FormatSeal(seal, files, sealedNames);

@@ -3,12 +3,17 @@
 // A mirror that ends with everything it was asked for held leaves a seal, ".quiet": a digest of
 // what was asked (products, the serving source, options) and of the catalog's text, what the
 // mirror answered, when the first held archive falls due for its read-back, and the identity of
-// every record and of every file in packages/. The next mirror with the same request and catalog,
-// before that time, that finds every one of those files as the seal saw it, has nothing to do: it
-// answers what the seal says, having read one record and looked at each file once (beside the
-// catalog's fetch), where reading the records of a large repository costs many times the fetch. Anything else
-// (another request, another catalog, a file changed, added or removed, a read-back due) takes the
-// full run, which removes the seal before it writes anything.
+// packages/ and of every record. The next mirror with the same request and catalog, before that
+// time, that finds packages/ and those records as the seal saw them, has nothing to do: it answers
+// what the seal says, having read one small file and looked at a handful, where reading the
+// records of a large repository costs many times the catalog's fetch. Anything else (another
+// request, another catalog, a record changed, a name made, removed or renamed in packages/, a
+// read-back due) takes the full run, which removes the seal before it writes anything.
+//
+// The archives are not looked at one by one: at 20,000 of them that alone cost twice the catalog's
+// fetch. Bytes written over in place, under the same name, change no directory; they are found
+// as rotten bytes are, by the archive's read-back (3.5 to 7 days after the last), by a full run
+// (any new catalog), or at once by a verifying run.
 #ifndef LOCALRELAY_RUN_QUIET_H
 #define LOCALRELAY_RUN_QUIET_H
 
@@ -47,8 +52,8 @@ struct QuietSeal {
     FileIdentity packages;       // packages/ itself: a name made, removed or renamed in it changes it
     std::vector<ListedProduct> result;
     std::string plan;  // the plan (FormatPlan) of a sealing run that had nothing to do and kept it
-    // Every file in packages/ but published links, and the root's records: fixed-size records
-    // and the names they point into, read where they lie in the seal's bytes.
+    // The root's records (a seal of an earlier release names the files of packages/ too):
+    // fixed-size records and the names they point into, read where they lie in the seal's bytes.
     std::string_view records, names;
     FileBytes bytes;
 
@@ -73,9 +78,8 @@ std::optional<QuietSeal> ParseSeal(FileBytes bytes);  // nullopt for anything ma
 // trailer is checked by FilesAsSealed, before anything it holds is answered.
 std::optional<QuietSeal> ReadQuietSeal(int root, int packages, int64_t now);
 
-// Looks at every file the seal names, on a thread beside `during` (the catalog's fetch) and on the
-// caller's once `during` returns, while the caller checks the seal's trailer first; true when the
-// seal is whole and each file is as it saw it.
+// Checks the seal's trailer, runs `during` (the catalog's fetch), then looks at every file the seal
+// names; true when the seal is whole and each file is as it saw it.
 bool FilesAsSealed(const QuietSeal& seal, int root, int packages, int64_t now, const std::function<void()>& during);
 
 // Whether packages/ is as a seal saw it, from the seal's head alone: then no name was made in it
