@@ -71,6 +71,7 @@ std::optional<std::pair<EntryRange, size_t>> ReadEntry(int fd, uint64_t fileSize
     if (at + 46 + nameLength + extraLength + commentLength > directory.size()) return std::nullopt;
     EntryRange range;
     range.stored = Little(directory, at + 10, 2) == 0;
+    range.crc = uint32_t(Little(directory, at + 16, 4));
     uint64_t uncompressed = Little(directory, at + 24, 4);
     range.size = Little(directory, at + 20, 4);
     uint64_t local = Little(directory, at + 42, 4);

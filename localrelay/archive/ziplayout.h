@@ -15,6 +15,10 @@ struct EntryRange {
     uint64_t offset = 0;  // of the entry's data in the file
     uint64_t size = 0;    // of its data as stored
     bool stored = false;  // method 0: the data are the entry's bytes themselves
+    uint32_t crc = 0;     // the CRC-32 its directory entry states (not kept in the held cache)
+    bool operator==(const EntryRange& o) const {
+        return offset == o.offset && size == o.size && stored == o.stored && crc == o.crc;
+    }
 };
 
 // The entries of the zip file open at `fd`, by name; nullopt when it is no well-formed zip file

@@ -151,7 +151,7 @@ ZOVRELAY_Status ZipWriter::Copy(const std::string& name, int from, uint64_t offs
 
 std::map<std::string, EntryRange> ZipWriter::Ranges() const {
     std::map<std::string, EntryRange> ranges;
-    for (const Entry& entry : entries_) ranges[entry.name] = EntryRange{entry.data, entry.size, true};
+    for (const Entry& entry : entries_) ranges[entry.name] = EntryRange{entry.data, entry.size, true, entry.crc};
     return ranges;
 }
 

@@ -172,15 +172,20 @@ ZOVRELAY_Status TemporaryFile::ReplaceInto(const std::string& target) {
     return status;
 }
 
-ZOVRELAY_Status ReplaceAt(int directory, const std::string& from, const std::string& to) {
-    if (::renameat(directory, from.c_str(), directory, to.c_str()) == 0) return kSuccess;
+int RenameOver(int directory, const std::string& from, const std::string& to) {
+    if (::renameat(directory, from.c_str(), directory, to.c_str()) == 0) return 0;
     const int error = errno;
     // A directory planted under the target's name: out of the way when empty, else refused.
     if ((error == EISDIR || error == ENOTEMPTY || error == EEXIST) &&
         ::unlinkat(directory, to.c_str(), AT_REMOVEDIR) == 0 &&
         ::renameat(directory, from.c_str(), directory, to.c_str()) == 0)
-        return kSuccess;
-    return FailedOn(to, error);
+        return 0;
+    return error;
+}
+
+ZOVRELAY_Status ReplaceAt(int directory, const std::string& from, const std::string& to) {
+    const int error = RenameOver(directory, from, to);
+    return error == 0 ? kSuccess : FailedOn(to, error);
 }
 
 ZOVRELAY_Status WriteWholeFileAt(int directory, const std::string& name, const std::string& text) {

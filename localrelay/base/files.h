@@ -81,6 +81,8 @@ private:
 // directory in the way (planted) is removed when empty; otherwise the rename fails, its message
 // naming `to`.
 ZOVRELAY_Status ReplaceAt(int directory, const std::string& from, const std::string& to);
+// The same, recording no failure (for a thread beside the call): 0, or the rename's errno.
+int RenameOver(int directory, const std::string& from, const std::string& to);
 
 // Writes `text` as the file `name` of `directory` through a fresh temporary
 // ".<name>.<random>.tmp" and a rename: readers see the old content or the new, whole.

@@ -239,7 +239,9 @@ bool PublishArchive(int packages, const Identity& identity) {
     const std::string merged = MergedArchiveName(identity);
     struct stat info {};
     if (::fstatat(packages, merged.c_str(), &info, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(info.st_mode)) return false;
-    return Link(packages, merged, PublishedName(identity, IdentityOf(info)));
+    // An archive written anew has a name not taken yet: linked at once, a taken one looked at first.
+    const std::string published = PublishedName(identity, IdentityOf(info));
+    return ::linkat(packages, merged.c_str(), packages, published.c_str(), 0) == 0 || Link(packages, merged, published);
 }
 
 bool Publish(int packages, ServedCatalog& served) {

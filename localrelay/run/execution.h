@@ -15,8 +15,11 @@
 #include "run/survey.h"
 #include "transfer/downloader.h"
 
+#include <condition_variable>
+#include <deque>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <set>
 #include <string>
 #include <vector>
@@ -91,6 +94,7 @@ class Storer {
 public:
     // `components`: the plan's components to be stored, each by one call of Store.
     Storer(RunContext& run, const std::vector<size_t>& components);
+    ~Storer();
     // `fresh`: the component's verified downloads, in their part files.
     ZOVRELAY_Status Store(size_t component, const std::map<Version, const Download*>& fresh);
     void Settle(size_t component);  // nothing to write: keepcount only
@@ -98,7 +102,25 @@ public:
     // Writes both catalogs now without the components still to be stored.
     ZOVRELAY_Status Hide();
 
+    // While FetchAndStore runs, a new component of one fresh version (no archive held, nothing to
+    // carry over or copy, not in the catalogs) is written on the store's own thread (Work), beside
+    // the transfers: its archive built around the part, renamed into place and published. What the
+    // run records of it is done on the calling thread, by Collect: as later components arrive, and
+    // all of it at the end. The thread raises no event and records no failure; its outcome is
+    // reported by Collect as Store would have reported it.
+    void Work() noexcept;  // the store's thread, until StopWork
+    void StartWork() { working_ = true; }
+    void StopWork() noexcept;
+    // Records what the thread wrote; with `all`, first writes what it has not taken and waits for
+    // what it is writing. The first status that stops the run, else kSuccess.
+    ZOVRELAY_Status Collect(bool all);
+    struct Written;  // a component written on the store's thread: its inputs, then its outcome
+
 private:
+    bool Submit(size_t index, const Manifest& next, const std::map<Version, const Download*>& fresh,
+                const MergedArchive* previous);
+    ZOVRELAY_Status Commit(Written& written);
+
     ZOVRELAY_Status WriteCatalogsNow();
     void Finished(const Identity& identity);  // no longer to be stored, whatever the outcome
     void Checkpoint();
@@ -120,6 +142,12 @@ private:
     std::set<Identity> listed_;    // what the catalogs on disk may list
     size_t joining_ = 0;           // hidden components stored since the last write: the next joins them
     int64_t lastWrite_ = 0, writeCost_ = 0;  // nanoseconds
+    // The store's thread: components queued for it, being written (at most one), written.
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<std::unique_ptr<Written>> queued_, written_;
+    size_t writing_ = 0;
+    bool working_ = false, stopping_ = false;
 };
 
 // Downloads every package the plan lacks from one queue, storing each component as soon as its

@@ -3,8 +3,10 @@
 // that lists it, a stale byte range after the serving repository's catalog is read again, and a
 // component is stored as soon as its last package ended.
 #include "archive/zipwriter.h"
+#include "base/beside.h"
 #include "base/failure.h"
 #include "base/status.h"
+#include "transfer/resume.h"
 #include "run/execution.h"
 
 #include <sys/stat.h>
@@ -90,15 +92,18 @@ ZOVRELAY_Status Fetcher::CheckSpace() const {
     uint64_t needed = 0;
     // A package is written once (twice with buildpatch where blocks cannot be shared).
     const uint64_t copies = run_.options.buildPatch != 0 ? 2 : 1;
+    // What packages/ held when the run looked: nothing was made there since, so a name it did not
+    // hold (a resume record, an archive) needs no look.
+    const std::set<std::string>& names = run_.state.packages.names();
     for (const Download& d : downloads_) {
-        const uint64_t resumed = ResumableBytes(run_.packages, d);
+        const uint64_t resumed = names.count(ResumeName(d.part)) != 0 ? ResumableBytes(run_.packages, d) : 0;
         const uint64_t bytes = SaturatingMultiply(copies, d.size);
         needed = SaturatingAdd(needed, bytes > resumed ? bytes - resumed : 0);
     }
     for (size_t g = 0; g < components_.size(); ++g) {
         struct stat info {};
         const ComponentPlan& plan = run_.plan.components[components_[g]];
-        if (pending_[g] > 0 &&
+        if (pending_[g] > 0 && names.count(MergedArchiveName(plan.identity)) != 0 &&
             ::fstatat(run_.packages, MergedArchiveName(plan.identity).c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0)
             needed = SaturatingAdd(needed, uint64_t(info.st_size));
     }
@@ -241,7 +246,20 @@ ZOVRELAY_Status Fetcher::Run() {
 ZOVRELAY_Status FetchAndStore(RunContext& run, Storer& storer, const std::vector<size_t>& components,
                               std::vector<Download>& planned) {
     Fetcher fetcher(run, storer, components);
-    const ZOVRELAY_Status status = fetcher.Run();
+    ZOVRELAY_Status status = kSuccess;
+    // New components are written on a thread of their own while the transfers go on (see Storer).
+    storer.StartWork();
+    RunBeside([&storer]() noexcept { storer.Work(); },
+              [&] {
+                  struct Stop {  // however the run ends, the store's thread ends with it
+                      Storer& storer;
+                      ~Stop() { storer.StopWork(); }
+                  } stop{storer};
+                  status = fetcher.Run();
+                  // Everything handed over is recorded, whatever stopped the run.
+                  const ZOVRELAY_Status collected = storer.Collect(true);
+                  if (status > 0 && collected <= 0) status = collected;
+              });
     planned = fetcher.downloads();
     return status;
 }

@@ -62,6 +62,21 @@ ZOVRELAY_Status OpenBuilt(int packages, const Identity& identity, const Download
     return kSuccess;
 }
 
+// The archive as written, read back: its directory names each entry where, and with the size and
+// CRC-32, the writer put it, every local header where the directory says, and the manifest entry
+// holds the manifest. Every byte was checked as it was written; this checks the layout, which
+// readers find the entries by. libzip is not asked here (the read-back opens each archive through
+// it): opening one with its checks cost a fifth of storing a small package.
+bool WrittenAsLaidOut(int fd, const std::map<std::string, EntryRange>& ranges, const std::string& manifest) {
+    const std::optional<std::map<std::string, EntryRange>> read = ReadEntryRanges(fd);
+    if (!read || *read != ranges) return false;
+    const auto entry = read->find(kManifestEntry);
+    if (entry == read->end() || !entry->second.stored || entry->second.size != manifest.size()) return false;
+    std::string bytes(manifest.size(), '\0');
+    return ::pread(fd, bytes.data(), bytes.size(), off_t(entry->second.offset)) == ssize_t(bytes.size()) &&
+           bytes == manifest;
+}
+
 }  // namespace
 
 ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Download*>& fresh) {
@@ -69,7 +84,10 @@ ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Downlo
     struct Done {  // whatever the outcome, the component is no longer to be stored
         Storer& storer;
         const Identity& identity;
-        ~Done() { storer.Finished(identity); }
+        bool handedOver = false;  // to the store's thread: Commit finishes it
+        ~Done() {
+            if (!handedOver) storer.Finished(identity);
+        }
     } done{*this, plan.identity};
     std::unique_ptr<MergedArchive> previous = run_.OpenMerged(plan.identity);
     Manifest manifest;
@@ -94,6 +112,11 @@ ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Downlo
                                        }),
                         base.versions.end());
     Manifest next = NextManifest(run_.source.catalog, run_.selection.components[index], std::move(base), stored, run_.options);
+    if (plan.damaged.empty() && Submit(index, next, fresh, previous.get())) {
+        for (auto& [version, part] : parts) part->Release();  // the store's thread has them now
+        done.handedOver = true;
+        return Collect(false);
+    }
 
     std::map<Version, std::unique_ptr<TemporaryFile>> copies;  // per-version archives to be
     if (!next.versions.empty() && (previous == nullptr || FormatManifest(next) != FormatManifest(manifest) ||
@@ -115,6 +138,167 @@ ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Downlo
     run_.final[plan.identity] = next;
     const ZOVRELAY_Status status = KeepVersionArchives(plan, next, copies);
     Finished(plan.identity);
+    if (status > 0) Checkpoint();
+    return status;
+}
+
+// A component written on the store's thread. The inputs are copies: the thread reads nothing the
+// calling thread may change meanwhile.
+struct Storer::Written {
+    size_t index = 0;
+    Identity identity;
+    Manifest next;
+    std::string part, merged, entry, manifest;
+    uint64_t headroom = 0, size = 0, align = 0;
+    uint32_t crc = 0;
+    // The outcome.
+    ZOVRELAY_Status status = kSuccess;
+    int error = 0;         // errno of the failure
+    bool unnamed = false;  // a failure of the writer (it names no file), not of the rename
+    std::map<std::string, EntryRange> ranges;
+    std::optional<FileIdentity> file;  // the archive in place, after its link was made
+};
+
+namespace {
+
+// The store's thread's part: the archive built around the part and checked, renamed into place
+// and published. Nothing here raises an event or records a failure.
+void WriteNew(int packages, Storer::Written& w) noexcept {
+    try {
+        FileDescriptor file(OpenOwnFileAt(packages, w.part));
+        ZOVRELAY_Status status = file.get() >= 0 ? kSuccess : FileStatus(errno);
+        if (status > 0) {
+            ZipWriter writer(file.get(), w.headroom + w.size);
+            status = writer.Adopt(w.entry, 0, w.size, w.crc, w.align);
+            if (status > 0) status = writer.Add(kManifestEntry, w.manifest);
+            if (status > 0) status = writer.Finish();
+            if (status > 0) w.ranges = writer.Ranges();
+            if (status > 0 && !WrittenAsLaidOut(file.get(), w.ranges, w.manifest)) status = kIntegrityFailed;
+        }
+        w.unnamed = status <= 0;
+        if (status <= 0) w.error = errno;
+        if (status > 0 && (w.error = RenameOver(packages, w.part, w.merged)) != 0) status = FileStatus(w.error);
+        if (status > 0) {
+            PublishArchive(packages, w.identity);  // at best: the catalogs' write links what is left
+            struct stat info {};
+            if (::fstatat(packages, w.merged.c_str(), &info, AT_SYMLINK_NOFOLLOW) == 0 && S_ISREG(info.st_mode))
+                w.file = IdentityOf(info);
+        }
+        w.status = status;
+    } catch (...) {
+        w.status = kOutOfMemory, w.error = ENOMEM, w.unnamed = true;
+    }
+}
+
+}  // namespace
+
+Storer::~Storer() = default;
+
+// Hands a new component of one fresh version to the store's thread; false when it is not one, or
+// no thread is working.
+bool Storer::Submit(size_t index, const Manifest& next, const std::map<Version, const Download*>& fresh,
+                    const MergedArchive* previous) {
+    const ComponentPlan& plan = run_.plan.components[index];
+    if (!working_ || previous != nullptr || run_.options.buildPatch != 0 || fresh.size() != 1 ||
+        next.versions.size() != 1 || listed_.count(plan.identity) != 0)
+        return false;
+    const HeldVersion& held = next.versions.front();
+    const auto f = fresh.find(held.version);
+    if (f == fresh.end()) return false;
+    auto w = std::make_unique<Written>();
+    w->index = index, w->identity = plan.identity, w->next = next;
+    w->part = f->second->part, w->merged = MergedArchiveName(plan.identity), w->entry = EntryName(held);
+    w->manifest = FormatManifest(next);
+    w->headroom = f->second->headroom, w->size = f->second->size, w->crc = f->second->crc32;
+    w->align = Alignment(run_.options, f->second->size);
+    const std::lock_guard<std::mutex> lock(mutex_);
+    queued_.push_back(std::move(w));
+    changed_.notify_all();
+    return true;
+}
+
+void Storer::Work() noexcept {
+    for (;;) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [&] { return stopping_ || !queued_.empty(); });
+        if (stopping_) return;
+        std::unique_ptr<Written> w = std::move(queued_.front());
+        queued_.pop_front();
+        ++writing_;
+        lock.unlock();
+        WriteNew(run_.packages, *w);
+        lock.lock();
+        --writing_;
+        written_.push_back(std::move(w));
+        changed_.notify_all();
+    }
+}
+
+void Storer::StopWork() noexcept {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    stopping_ = true;
+    working_ = false;
+    changed_.notify_all();
+}
+
+ZOVRELAY_Status Storer::Collect(bool all) {
+    std::deque<std::unique_ptr<Written>> written;
+    {
+        std::unique_lock<std::mutex> lock(mutex_);
+        if (all) {
+            // What the thread has not taken is written here: it may have no thread at all.
+            while (!queued_.empty()) {
+                std::unique_ptr<Written> w = std::move(queued_.front());
+                queued_.pop_front();
+                lock.unlock();
+                WriteNew(run_.packages, *w);
+                lock.lock();
+                written_.push_back(std::move(w));
+            }
+            changed_.wait(lock, [&] { return writing_ == 0; });
+        }
+        written.swap(written_);
+    }
+    ZOVRELAY_Status status = kSuccess;
+    for (const std::unique_ptr<Written>& w : written) {
+        const ZOVRELAY_Status committed = Commit(*w);
+        if (status > 0 && committed <= 0) status = committed;
+    }
+    return status;
+}
+
+// What Store records of a component once its archive is written (see Replace), or reports when it
+// could not be.
+ZOVRELAY_Status Storer::Commit(Written& w) {
+    struct Done {
+        Storer& storer;
+        const Identity& identity;
+        ~Done() { storer.Finished(identity); }
+    } done{*this, w.identity};
+    if (w.status <= 0) {
+        ZOVRELAY_Status status = w.status;
+        if (!w.unnamed) {  // the rename's failure, named here as ReplaceAt names it
+            const Failure failure = FromErrno(w.error);
+            status = Fail(failure.status, failure.reason, w.merged);
+        }
+        errno = w.error;
+        return NotStored(w.identity, status, w.unnamed, w.part);
+    }
+    HeldState& state = run_.state;
+    state.ServedChanged();
+    state.cache.Forget(w.merged);
+    if (w.file) {
+        CachedArchive entry{*w.file, 0, w.next, {}, true};
+        for (const HeldVersion& held : w.next.versions)
+            if (const auto range = w.ranges.find(EntryName(held)); range != w.ranges.end()) entry.ranges.insert(*range);
+        state.cache.Put(w.merged, std::move(entry));
+        run_.written.emplace_back(w.merged, *w.file);
+    }
+    state.served[w.identity] = Served(run_.packages, w.next, &state.cache);
+    run_.final[w.identity] = w.next;
+    std::map<Version, std::unique_ptr<TemporaryFile>> copies;
+    const ZOVRELAY_Status status = KeepVersionArchives(run_.plan.components[w.index], w.next, copies);
+    Finished(w.identity);
     if (status > 0) Checkpoint();
     return status;
 }
@@ -240,11 +424,10 @@ ZOVRELAY_Status Storer::BuildArchive(const ComponentPlan& plan, Manifest& next,
     }
     if (status > 0) status = CopyVersions(plan, next, fresh, base, previous, writer, copies);
     if (status <= 0 || next.versions.empty()) return status;
-    if ((status = writer.Add(kManifestEntry, FormatManifest(next))) <= 0 || (status = writer.Finish()) <= 0) return status;
+    const std::string manifest = FormatManifest(next);
+    if ((status = writer.Add(kManifestEntry, manifest)) <= 0 || (status = writer.Finish()) <= 0) return status;
     ranges = writer.Ranges();
-    const std::unique_ptr<MergedArchive> written = MergedArchive::Open(run_.packages, built, true);
-    if (written == nullptr || FormatManifest(written->manifest()) != FormatManifest(next)) return kIntegrityFailed;
-    return kSuccess;
+    return WrittenAsLaidOut(file.get(), ranges, manifest) ? kSuccess : kIntegrityFailed;
 }
 
 // Every version but the adopted one is copied in, checked on the way: a held copy that no longer

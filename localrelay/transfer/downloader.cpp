@@ -8,6 +8,7 @@
 #include "transfer/http.h"
 #include "transfer/local.h"
 #include "transfer/outcomes.h"
+#include "base/beside.h"
 #include "base/status.h"
 
 #include <algorithm>
@@ -41,8 +42,8 @@ bool Crawled(const Job& job) {
 
 class Engine {
 public:
-    Engine(int directory, int64_t maxBandwidth, const Events& events, const DownloadDone& done)
-        : directory_(directory), budget_(maxBandwidth), outcomes_(directory, events, done) {}
+    Engine(int directory, int64_t maxBandwidth, const Events& events, const DownloadDone& done, PartMaker* maker)
+        : directory_(directory), budget_(maxBandwidth), outcomes_(directory, events, done), maker_(maker) {}
     ZOVRELAY_Status Run(std::vector<Download>& downloads);
 
 private:
@@ -62,6 +63,7 @@ private:
     int directory_;
     Budget budget_;
     Outcomes outcomes_;
+    PartMaker* maker_;
     std::unique_ptr<CURLM, CURLMcode (*)(CURLM*)> multi_{nullptr, curl_multi_cleanup};  // outlives the jobs
     std::map<std::string, Host> hosts_;
     std::vector<std::unique_ptr<Job>> jobs_;
@@ -319,7 +321,7 @@ ZOVRELAY_Status Engine::Unpause(Clock::duration& idle) {
 ZOVRELAY_Status Engine::Run(std::vector<Download>& downloads) {
     for (Download& d : downloads) {
         const std::string host = HostOf(d.address);
-        jobs_.push_back(std::make_unique<Job>(*this, directory_, d, hosts_[host]));
+        jobs_.push_back(std::make_unique<Job>(*this, directory_, d, hosts_[host], maker_));
     }
     // Largest first, so that a big package does not finish alone at the end.
     std::stable_sort(jobs_.begin(), jobs_.end(), [](const auto& a, const auto& b) { return a->d.size > b->d.size; });
@@ -356,8 +358,25 @@ ZOVRELAY_Status Engine::Run(std::vector<Download>& downloads) {
 
 ZOVRELAY_Status DownloadAll(std::vector<Download>& downloads, int packagesDirectory, int64_t maxBandwidth,
                             const Events& events, const DownloadDone& done) {
-    Engine engine(packagesDirectory, maxBandwidth, events, done);
-    return engine.Run(downloads);
+    // The parts in the order their transfers start (the engine's: largest first), made beside.
+    std::vector<const Download*> order;
+    for (const Download& d : downloads) order.push_back(&d);
+    std::stable_sort(order.begin(), order.end(), [](const Download* a, const Download* b) { return a->size > b->size; });
+    std::vector<std::string> names;
+    for (const Download* d : order) names.push_back(d->part);
+    PartMaker maker(packagesDirectory, std::move(names));
+    if (downloads.empty()) return Engine(packagesDirectory, maxBandwidth, events, done, nullptr).Run(downloads);
+    ZOVRELAY_Status status = kSuccess;
+    RunBeside([&maker]() noexcept { maker.Run(); },
+              [&] {
+                  struct Stop {  // however the engine ends, the maker's thread ends with it
+                      PartMaker& maker;
+                      ~Stop() { maker.Stop(); }
+                  } stop{maker};
+                  Engine engine(packagesDirectory, maxBandwidth, events, done, &maker);
+                  status = engine.Run(downloads);
+              });
+    return status;
 }
 
 }  // namespace localrelay

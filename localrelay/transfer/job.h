@@ -58,8 +58,8 @@ private:
 class Engine;
 
 struct Job {
-    Job(Engine& owner, int directory, Download& download, Host& source)
-        : engine(owner), d(download), part(directory, download), host(source) {}
+    Job(Engine& owner, int directory, Download& download, Host& source, PartMaker* maker)
+        : engine(owner), d(download), part(directory, download, maker), host(source) {}
     Engine& engine;
     Download& d;
     Part part;

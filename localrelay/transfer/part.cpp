@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <utility>
 #include <vector>
 
 namespace localrelay {
@@ -78,6 +79,11 @@ bool Part::Create() {
 
 bool Part::Open(bool resumable) {
     Reset();
+    if (maker_ != nullptr && (fd_ = maker_->Take(d_.part)) >= 0) {
+        validators = {};
+        made_ = true;
+        return true;
+    }
     if (resumable && Reopen()) return true;
     return Create();
 }
@@ -92,7 +98,7 @@ bool Part::Append(const char* data, size_t size) {
 
 bool Part::Restart() {
     const bool emptied = ::ftruncate(fd_, 0) == 0;
-    ::unlinkat(directory_, ResumeName(d_.part).c_str(), 0);
+    if (recorded_ || !made_) ::unlinkat(directory_, ResumeName(d_.part).c_str(), 0);
     recorded_ = false;
     validators = {};
     Reset();
@@ -111,7 +117,7 @@ bool Part::Intact() {
 }
 
 bool Part::Close() {
-    ::unlinkat(directory_, ResumeName(d_.part).c_str(), 0);
+    if (recorded_ || !made_) ::unlinkat(directory_, ResumeName(d_.part).c_str(), 0);
     const bool closed = ::close(fd_) == 0;
     fd_ = -1;
     return closed;
@@ -123,8 +129,69 @@ void Part::Release(bool keep) {
     fd_ = -1;
     if (!keep || !recorded_ || have_ == 0) {
         ::unlinkat(directory_, d_.part.c_str(), 0);
-        ::unlinkat(directory_, ResumeName(d_.part).c_str(), 0);
+        if (recorded_ || !made_) ::unlinkat(directory_, ResumeName(d_.part).c_str(), 0);
     }
+}
+
+PartMaker::PartMaker(int directory, std::vector<std::string> names) : directory_(directory) {
+    slots_.reserve(names.size());
+    for (std::string& name : names) slots_.push_back(Slot{std::move(name)});
+    for (size_t i = 0; i < slots_.size(); ++i) index_.emplace(slots_[i].name, i);  // a repeated name: its first
+}
+
+PartMaker::~PartMaker() {
+    for (const Slot& slot : slots_)
+        if (slot.state == State::kMade) {
+            ::close(slot.fd);
+            ::unlinkat(directory_, slot.name.c_str(), 0);
+        }
+}
+
+void PartMaker::Stop() noexcept {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    stopped_ = true;
+    changed_.notify_all();
+}
+
+// As Part::Create makes it, but only where nothing is in the way but a stale part: whatever else
+// (a resume record, a name that cannot be removed) is left for the part's own opening.
+void PartMaker::Run() noexcept {
+    constexpr int kCreate = O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_RDWR;
+    for (size_t next = 0; next < slots_.size(); ++next) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        changed_.wait(lock, [&] { return stopped_ || waiting_ < kAhead; });
+        Slot& slot = slots_[next];
+        if (stopped_) return;
+        if (slot.state != State::kPending || index_.at(slot.name) != next) continue;
+        slot.state = State::kMaking;
+        lock.unlock();
+        int fd = -1;
+        struct stat record {};
+        if (::fstatat(directory_, ResumeName(slot.name).c_str(), &record, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
+            fd = ::openat(directory_, slot.name.c_str(), kCreate, 0644);
+            if (fd < 0 && errno == EEXIST && ::unlinkat(directory_, slot.name.c_str(), 0) == 0)
+                fd = ::openat(directory_, slot.name.c_str(), kCreate, 0644);
+        }
+        lock.lock();
+        slot.fd = fd;
+        slot.state = fd >= 0 ? State::kMade : State::kLeft;
+        if (fd >= 0) ++waiting_;
+        changed_.notify_all();
+    }
+}
+
+int PartMaker::Take(const std::string& name) noexcept {
+    const auto found = index_.find(name);
+    if (found == index_.end()) return -1;
+    Slot& slot = slots_[found->second];
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [&] { return slot.state != State::kMaking; });
+    const int fd = slot.state == State::kMade ? slot.fd : -1;
+    if (fd >= 0) --waiting_;
+    slot.state = State::kLeft;
+    slot.fd = -1;
+    changed_.notify_all();
+    return fd;
 }
 
 }  // namespace localrelay

@@ -8,14 +8,59 @@
 #include "transfer/package.h"
 #include "transfer/resume.h"
 
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
 
 namespace localrelay {
 
+// Creates the parts of a download's packages ahead of their transfers, on a thread beside the one
+// that drives them: creating a file is most of what a small package costs the file system (an
+// inode to find, which on a file system without a journal means stepping over every inode deleted
+// in the last minutes), and the driving thread has the network, the digests and the store to do.
+// A part is made only where no resume record lies (that part is continued, not made anew), at
+// most kAhead before it is taken, in the order the parts are named; what nobody took by the end
+// is removed.
+class PartMaker {
+public:
+    static constexpr size_t kAhead = 16;
+    PartMaker(int directory, std::vector<std::string> names);
+    PartMaker(const PartMaker&) = delete;
+    PartMaker& operator=(const PartMaker&) = delete;
+    ~PartMaker();  // removes what was made and not taken; Stop() first
+
+    // The maker's thread: makes parts until every name was seen or Stop().
+    void Run() noexcept;
+    void Stop() noexcept;
+    // The descriptor of the part made for `name`, its ownership with it; -1 when none was (not
+    // one of the names, not made yet, a resume record there, or its creation failed): the caller
+    // then opens it as it would without a maker, and the maker leaves that name alone.
+    int Take(const std::string& name) noexcept;
+
+private:
+    enum class State { kPending, kMaking, kMade, kLeft };
+    struct Slot {
+        std::string name;
+        State state = State::kPending;
+        int fd = -1;
+    };
+    int directory_;
+    std::vector<Slot> slots_;
+    std::unordered_map<std::string_view, size_t> index_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    size_t waiting_ = 0;  // made and not taken
+    bool stopped_ = false;
+};
+
 class Part {
 public:
-    Part(int directory, Download& d) : directory_(directory), d_(d) {}
+    Part(int directory, Download& d, PartMaker* maker = nullptr) : directory_(directory), d_(d), maker_(maker) {}
     Part(const Part&) = delete;
     Part& operator=(const Part&) = delete;
     ~Part() { Release(); }
@@ -50,12 +95,14 @@ private:
 
     int directory_;
     Download& d_;
+    PartMaker* maker_;
     int fd_ = -1;
     uint64_t have_ = 0;
     std::unique_ptr<Sha256> digest_;
     uint32_t crc_ = 0;
     bool recorded_ = false;
     bool digestChecked_ = false;
+    bool made_ = false;  // made by the maker, where no resume record lay: none to remove unless written
 };
 
 }  // namespace localrelay
