@@ -3,6 +3,7 @@
 // itself swapped for a link during a run. Each case checks a sentinel file's bytes and the outside
 // directory's listing. Contexts share /dev/shm/sem.zovrelay.
 #include "localrelay_fixture.h"
+#include "api/extensions.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -35,7 +36,16 @@ protected:
 TEST_F(Safety, PlantedNamesNeverReachOutside) {
     const std::string part = "packages/." + std::string(kPattern) + "_1.100.1.0.part";
     const std::string sentinel = (root / "outside/sentinel.zip").string();
-    const struct { const char* what; std::function<void(const fs::path&)> plant; ZOVRELAY_Status status; } cases[] = {
+    const std::string archive = "packages/" + std::string(kPattern) + "_merged.zip";
+    const struct {
+        const char* what;
+        std::function<void(const fs::path&)> plant;
+        ZOVRELAY_Status status;
+        unsigned held = 3;        // versions held after the run
+        bool buildPatch = true;   // per-version archives are written too; without, new archives are
+                                  // written on the store's thread
+        const char* named = "";   // in the failure's message
+    } cases[] = {
         {"links as the index, the source catalog, the lock and the record", [&](const fs::path& r) {
              for (const char* name : {"server.ini", "source.ini", ".lock", ".verified", ".held", ".server.ini.tmp"}) fs::create_symlink(sentinel, r / name);
          }, kSuccess},
@@ -43,6 +53,8 @@ TEST_F(Safety, PlantedNamesNeverReachOutside) {
                                                        fs::create_symlink(sentinel, r / "packages" / (std::string(kEngine) + "_1.200.1.0.zip")); }, kSuccess},
         {"a hard link as a part file", [&](const fs::path& r) { fs::create_hard_link(sentinel, r / part); }, kSuccess},
         {"full directories under a part's and the index's names", [&](const fs::path& r) { WriteFile(r / part / "x", "x"), WriteFile(r / "server.ini/x", "x"); }, kIoError},
+        {"a full directory under a new archive's name", [&](const fs::path& r) { WriteFile(r / archive / "x", "x"); }, kIoError, 2, false,
+         "_merged.zip"},
         {"packages/ a link to the outside", [&](const fs::path& r) { fs::remove(r / "packages"), fs::create_directory_symlink(root / "outside", r / "packages"); },
          kRepositoryNotAccessible},
     };
@@ -55,9 +67,13 @@ TEST_F(Safety, PlantedNamesNeverReachOutside) {
         Context context(repository.string());
         EXPECT_EQ(context.status, c.status == kRepositoryNotAccessible ? c.status : kSuccess) << c.what;
         if (context.handle != nullptr) {
-            ZOVRELAY_SetOption(context.handle, 9, 1);  // buildpatch: per-version archives are written too
-            EXPECT_EQ(Mirror(context.handle).status, c.status) << c.what;
-            EXPECT_EQ(Versions(Held(context.handle)), 3u) << c.what;
+            ZOVRELAY_SetOption(context.handle, 9, c.buildPatch ? 1 : 0);
+            const Outcome mirrored = Mirror(context.handle);
+            EXPECT_EQ(mirrored.status, c.status) << c.what;
+            EXPECT_EQ(Versions(Held(context.handle)), c.held) << c.what;
+            char* message = ZOVRELAY_LocalLastMessage(mirrored.status);
+            EXPECT_NE(std::string(message != nullptr ? message : "").find(c.named), std::string::npos) << c.what;
+            ZOVRELAY_LocalFreeText(message);
             EXPECT_EQ(Mirror(context.handle).status, c.status) << c.what << ": a second run is not jammed";
         }
         EXPECT_EQ(Outside(), before) << c.what;
