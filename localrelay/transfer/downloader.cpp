@@ -367,15 +367,16 @@ ZOVRELAY_Status DownloadAll(std::vector<Download>& downloads, int packagesDirect
     PartMaker maker(packagesDirectory, std::move(names));
     if (downloads.empty()) return Engine(packagesDirectory, maxBandwidth, events, done, nullptr).Run(downloads);
     ZOVRELAY_Status status = kSuccess;
-    RunBeside([&maker]() noexcept { maker.Run(); },
-              [&] {
-                  struct Stop {  // however the engine ends, the maker's thread ends with it
-                      PartMaker& maker;
-                      ~Stop() { maker.Stop(); }
-                  } stop{maker};
-                  Engine engine(packagesDirectory, maxBandwidth, events, done, &maker);
-                  status = engine.Run(downloads);
-              });
+    RunBeside([&maker]() noexcept { maker.Run(); }, [&] {
+        RunBeside([&maker]() noexcept { maker.Run(true); }, [&] {
+            struct Stop {  // however the engine ends, the makers' threads end with it
+                PartMaker& maker;
+                ~Stop() { maker.Stop(); }
+            } stop{maker};
+            Engine engine(packagesDirectory, maxBandwidth, events, done, &maker);
+            status = engine.Run(downloads);
+        });
+    });
     return status;
 }
 

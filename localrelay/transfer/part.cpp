@@ -7,6 +7,8 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
+#include <cstdio>
 #include <utility>
 #include <vector>
 
@@ -150,33 +152,77 @@ PartMaker::~PartMaker() {
 void PartMaker::Stop() noexcept {
     const std::lock_guard<std::mutex> lock(mutex_);
     stopped_ = true;
-    changed_.notify_all();
+    room_.notify_all();
+    unnamedStarted_.notify_all();
 }
 
-// As Part::Create makes it, but only where nothing is in the way but a stale part: whatever else
-// (a resume record, a name that cannot be removed) is left for the part's own opening.
-void PartMaker::Run() noexcept {
-    constexpr int kCreate = O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_RDWR;
-    for (size_t next = 0; next < slots_.size(); ++next) {
-        std::unique_lock<std::mutex> lock(mutex_);
-        changed_.wait(lock, [&] { return stopped_ || waiting_ < kAhead; });
-        Slot& slot = slots_[next];
-        if (stopped_) return;
-        if (slot.state != State::kPending || index_.at(slot.name) != next) continue;
-        slot.state = State::kMaking;
-        lock.unlock();
-        int fd = -1;
-        struct stat record {};
-        if (::fstatat(directory_, ResumeName(slot.name).c_str(), &record, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT) {
-            fd = ::openat(directory_, slot.name.c_str(), kCreate, 0644);
-            if (fd < 0 && errno == EEXIST && ::unlinkat(directory_, slot.name.c_str(), 0) == 0)
-                fd = ::openat(directory_, slot.name.c_str(), kCreate, 0644);
+// How a part is made. Created under its name, as Part::Create creates it, while that is quick.
+// But ext4 holds a directory for the whole of a creation, finding the inode included, and without
+// a journal that means stepping over every inode deleted in the last minutes: a millisecond each
+// after a large removal, one creation at a time. Once creations are that slow, parts are made
+// unnamed (O_TMPFILE, which holds no directory) and then linked under their name, so that the two
+// makers find inodes side by side (where the journal makes that dearer, creations stay quick and
+// this never starts). Where the file system cannot make unnamed files or /proc is not there to
+// link them, parts are created under their names. Only a stale part is put out of the way:
+// anything else under the name is left for the part's own opening (-1).
+int PartMaker::Make(const std::string& name) {
+    if (unnamed_.load(std::memory_order_relaxed) == kUnnamed) {
+        const int fd = ::openat(directory_, ".", O_TMPFILE | O_RDWR | O_CLOEXEC, 0644);
+        if (fd >= 0) {
+            char path[40];
+            std::snprintf(path, sizeof path, "/proc/self/fd/%d", fd);
+            int linked = ::linkat(AT_FDCWD, path, directory_, name.c_str(), AT_SYMLINK_FOLLOW);
+            if (linked != 0 && errno == EEXIST && ::unlinkat(directory_, name.c_str(), 0) == 0)
+                linked = ::linkat(AT_FDCWD, path, directory_, name.c_str(), AT_SYMLINK_FOLLOW);
+            const int error = errno;
+            if (linked == 0) return fd;
+            ::close(fd);
+            if (error == EEXIST || error == EISDIR) return -1;
         }
+        unnamed_ = kNever;
+    }
+    constexpr int kCreate = O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_RDWR;
+    const auto start = std::chrono::steady_clock::now();
+    int fd = ::openat(directory_, name.c_str(), kCreate, 0644);
+    if (fd < 0 && errno == EEXIST && ::unlinkat(directory_, name.c_str(), 0) == 0)
+        fd = ::openat(directory_, name.c_str(), kCreate, 0644);
+    constexpr auto kSlow = std::chrono::microseconds(250);
+    int expected = kNamed;
+    if (std::chrono::steady_clock::now() - start > kSlow && ++slow_ >= 8 &&
+        unnamed_.compare_exchange_strong(expected, kUnnamed)) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        unnamedStarted_.notify_all();  // the second maker starts
+    }
+    return fd;
+}
+
+void PartMaker::Run(bool second) noexcept {
+    if (second) {  // it helps only where parts are made unnamed: under names, creations in one
+                   // directory go one at a time anyway
+        std::unique_lock<std::mutex> lock(mutex_);
+        unnamedStarted_.wait(lock, [&] { return stopped_ || unnamed_.load() == kUnnamed; });
+    }
+    for (;;) {
+        std::unique_lock<std::mutex> lock(mutex_);
+        room_.wait(lock, [&] { return stopped_ || next_ >= slots_.size() || waiting_ + making_ < kAhead; });
+        if (stopped_ || next_ >= slots_.size()) return;
+        const size_t index = next_++;
+        Slot& slot = slots_[index];
+        if (slot.state != State::kPending || index_.at(slot.name) != index) continue;
+        slot.state = State::kMaking;
+        ++making_;
+        lock.unlock();
+        // A part with a resume record is continued, not made anew.
+        struct stat record {};
+        const int fd = ::fstatat(directory_, ResumeName(slot.name).c_str(), &record, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT
+                           ? Make(slot.name)
+                           : -1;
         lock.lock();
+        --making_;
         slot.fd = fd;
         slot.state = fd >= 0 ? State::kMade : State::kLeft;
         if (fd >= 0) ++waiting_;
-        changed_.notify_all();
+        if (taking_ > 0) made_.notify_all();
     }
 }
 
@@ -185,12 +231,14 @@ int PartMaker::Take(const std::string& name) noexcept {
     if (found == index_.end()) return -1;
     Slot& slot = slots_[found->second];
     std::unique_lock<std::mutex> lock(mutex_);
-    changed_.wait(lock, [&] { return slot.state != State::kMaking; });
+    ++taking_;
+    made_.wait(lock, [&] { return slot.state != State::kMaking; });
+    --taking_;
     const int fd = slot.state == State::kMade ? slot.fd : -1;
     if (fd >= 0) --waiting_;
     slot.state = State::kLeft;
     slot.fd = -1;
-    changed_.notify_all();
+    if (fd >= 0 && waiting_ + making_ + 1 == kAhead) room_.notify_all();  // a maker may wait for room
     return fd;
 }
 

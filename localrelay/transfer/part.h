@@ -8,6 +8,7 @@
 #include "transfer/package.h"
 #include "transfer/resume.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
@@ -19,13 +20,13 @@
 
 namespace localrelay {
 
-// Creates the parts of a download's packages ahead of their transfers, on a thread beside the one
-// that drives them: creating a file is most of what a small package costs the file system (an
-// inode to find, which on a file system without a journal means stepping over every inode deleted
-// in the last minutes), and the driving thread has the network, the digests and the store to do.
-// A part is made only where no resume record lies (that part is continued, not made anew), at
-// most kAhead before it is taken, in the order the parts are named; what nobody took by the end
-// is removed.
+// Creates the parts of a download's packages ahead of their transfers, on two threads beside the
+// one that drives them: creating a file is most of what a small package costs the file system (an
+// inode to find, which on ext4 without a journal means stepping over every inode deleted in the
+// last minutes), and the driving thread has the network, the digests and the store to do. A part
+// is made only where no resume record lies (that part is continued, not made anew), at most
+// kAhead before it is taken, in the order the parts are named; what nobody took by the end is
+// removed.
 class PartMaker {
 public:
     static constexpr size_t kAhead = 16;
@@ -34,8 +35,8 @@ public:
     PartMaker& operator=(const PartMaker&) = delete;
     ~PartMaker();  // removes what was made and not taken; Stop() first
 
-    // The maker's thread: makes parts until every name was seen or Stop().
-    void Run() noexcept;
+    // A maker's thread (two run side by side): makes parts until every name was seen or Stop().
+    void Run(bool second = false) noexcept;
     void Stop() noexcept;
     // The descriptor of the part made for `name`, its ownership with it; -1 when none was (not
     // one of the names, not made yet, a resume record there, or its creation failed): the caller
@@ -49,13 +50,21 @@ private:
         State state = State::kPending;
         int fd = -1;
     };
+    int Make(const std::string& name);
+
     int directory_;
     std::vector<Slot> slots_;
     std::unordered_map<std::string_view, size_t> index_;
     std::mutex mutex_;
-    std::condition_variable changed_;
+    std::condition_variable room_, made_, unnamedStarted_;  // for makers, takers, the second maker
+    size_t taking_ = 0;                                      // takers waiting for a part being made
+    size_t next_ = 0;     // the next slot a maker looks at
+    size_t making_ = 0;   // being made
     size_t waiting_ = 0;  // made and not taken
     bool stopped_ = false;
+    enum { kNamed, kUnnamed, kNever };
+    std::atomic<int> unnamed_{kNamed};  // how parts are made (see Make)
+    std::atomic<int> slow_{0};          // creations under a name that took long
 };
 
 class Part {
