@@ -135,7 +135,8 @@ void Part::Release(bool keep) {
     }
 }
 
-PartMaker::PartMaker(int directory, std::vector<std::string> names) : directory_(directory) {
+PartMaker::PartMaker(int directory, std::vector<std::string> names, bool unnamed)
+    : directory_(directory), unnamed_(unnamed ? kUnnamed : kNamed) {
     slots_.reserve(names.size());
     for (std::string& name : names) slots_.push_back(Slot{std::move(name)});
     for (size_t i = 0; i < slots_.size(); ++i) index_.emplace(slots_[i].name, i);  // a repeated name: its first

@@ -30,7 +30,8 @@ namespace localrelay {
 class PartMaker {
 public:
     static constexpr size_t kAhead = 16;
-    PartMaker(int directory, std::vector<std::string> names);
+    // `unnamed`: parts are made unnamed from the start, not once creations turned slow.
+    PartMaker(int directory, std::vector<std::string> names, bool unnamed = false);
     PartMaker(const PartMaker&) = delete;
     PartMaker& operator=(const PartMaker&) = delete;
     ~PartMaker();  // removes what was made and not taken; Stop() first

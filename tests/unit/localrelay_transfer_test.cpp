@@ -3,6 +3,7 @@
 #include "api/extensions.h"
 #include "localrelay_fixture.h"
 #include "transfer/downloader.h"
+#include "transfer/part.h"
 #include "transfer/transfer.h"
 
 #include <fcntl.h>
@@ -125,6 +126,40 @@ TEST_F(LocalTransfer, SizesThatWouldWrapAreRefused) {
     EXPECT_EQ(std::string(message).rfind("invalid catalog (sizes sum past 2^63): ", 0), 0u) << message;
     ZOVRELAY_LocalFreeText(message);
     EXPECT_FALSE(fs::exists(Path("repository/packages")) && !fs::is_empty(Path("repository/packages")));
+}
+
+// Parts made ahead, under their names or unnamed and then linked: a stale part or a link under
+// the name is replaced (the link's target untouched), a name something else holds or that has a
+// resume record is left to the part's own opening, and what nobody took is removed.
+TEST_F(LocalTransfer, PartsMadeAheadTakeOnlyTheirNames) {
+    for (const bool unnamed : {false, true}) {
+        const fs::path dir = root / (unnamed ? "unnamed" : "named");
+        fs::create_directories(dir / ".held.part");  // a directory under a part's name
+        WriteFile(dir / ".stale.part", "stale");
+        WriteFile(dir / ".resumed.part", "kept"), WriteFile(dir / ".resumed.resume.part", "record");
+        WriteFile(root / "outside", "outside");
+        fs::create_symlink(root / "outside", dir / ".linked.part");
+        const int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        {
+            PartMaker maker(fd, {".fresh.part", ".stale.part", ".linked.part", ".held.part", ".resumed.part", ".untaken.part"},
+                            unnamed);
+            maker.Run();  // no thread: every name is looked at first
+            for (const char* name : {".fresh.part", ".stale.part", ".linked.part"}) {
+                const int part = maker.Take(name);
+                EXPECT_GE(part, 0) << name << (unnamed ? " unnamed" : "");
+                EXPECT_EQ(::write(part, "new", 3), 3);
+                ::close(part);
+                EXPECT_EQ(ReadFile(dir / name), "new") << name;
+            }
+            for (const char* name : {".held.part", ".resumed.part", ".other.part"}) EXPECT_EQ(maker.Take(name), -1) << name;
+            EXPECT_TRUE(fs::exists(dir / ".untaken.part"));
+        }
+        ::close(fd);
+        EXPECT_FALSE(fs::exists(dir / ".untaken.part"));
+        EXPECT_EQ(ReadFile(dir / ".resumed.part"), "kept");
+        EXPECT_TRUE(fs::is_directory(dir / ".held.part"));
+        EXPECT_EQ(ReadFile(root / "outside"), "outside");
+    }
 }
 
 }  // namespace
