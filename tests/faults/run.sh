@@ -17,12 +17,14 @@ command -v ccache >/dev/null && launcher=-DCMAKE_CXX_COMPILER_LAUNCHER=ccache
 mkdir -p "$src" "$build"
 
 # The tree as checked out (tracked and untracked files, without what git ignores), or the commit
-# FAULTS_REV, to measure an earlier suite against the same faults.
+# FAULTS_REV, to measure an earlier suite against the same faults. Extracted with the time of
+# extraction: a file restored after an earlier run's fault is older than that fault's object file,
+# which the build would otherwise keep.
 if [ -n "${FAULTS_REV:-}" ]; then
-  git -C "$top" archive "$FAULTS_REV" | tar -C "$src" -xf -
+  git -C "$top" archive "$FAULTS_REV" | tar -C "$src" -xmf -
 else
   (cd "$top" && git ls-files -co --exclude-standard | while read -r f; do [ -e "$f" ] && echo "$f"; done |
-    tar -cf - -T -) | tar -C "$src" -xf -
+    tar -cf - -T -) | tar -C "$src" -xmf -
 fi
 cmake -S "$src" -B "$build" -DCMAKE_BUILD_TYPE=RelWithDebInfo $launcher >"$scratch/configure.log" 2>&1 ||
   { cat "$scratch/configure.log"; exit 1; }
