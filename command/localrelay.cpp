@@ -7,8 +7,9 @@
 //       mode set: `plan`, the mirror plans and writes nothing (a dry run exact by construction);
 //       `readback`, every held archive is read back in full. Answers the plan the mirror made as
 //       JSON text (nil when none, or when `keep` is false: a large repository's plan costs more
-//       to hand over than a quiet night), then fn's results. An error in fn is raised again as it
-//       was, after the mode is restored.
+//       to hand over than a quiet night), then fn's results; with `answer` false the mirror's
+//       table of products is empty (the caller reads the report instead). An error in fn is
+//       raised again as it was, after the mode is restored.
 //   localrelay.message(status) the message of the calling thread's last failure in full, when
 //       `status` is that failure (the module's message is cut to 63 characters), or nil
 //   localrelay.stoponsignal()  SIGTERM and SIGINT ask the running operation to stop as a
@@ -66,7 +67,7 @@ int l_run(lua_State* L) {
     luaL_checktype(L, 1, LUA_TTABLE);
     luaL_checktype(L, 2, LUA_TFUNCTION);
     const int mode = (flag(L, "keep", 1) ? ZOVRELAY_LOCAL_KEEP_PLAN : 0) | (flag(L, "plan") ? ZOVRELAY_LOCAL_PLAN_ONLY : 0) |
-                     (flag(L, "readback") ? ZOVRELAY_LOCAL_READ_BACK : 0);
+                     (flag(L, "readback") ? ZOVRELAY_LOCAL_READ_BACK : 0) | (flag(L, "answer", 1) ? 0 : ZOVRELAY_LOCAL_NO_ANSWER);
     ZOVRELAY_LocalFreeText(ZOVRELAY_LocalTakePlan());  // a plan left by an earlier call is not this one's
     const int before = ZOVRELAY_LocalRunMode(mode);
     const int base = 1;  // results start above the modes table once fn and its arguments are consumed

@@ -25,6 +25,7 @@ char* Copy(const std::string& text) {
 
 bool PlanOnly() noexcept { return (runMode & ZOVRELAY_LOCAL_PLAN_ONLY) != 0; }
 bool ReadBackAll() noexcept { return (runMode & ZOVRELAY_LOCAL_READ_BACK) != 0; }
+bool NoAnswer() noexcept { return (runMode & ZOVRELAY_LOCAL_NO_ANSWER) != 0; }
 bool KeepsPlan() noexcept { return (runMode & (ZOVRELAY_LOCAL_READ_BACK | ZOVRELAY_LOCAL_KEEP_PLAN)) != 0; }
 
 const std::optional<std::string>& GivenSigningKey() noexcept { return signingKey; }

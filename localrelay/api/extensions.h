@@ -16,6 +16,9 @@ enum {
                                    // no event; a context does not create its repository
     ZOVRELAY_LOCAL_READ_BACK = 2,  // every held archive is read back in full, due or not
     ZOVRELAY_LOCAL_KEEP_PLAN = 4,  // a mirror that runs keeps its plan for ZOVRELAY_LocalTakePlan too
+    ZOVRELAY_LOCAL_NO_ANSWER = 8,  // ZOVRELAY_Duplicate hands out no products (its caller reads the
+                                   // report): the module's table of 20,000 components costs several
+                                   // times a quiet night
 };
 
 // Sets the calling thread's run mode (0: as the interface says) and answers the one before.

@@ -382,7 +382,7 @@ ZOVRELAY_Status ZOVRELAY_Duplicate(ZOVRELAY_Context* context, const ZOVRELAY_Pro
         const Request request{products, productCount, sources, sourceCount};
         std::vector<ListedProduct> result;
         ZOVRELAY_Status status = PlanOnly() ? PlanMirror(operation, request, result) : RunMirror(operation, request, result);
-        if (status > 0) status = HandOut(result, information);
+        if (status > 0) status = HandOut(NoAnswer() ? std::vector<ListedProduct>() : result, information);
         return status;
     });
 }

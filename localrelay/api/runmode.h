@@ -12,6 +12,7 @@ namespace localrelay {
 bool PlanOnly() noexcept;
 bool ReadBackAll() noexcept;
 bool KeepsPlan() noexcept;  // an executed mirror keeps its plan as well
+bool NoAnswer() noexcept;   // a mirror hands out no products
 // The keys the thread gave with ZOVRELAY_LocalKeys (nullopt: none given).
 const std::optional<std::string>& GivenSigningKey() noexcept;
 const std::optional<std::string>& GivenTrustedKeys() noexcept;
