@@ -77,6 +77,16 @@ bool WrittenAsLaidOut(int fd, const std::map<std::string, EntryRange>& ranges, c
            bytes == manifest;
 }
 
+// The manifest and the central directory after the entries the writer has, and the layout checked.
+ZOVRELAY_Status FinishArchive(int fd, ZipWriter& writer, const std::string& manifest,
+                              std::map<std::string, EntryRange>& ranges) {
+    ZOVRELAY_Status status = writer.Add(kManifestEntry, manifest);
+    if (status > 0) status = writer.Finish();
+    if (status <= 0) return status;
+    ranges = writer.Ranges();
+    return WrittenAsLaidOut(fd, ranges, manifest) ? kSuccess : kIntegrityFailed;
+}
+
 }  // namespace
 
 ZOVRELAY_Status Storer::Store(size_t index, const std::map<Version, const Download*>& fresh) {
@@ -170,10 +180,7 @@ void WriteNew(int packages, Storer::Written& w) noexcept {
         if (status > 0) {
             ZipWriter writer(file.get(), w.headroom + w.size);
             status = writer.Adopt(w.entry, 0, w.size, w.crc, w.align);
-            if (status > 0) status = writer.Add(kManifestEntry, w.manifest);
-            if (status > 0) status = writer.Finish();
-            if (status > 0) w.ranges = writer.Ranges();
-            if (status > 0 && !WrittenAsLaidOut(file.get(), w.ranges, w.manifest)) status = kIntegrityFailed;
+            if (status > 0) status = FinishArchive(file.get(), writer, w.manifest, w.ranges);
         }
         w.unnamed = status <= 0;
         if (status <= 0) w.error = errno;
@@ -424,10 +431,7 @@ ZOVRELAY_Status Storer::BuildArchive(const ComponentPlan& plan, Manifest& next,
     }
     if (status > 0) status = CopyVersions(plan, next, fresh, base, previous, writer, copies);
     if (status <= 0 || next.versions.empty()) return status;
-    const std::string manifest = FormatManifest(next);
-    if ((status = writer.Add(kManifestEntry, manifest)) <= 0 || (status = writer.Finish()) <= 0) return status;
-    ranges = writer.Ranges();
-    return WrittenAsLaidOut(file.get(), ranges, manifest) ? kSuccess : kIntegrityFailed;
+    return FinishArchive(file.get(), writer, FormatManifest(next), ranges);
 }
 
 // Every version but the adopted one is copied in, checked on the way: a held copy that no longer
