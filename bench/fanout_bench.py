@@ -22,7 +22,7 @@ import threading
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ports import free_port, wait_port  # noqa: E402
+from ports import free_port, start_server, stop_server  # noqa: E402
 
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BUILD = os.environ.get("UPDATE_BUILD_DIR", os.path.join(TOP, "build"))
@@ -84,14 +84,12 @@ class Servers:
         return w + "/access.log"
 
     def spawn(self, argv, port):
-        process = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        process = start_server(argv, port)
         self.children.append(process)
-        wait_port(port, process)
 
     def close(self):
         for process in self.children:
-            process.kill()
-            process.wait()
+            stop_server(process)
 
 
 def mirror(repository, source, proxy=None):

@@ -68,6 +68,7 @@ int SpawnServer(const std::vector<std::string>& argv) {
     args.push_back(nullptr);
     const int pid = fork();
     if (pid == 0) {
+        setpgid(0, 0);  // a group of its own, so that nginx's workers end with it
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         const int null = open("/dev/null", O_WRONLY);
         dup2(null, 1);
@@ -220,12 +221,19 @@ Process::Process(const std::vector<std::string>& argv, uint16_t port) : pid_(Spa
         usleep(10000);
     }
     if (!ended && Accepts(port)) return;
-    if (!ended && kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
+    if (!ended && kill(-pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
     Check(false, argv[0] + " never served port " + std::to_string(port));
 }
 
+// Asked to end first (nginx's master then ends its workers and collects them), then the whole
+// group killed: a master killed alone leaves its workers serving a removed directory.
 Process::~Process() {
-    if (kill(pid_, SIGKILL) == 0) waitpid(pid_, nullptr, 0);
+    bool ended = false;
+    if (kill(pid_, SIGTERM) == 0)
+        for (int attempt = 0; attempt < 100 && !(ended = waitpid(pid_, nullptr, WNOHANG) == pid_); ++attempt)
+            usleep(10000);
+    kill(-pid_, SIGKILL);
+    if (!ended) waitpid(pid_, nullptr, 0);
 }
 
 Nginx::Nginx(const std::string& root, const std::string& directory) : port_(FreePort()) {

@@ -22,7 +22,7 @@ import tempfile
 import time
 
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
-from ports import free_port, wait_port  # noqa: E402
+from ports import free_port, start_server, stop_server  # noqa: E402
 
 TOP = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 BUILD = os.environ.get("UPDATE_BUILD_DIR", os.path.join(TOP, "build"))
@@ -56,9 +56,8 @@ http { access_log off; sendfile on; tcp_nopush on; keepalive_requests 1000000; k
         self.spawn(["/usr/sbin/nginx", "-p", work, "-c", work + "/nginx.conf"], self.http)
 
     def spawn(self, argv, port):
-        process = subprocess.Popen(argv, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        process = start_server(argv, port)
         self.children.append(process)
-        wait_port(port, process)
         return process
 
     def proxy(self, target, rtt_ms, count_file=None):
@@ -69,8 +68,7 @@ http { access_log off; sendfile on; tcp_nopush on; keepalive_requests 1000000; k
 
     def close(self):
         for process in self.children:
-            process.kill()
-            process.wait()
+            stop_server(process)
 
 
 def timed(argv, **kwargs):
@@ -187,7 +185,7 @@ def flaky(work, servers, www):
             except SystemExit as failure:
                 raise SystemExit("flaky source (%s): %s" % (mode, failure))
             finally:
-                proxy.kill(), proxy.wait(), servers.children.remove(proxy)
+                stop_server(proxy), servers.children.remove(proxy)
             if not holds_all(scenario.work + "/repository", source + "/server.ini"):
                 raise SystemExit("flaky source (%s): the repository lacks packages" % mode)
             received, made = open(counted).read().split()
