@@ -19,6 +19,17 @@ constexpr size_t kHashBuffer = 64 * 1024;
 // A part gets its resume record once it holds this much: below, fetching again costs less than
 // the record's file (creating files is most of the cost of a small package).
 constexpr uint64_t kRecordAfter = 256 * 1024;
+constexpr int kCreate = O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_RDWR;
+
+// A part created under `name`; whatever has the name (a stale part, a planted link) goes first.
+int CreateReplacing(int directory, const std::string& name) {
+    int fd = ::openat(directory, name.c_str(), kCreate, 0644);
+    if (fd < 0 && errno == EEXIST) {
+        ::unlinkat(directory, name.c_str(), 0);
+        fd = ::openat(directory, name.c_str(), kCreate, 0644);
+    }
+    return fd;
+}
 
 }  // namespace
 
@@ -62,12 +73,7 @@ bool Part::Reopen() {
 // Whatever has the name (a stale part, a planted link) goes; its record goes with it.
 bool Part::Create() {
     validators = {};
-    constexpr int kCreate = O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_RDWR;
-    fd_ = ::openat(directory_, d_.part.c_str(), kCreate, 0644);
-    if (fd_ < 0 && errno == EEXIST) {
-        ::unlinkat(directory_, d_.part.c_str(), 0);
-        fd_ = ::openat(directory_, d_.part.c_str(), kCreate, 0644);
-    }
+    fd_ = CreateReplacing(directory_, d_.part);
     if (fd_ < 0 && errno == EEXIST) {
         // Something that cannot be removed has the name (a full directory): use a fresh one.
         const std::string base = d_.part.substr(0, d_.part.size() - std::string(".part").size());
@@ -182,11 +188,8 @@ int PartMaker::Make(const std::string& name) {
         }
         unnamed_ = kNever;
     }
-    constexpr int kCreate = O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC | O_RDWR;
     const auto start = std::chrono::steady_clock::now();
-    int fd = ::openat(directory_, name.c_str(), kCreate, 0644);
-    if (fd < 0 && errno == EEXIST && ::unlinkat(directory_, name.c_str(), 0) == 0)
-        fd = ::openat(directory_, name.c_str(), kCreate, 0644);
+    const int fd = CreateReplacing(directory_, name);
     constexpr auto kSlow = std::chrono::microseconds(250);
     int expected = kNamed;
     if (std::chrono::steady_clock::now() - start > kSlow && ++slow_ >= 8 &&
